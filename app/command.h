@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+#include <map>
+
+// Subcommands of the kestrel host. Each app/cmd_<name>.cpp registers one with KESTREL_COMMAND;
+// its function gets the arguments after the subcommand's name and returns the exit status.
+namespace app {
+
+using CommandFunction = std::function<int(const QStringList& args)>;
+
+struct Command {
+    QString summary;
+    CommandFunction run;
+};
+
+std::map<QString, Command>& commands();
+
+struct CommandRegistration {
+    CommandRegistration(const char* name, const char* summary, CommandFunction run);
+};
+
+// One-line failure on stderr ("kestrel NAME: reason"); returns the exit status to use.
+int fail(const QString& command, const QString& reason, int status = 1);
+
+} // namespace app
+
+#define KESTREL_COMMAND_CAT2(a, b) a##b
+#define KESTREL_COMMAND_CAT(a, b) KESTREL_COMMAND_CAT2(a, b)
+#define KESTREL_COMMAND(name, summary, function) \
+    static const app::CommandRegistration KESTREL_COMMAND_CAT(kestrelCommand_, __LINE__)(name, summary, function)

@@ -1,0 +1,107 @@
+#include "internal/dcmvalues.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcitem.h>
+
+#include <QStringList>
+#include <QTextCodec>
+
+namespace kestrel::internal {
+
+bool dcmHas(DcmItem* item, const DcmTagKey& tag)
+{
+    return item && item->tagExists(tag);
+}
+
+QString dcmString(DcmItem* item, const DcmTagKey& tag, unsigned long pos, const QString& fallback)
+{
+    OFString value;
+    if (!item || item->findAndGetOFString(tag, value, pos).bad())
+        return fallback;
+    return QString::fromLatin1(value.c_str(), static_cast<int>(value.length()));
+}
+
+QString dcmStringAll(DcmItem* item, const DcmTagKey& tag, const QString& fallback)
+{
+    OFString value;
+    if (!item || item->findAndGetOFStringArray(tag, value).bad())
+        return fallback;
+    return QString::fromLatin1(value.c_str(), static_cast<int>(value.length()));
+}
+
+QByteArray dcmBytes(DcmItem* item, const DcmTagKey& tag)
+{
+    OFString value;
+    if (!item || item->findAndGetOFStringArray(tag, value).bad())
+        return QByteArray();
+    return QByteArray(value.c_str(), static_cast<int>(value.length()));
+}
+
+int dcmInt(DcmItem* item, const DcmTagKey& tag, int fallback, unsigned long pos)
+{
+    Sint32 value = 0;
+    if (item && item->findAndGetSint32(tag, value, pos).good())
+        return value;
+    bool ok = false;
+    const int parsed = dcmString(item, tag, pos).trimmed().toInt(&ok);
+    return ok ? parsed : fallback;
+}
+
+double dcmDouble(DcmItem* item, const DcmTagKey& tag, double fallback, unsigned long pos)
+{
+    Float64 value = 0;
+    if (item && item->findAndGetFloat64(tag, value, pos).good())
+        return value;
+    bool ok = false;
+    const double parsed = dcmString(item, tag, pos).trimmed().toDouble(&ok);
+    return ok ? parsed : fallback;
+}
+
+QVector<double> splitDoubles(const QString& text)
+{
+    QVector<double> values;
+    if (text.trimmed().isEmpty())
+        return values;
+    const QStringList parts = text.split('\\');
+    values.reserve(parts.size());
+    for (const QString& part : parts)
+        values.append(part.trimmed().toDouble());
+    return values;
+}
+
+QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag)
+{
+    return splitDoubles(dcmStringAll(item, tag));
+}
+
+QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet)
+{
+    const QString charset = specificCharacterSet.trimmed().toUpper();
+    if (charset == QLatin1String("ISO_IR 100"))
+        return QString::fromLatin1(bytes);
+    if (charset == QLatin1String("ISO_IR 192"))
+        return QString::fromUtf8(bytes);
+    if (charset == QLatin1String("GB18030") || charset == QLatin1String("GBK")) {
+        if (QTextCodec* codec = QTextCodec::codecForName("GB18030"))
+            return codec->toUnicode(bytes);
+    }
+    return QString::fromUtf8(bytes);
+}
+
+QString dcmCharacterSet(DcmItem* item)
+{
+    const QStringList values = dcmStringAll(item, DCM_SpecificCharacterSet).split('\\');
+    for (int i = values.size() - 1; i >= 0; --i) {
+        if (!values.at(i).trimmed().isEmpty())
+            return values.at(i).trimmed();
+    }
+    return QString();
+}
+
+QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
+{
+    return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item));
+}
+
+} // namespace kestrel::internal

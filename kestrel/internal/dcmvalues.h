@@ -1,0 +1,48 @@
+#pragma once
+
+#include "kestrel_global.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QVector>
+
+class DcmItem;
+class DcmTagKey;
+
+// Small readers over DCMTK's findAndGet* calls, used by every class that reads attributes.
+// A missing attribute gives the fallback; nothing throws.
+namespace kestrel::internal {
+
+// True when the item holds the attribute (empty or not).
+KESTREL_EXPORT bool dcmHas(DcmItem* item, const DcmTagKey& tag);
+
+// Value number POS of the attribute as DCMTK renders it (Latin-1 bytes as they are).
+KESTREL_EXPORT QString dcmString(DcmItem* item, const DcmTagKey& tag, unsigned long pos = 0,
+                                 const QString& fallback = QString());
+
+// The whole value, multi-valued attributes with their "\" separators.
+KESTREL_EXPORT QString dcmStringAll(DcmItem* item, const DcmTagKey& tag, const QString& fallback = QString());
+
+// The raw bytes of the whole value, for text that still has to be decoded.
+KESTREL_EXPORT QByteArray dcmBytes(DcmItem* item, const DcmTagKey& tag);
+
+// Numbers: value number POS converted the DICOM way (IS/DS as text, US/SS/UL/SL/FL/FD as binary).
+KESTREL_EXPORT int dcmInt(DcmItem* item, const DcmTagKey& tag, int fallback = 0, unsigned long pos = 0);
+KESTREL_EXPORT double dcmDouble(DcmItem* item, const DcmTagKey& tag, double fallback = 0.0, unsigned long pos = 0);
+
+// A multi-valued numeric text ("1\0\0\0\1\0") split at "\" and parsed; an unparsable value is 0.
+KESTREL_EXPORT QVector<double> splitDoubles(const QString& text);
+KESTREL_EXPORT QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag);
+
+// Text decoded by a SpecificCharacterSet value: "ISO_IR 100" as Latin-1, "ISO_IR 192" as UTF-8,
+// "GB18030" (and "GBK") as GB18030, anything else as the bytes are (UTF-8). Never touches the
+// process's locale codec.
+KESTREL_EXPORT QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet);
+
+// The item's SpecificCharacterSet (0008,0005), its last non-empty value, trimmed.
+KESTREL_EXPORT QString dcmCharacterSet(DcmItem* item);
+
+// A person name (or any text attribute) decoded by the item's SpecificCharacterSet.
+KESTREL_EXPORT QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag);
+
+} // namespace kestrel::internal

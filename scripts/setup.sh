@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs the Debian packages Kestrel builds, tests and runs with (idempotent), then configures
+# and builds the tree in ${BUILD_DIR:-build}.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+PACKAGES=(
+  build-essential cmake ninja-build ccache pkg-config
+  qtbase5-dev libqt5sql5-sqlite libqt5sql5-mysql
+  libdcmtk-dev dcmtk
+  mariadb-server mariadb-client
+  libomp-dev
+  python3 python3-numpy
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "== Installing: ${missing[*]}"
+  SUDO=""; [ "$(id -u)" -ne 0 ] && SUDO=sudo
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+BUILD_DIR=${BUILD_DIR:-build}
+BUILD_TYPE=${BUILD_TYPE:-RelWithDebInfo}
+CMAKE_ARGS=(-S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE="$BUILD_TYPE")
+[ -n "${KESTREL_WERROR:-}" ] && CMAKE_ARGS+=(-DKESTREL_WERROR=ON)
+[ -n "${KESTREL_SANITIZE:-}" ] && CMAKE_ARGS+=(-DKESTREL_SANITIZE=ON)
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
+echo "== Configuring and building in $BUILD_DIR"
+cmake "${CMAKE_ARGS[@]}" >/dev/null
+cmake --build "$BUILD_DIR" -j"$(nproc)"
