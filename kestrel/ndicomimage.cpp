@@ -25,6 +25,10 @@
 #include <QUuid>
 #include <QVector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -286,10 +290,12 @@ bool NDicomImage::getGrayImage32(double width, double centre, unsigned int* out)
         quint32* table = m_table.get();
         const double half = width / 2;
         for (int v = 0; v < 32767; ++v) {
-            const double g = (v * m_slope + m_intercept - centre + half) / width * 255.0;
-            // Truncation toward zero, then 0..255 (not-a-number gives black).
-            const quint32 level = g >= 255.0 ? 255u : (g > 0.0 ? quint32(g) : 0u);
-            table[v] = level * 0x01010101u;
+            double g = (v * m_slope + m_intercept - centre + half) / width * 255.0;
+            // Truncation toward zero, then 0..255 (not-a-number gives black); branch-free so that
+            // the loop vectorises.
+            g = g > 0.0 ? g : 0.0;
+            g = g < 255.0 ? g : 255.0;
+            table[v] = quint32(int(g)) * 0x01010101u;
         }
         // Stored values from 32767 up (negative when read as signed) display black: the
         // application marks padding and out-of-volume pixels with them.
@@ -306,16 +312,21 @@ bool NDicomImage::getGrayImage32(double width, double centre, unsigned int* out)
     const quint32* table = m_table.get();
     const quint16* in = reinterpret_cast<const quint16*>(m_pixels);
     qint64 i = 0;
-    for (; i + 4 <= count; i += 4) {
-        const quint32 a = table[in[i]];
-        const quint32 b = table[in[i + 1]];
-        const quint32 c = table[in[i + 2]];
-        const quint32 d = table[in[i + 3]];
-        out[i] = a;
-        out[i + 1] = b;
-        out[i + 2] = c;
-        out[i + 3] = d;
+#if defined(__SSE2__)
+    // Eight indices per two 64-bit loads, eight entries per two 128-bit stores: the pass is bound
+    // by the table loads alone.
+    for (; i + 8 <= count; i += 8) {
+        quint64 a, b;
+        std::memcpy(&a, in + i, 8);
+        std::memcpy(&b, in + i + 4, 8);
+        const __m128i lo = _mm_set_epi32(int(table[a >> 48]), int(table[(a >> 32) & 0xFFFF]),
+                                         int(table[(a >> 16) & 0xFFFF]), int(table[a & 0xFFFF]));
+        const __m128i hi = _mm_set_epi32(int(table[b >> 48]), int(table[(b >> 32) & 0xFFFF]),
+                                         int(table[(b >> 16) & 0xFFFF]), int(table[b & 0xFFFF]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i + 4), hi);
     }
+#endif
     for (; i < count; ++i)
         out[i] = table[in[i]];
     return true;
@@ -361,60 +372,100 @@ bool NDicomImage::getStandardDicomImage(NDicomImage& src)
             newCol[k] = -newCol[k];
     }
 
-    std::unique_ptr<NDicomImage> copy(new NDicomImage);
-    copy->clone(this);
     const int oldW = m_size[0];
     const int oldH = m_size[1];
     const int newW = transpose ? oldH : oldW;
     const int newH = transpose ? oldW : oldH;
 
-    // Old pixel that becomes new pixel (nx, ny).
-    auto oldPixel = [&](int nx, int ny, int& ox, int& oy) {
-        if (transpose) {
-            oy = flipRow ? oldH - 1 - nx : nx;
-            ox = flipCol ? oldW - 1 - ny : ny;
-        } else {
-            ox = flipRow ? oldW - 1 - nx : nx;
-            oy = flipCol ? oldH - 1 - ny : ny;
-        }
-    };
-
-    int ox0, oy0;
-    oldPixel(0, 0, ox0, oy0);
-    const double* corner = copy->getTopPointXYZ(ox0, oy0);
-    setPosition(corner[0], corner[1], corner[2]);
+    // Old pixel that becomes new pixel (0, 0), and the source offsets (in old pixels along the
+    // old row and column) when the new x and the new y advance by one.
+    int ox0, oy0, stepXx, stepXy, stepYx, stepYy;
     if (transpose) {
-        setSize(newW, newH);
-        setPixelSpace(copy->m_pixelSpacing[1], copy->m_pixelSpacing[0]);
+        ox0 = flipCol ? oldW - 1 : 0;
+        oy0 = flipRow ? oldH - 1 : 0;
+        stepXx = 0, stepXy = flipRow ? -1 : 1;
+        stepYx = flipCol ? -1 : 1, stepYy = 0;
+    } else {
+        ox0 = flipRow ? oldW - 1 : 0;
+        oy0 = flipCol ? oldH - 1 : 0;
+        stepXx = flipRow ? -1 : 1, stepXy = 0;
+        stepYx = 0, stepYy = flipCol ? -1 : 1;
     }
+
+    const double* corner = getTopPointXYZ(ox0, oy0);
+    setPosition(corner[0], corner[1], corner[2]);
+    if (transpose)
+        setPixelSpace(m_pixelSpacing[1], m_pixelSpacing[0]);
     setOriention(newRow[0], newRow[1], newRow[2], newCol[0], newCol[1], newCol[2]);
 
-    const unsigned char* from = copy->m_pixels;
-    if (!from || !m_pixels)
-        return true;
+    // The old pixels are the source: the old buffer is kept aside (transposition) or copied.
     const int step = m_steps[0];
-    const qptrdiff fromLine = copy->m_steps[1];
-    // Offsets of the source pixel when the new x advances by one, and of new pixel (0, y).
-    qptrdiff dx, dy;
-    if (transpose) {
-        dx = flipRow ? -fromLine : fromLine;
-        dy = flipCol ? -step : step;
-    } else {
-        dx = flipRow ? -step : step;
-        dy = flipCol ? -fromLine : fromLine;
-    }
-    const qptrdiff origin = qptrdiff(ox0) * step + qptrdiff(oy0) * fromLine;
-    for (int y = 0; y < newH; ++y) {
-        const unsigned char* s = from + origin + y * dy;
-        unsigned char* d = m_pixels + qptrdiff(y) * m_steps[1];
-        if (step == 2) {
-            quint16* d16 = reinterpret_cast<quint16*>(d);
-            for (int x = 0; x < newW; ++x, s += dx)
-                std::memcpy(d16 + x, s, 2);
+    const qptrdiff oldLine = m_steps[1];
+    std::unique_ptr<unsigned char[]> source;
+    if (!transpose && step == 2 && m_pixels && oldLine == qptrdiff(oldW) * 2) {
+        // Reversals of 16-bit images are done in place.
+        quint16* p = reinterpret_cast<quint16*>(m_pixels);
+        const qptrdiff count = qptrdiff(oldW) * oldH;
+        if (flipRow && flipCol) {
+            std::reverse(p, p + count);
+        } else if (flipRow) {
+            for (int y = 0; y < oldH; ++y)
+                std::reverse(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW);
         } else {
-            for (int x = 0; x < newW; ++x, s += dx, d += step)
-                std::memcpy(d, s, size_t(step));
+            for (int y = 0; y < oldH / 2; ++y)
+                std::swap_ranges(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW,
+                                 p + qptrdiff(oldH - 1 - y) * oldW);
         }
+        return true;
+    }
+    if (transpose) {
+        source.reset(m_pixels);
+        m_pixels = nullptr;
+        setSize(newW, newH);
+    } else if (m_pixels) {
+        source.reset(new unsigned char[size_t(m_steps[2])]);
+        std::memcpy(source.get(), m_pixels, size_t(m_steps[2]));
+    }
+    if (!source || !m_pixels)
+        return true;
+    const qptrdiff dx = stepXx * qptrdiff(step) + stepXy * oldLine;
+    const qptrdiff dy = stepYx * qptrdiff(step) + stepYy * oldLine;
+    const unsigned char* from = source.get() + qptrdiff(ox0) * step + qptrdiff(oy0) * oldLine;
+    if (step == 2) {
+        const quint16* s0 = reinterpret_cast<const quint16*>(from);
+        quint16* d0 = reinterpret_cast<quint16*>(m_pixels);
+        const qptrdiff ex = dx / 2, ey = dy / 2, line = m_steps[1] / 2;
+        if (!transpose) {
+            for (int y = 0; y < newH; ++y) {
+                const quint16* s = s0 + y * ey;
+                quint16* d = d0 + y * line;
+                if (ex == 1)
+                    std::memcpy(d, s, size_t(newW) * 2);
+                else
+                    for (int x = 0; x < newW; ++x)
+                        d[x] = s[-x];
+            }
+        } else {
+            // Transposition in tiles, so that the source columns stay in the cache.
+            const int tile = 32;
+            for (int by = 0; by < newH; by += tile)
+                for (int bx = 0; bx < newW; bx += tile) {
+                    const int ymax = std::min(newH, by + tile), xmax = std::min(newW, bx + tile);
+                    for (int y = by; y < ymax; ++y) {
+                        const quint16* s = s0 + y * ey;
+                        quint16* d = d0 + y * line;
+                        for (int x = bx; x < xmax; ++x)
+                            d[x] = s[x * ex];
+                    }
+                }
+        }
+        return true;
+    }
+    for (int y = 0; y < newH; ++y) {
+        const unsigned char* s = from + y * dy;
+        unsigned char* d = m_pixels + qptrdiff(y) * m_steps[1];
+        for (int x = 0; x < newW; ++x, s += dx, d += step)
+            std::memcpy(d, s, size_t(step));
     }
     return true;
 }
@@ -561,7 +612,7 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
 
     // Signed data: the modality-transformed values, in the representation of the file's declared
     // pixel format rather than of the values' actual range.
-    DicomImage image(ds, xfer, CIF_UseAbsolutePixelRange, 0, 1);
+    DicomImage image(ds, ds->getCurrentXfer(), CIF_UseAbsolutePixelRange, 0, 1);
     const DiPixel* inter = image.getStatus() == EIS_Normal ? image.getInterData() : nullptr;
     const qint64 pixels = qint64(m_size[0]) * m_size[1];
     if (!inter || !inter->getData() || qint64(inter->getCount()) < pixels) {
