@@ -332,6 +332,82 @@ bool NDicomImage::getGrayImage32(double width, double centre, unsigned int* out)
     return true;
 }
 
+namespace {
+
+#if defined(__SSE2__)
+inline __m128i reverse8(__m128i v)
+{
+    v = _mm_shufflelo_epi16(v, 0x1B);
+    v = _mm_shufflehi_epi16(v, 0x1B);
+    return _mm_shuffle_epi32(v, 0x4E);
+}
+
+// R[i] holds row i of an 8 x 8 block of 16-bit values; afterwards R[j] holds column j.
+inline void transpose8(__m128i* r)
+{
+    const __m128i a0 = _mm_unpacklo_epi16(r[0], r[1]), a1 = _mm_unpackhi_epi16(r[0], r[1]);
+    const __m128i a2 = _mm_unpacklo_epi16(r[2], r[3]), a3 = _mm_unpackhi_epi16(r[2], r[3]);
+    const __m128i a4 = _mm_unpacklo_epi16(r[4], r[5]), a5 = _mm_unpackhi_epi16(r[4], r[5]);
+    const __m128i a6 = _mm_unpacklo_epi16(r[6], r[7]), a7 = _mm_unpackhi_epi16(r[6], r[7]);
+    const __m128i b0 = _mm_unpacklo_epi32(a0, a2), b1 = _mm_unpackhi_epi32(a0, a2);
+    const __m128i b2 = _mm_unpacklo_epi32(a1, a3), b3 = _mm_unpackhi_epi32(a1, a3);
+    const __m128i b4 = _mm_unpacklo_epi32(a4, a6), b5 = _mm_unpackhi_epi32(a4, a6);
+    const __m128i b6 = _mm_unpacklo_epi32(a5, a7), b7 = _mm_unpackhi_epi32(a5, a7);
+    r[0] = _mm_unpacklo_epi64(b0, b4);
+    r[1] = _mm_unpackhi_epi64(b0, b4);
+    r[2] = _mm_unpacklo_epi64(b1, b5);
+    r[3] = _mm_unpackhi_epi64(b1, b5);
+    r[4] = _mm_unpacklo_epi64(b2, b6);
+    r[5] = _mm_unpackhi_epi64(b2, b6);
+    r[6] = _mm_unpacklo_epi64(b3, b7);
+    r[7] = _mm_unpackhi_epi64(b3, b7);
+}
+#endif
+
+// Reverses [first, last) of 16-bit values in place.
+void reverse16(quint16* first, quint16* last)
+{
+#if defined(__SSE2__)
+    for (; last - first >= 16; first += 8, last -= 8) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(last - 8));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(first), reverse8(b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(last - 8), reverse8(a));
+    }
+#endif
+    std::reverse(first, last);
+}
+
+// D (W x H, LINE values per row) from S0: new pixel (x, y) = S0[y * EY + x * EX], EY = +-1.
+void transpose16(const quint16* s0, qptrdiff ex, qptrdiff ey, quint16* d0, qptrdiff line, int w, int h)
+{
+    int w8 = 0, h8 = 0;
+#if defined(__SSE2__)
+    w8 = w & ~7;
+    h8 = h & ~7;
+    for (int by = 0; by < h8; by += 8)
+        for (int bx = 0; bx < w8; bx += 8) {
+            __m128i r[8];
+            for (int k = 0; k < 8; ++k) {
+                const quint16* column = s0 + (bx + k) * ex + by * ey;
+                r[k] = ey > 0 ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(column))
+                              : reverse8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(column - 7)));
+            }
+            transpose8(r);
+            for (int j = 0; j < 8; ++j)
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(d0 + (by + j) * line + bx), r[j]);
+        }
+#endif
+    for (int y = 0; y < h; ++y) {
+        const quint16* s = s0 + y * ey;
+        quint16* d = d0 + y * line;
+        for (int x = y < h8 ? w8 : 0; x < w; ++x)
+            d[x] = s[x * ex];
+    }
+}
+
+} // namespace
+
 bool NDicomImage::getStandardDicomImage(NDicomImage& src)
 {
     if (&src != this)
@@ -407,14 +483,20 @@ bool NDicomImage::getStandardDicomImage(NDicomImage& src)
         quint16* p = reinterpret_cast<quint16*>(m_pixels);
         const qptrdiff count = qptrdiff(oldW) * oldH;
         if (flipRow && flipCol) {
-            std::reverse(p, p + count);
+            reverse16(p, p + count);
         } else if (flipRow) {
             for (int y = 0; y < oldH; ++y)
-                std::reverse(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW);
+                reverse16(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW);
         } else {
-            for (int y = 0; y < oldH / 2; ++y)
-                std::swap_ranges(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW,
-                                 p + qptrdiff(oldH - 1 - y) * oldW);
+            std::vector<quint16> row(static_cast<size_t>(oldW));
+            const size_t rowBytes = size_t(oldW) * 2;
+            for (int y = 0; y < oldH / 2; ++y) {
+                quint16* top = p + qptrdiff(y) * oldW;
+                quint16* bottom = p + qptrdiff(oldH - 1 - y) * oldW;
+                std::memcpy(row.data(), top, rowBytes);
+                std::memcpy(top, bottom, rowBytes);
+                std::memcpy(bottom, row.data(), rowBytes);
+            }
         }
         return true;
     }
@@ -446,18 +528,7 @@ bool NDicomImage::getStandardDicomImage(NDicomImage& src)
                         d[x] = s[-x];
             }
         } else {
-            // Transposition in tiles, so that the source columns stay in the cache.
-            const int tile = 32;
-            for (int by = 0; by < newH; by += tile)
-                for (int bx = 0; bx < newW; bx += tile) {
-                    const int ymax = std::min(newH, by + tile), xmax = std::min(newW, bx + tile);
-                    for (int y = by; y < ymax; ++y) {
-                        const quint16* s = s0 + y * ey;
-                        quint16* d = d0 + y * line;
-                        for (int x = bx; x < xmax; ++x)
-                            d[x] = s[x * ex];
-                    }
-                }
+            transpose16(s0, ex, ey, d0, line, newW, newH);
         }
         return true;
     }

@@ -178,7 +178,8 @@ void TestImage::standardOrientation()
     QFETCH(QVector<double>, cosines);
     QFETCH(QVector<double>, expected);
     QFETCH(bool, swapped);
-    const int w = 5, h = 3;
+    // Odd sizes, so that whole 8 x 8 blocks and the edges beside them are both rearranged.
+    const int w = 21, h = 13;
     auto img = makeImage(w, h, [w](int x, int y) { return x + w * y; });
     img->setPixelSpace(0.5, 2.0);
     img->setPosition(10, 20, 30);
