@@ -50,6 +50,7 @@ struct DumpState {
     std::vector<DcmTagKey> printTags;
     bool printAllInstances = true;
     bool prependSequenceHierarchy = false;
+    bool printFilename = false;
     bool printFileSearch = false;
     Uint32 maxReadLength = 4096;
     DcmTagKey stopBeforeElement = DCM_UndefinedTagKey;
@@ -664,11 +665,13 @@ int dumpFile(std::ostream& out, const OFFilename& ifname, E_FileReadMode readMod
         DcmStack stack;
         if (dset->search(key, stack, ESM_fromHere, OFTrue) != EC_Normal)
             continue;
-        if (state.printFileSearch && !headerDone) {
-            // Only files that hold a searched tag get a header, numbered among themselves.
+        if (!headerDone && (state.printFileSearch || !state.printFilename)) {
+            // The hits of each file that has any are set apart by an empty line; with
+            // --print-file-search they get a header numbered among those files only.
             if (++state.fileSearchCounter > 1)
                 out << "\n";
-            out << "# " << kProgram << " (" << state.fileSearchCounter << "): " << ifname << "\n";
+            if (state.printFileSearch)
+                out << "# " << kProgram << " (" << state.fileSearchCounter << "): " << ifname << "\n";
         }
         headerDone = true;
         printResult(out, stack, printFlags, pixelFileName, &pixelCounter);
@@ -722,6 +725,7 @@ int dumfile_main(int argc, char* argv[], std::ostream& out)
     const int optionResult = readOptions(app, cmd, options);
     if (optionResult >= 0)
         return optionResult;
+    state.printFilename = options.printFilename;
 
     OFLOG_DEBUG(dumpLogger(), kRcsid << OFendl);
 
