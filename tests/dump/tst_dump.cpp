@@ -89,7 +89,7 @@ class TestDump : public QObject
         return file;
     }
 
-    // Compares the dump of FILES (with ARGS before them) with dcmdump's: exit status and output.
+    // Runs ARGS through the dump and through dcmdump and compares exit status and output.
     // Returns a description of the first difference, empty when equal.
     QString compareWithOracle(const QStringList& args)
     {
@@ -281,6 +281,7 @@ private slots:
     // Help, version and bad command lines come back as exit codes; the process goes on.
     void commandLineNeverEndsTheProcess()
     {
+        const QByteArray before = runDump({m_mr}).out;
         const Result help = runDump({"--help"});
         QCOMPARE(help.status, 0);
         QVERIFY(help.out.contains("usage: dcmdump [options] dcmfile-in..."));
@@ -293,7 +294,7 @@ private slots:
         // The parser switches of one run do not leak into the next.
         QCOMPARE(runDump({"-f", "-te", m_ct}).status, 1);
         QCOMPARE(runDump({"--ignore-parse-errors", "+st", "PatientName", m_mr}).status, 0);
-        QCOMPARE(runDump({m_mr}).out, runDcmdumpOrSelf({m_mr}));
+        QCOMPARE(runDump({m_mr}).out, before);
     }
 
     void fileAttributesAndSignals()
@@ -428,12 +429,6 @@ private slots:
         const auto again = ViewFourCornerInfoConfig::getSetting("MR", true);
         QVERIFY(again.get() != mr.get());
         QCOMPARE(ViewFourCornerInfoConfig::getSetting("MR", false).get(), again.get());
-    }
-
-private:
-    QByteArray runDcmdumpOrSelf(const QStringList& args)
-    {
-        return m_haveOracle ? runDcmdump(args).out : runDump(args).out;
     }
 };
 
