@@ -1,0 +1,436 @@
+#include "syntheticdicom.h"
+
+#include "dicom/qdcmdump.h"
+#include "kestrelpaths.h"
+#include "qdcmfile.h"
+#include "viewfourcornerinfoconfig.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QDirIterator>
+#include <QFile>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <sstream>
+#include <vector>
+
+namespace {
+
+struct Result {
+    int status = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+// DCMTK's own dcmdump: the oracle.
+Result runDcmdump(const QStringList& args)
+{
+    QProcess process;
+    process.start(QStringLiteral("dcmdump"), args);
+    process.waitForFinished(60000);
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput(),
+            process.readAllStandardError()};
+}
+
+// The library's dump, in this process.
+Result runDump(const QStringList& args)
+{
+    std::vector<QByteArray> encoded{QByteArray("dcmdump")};
+    for (const QString& arg : args)
+        encoded.push_back(QFile::encodeName(arg));
+    std::vector<char*> argv;
+    for (QByteArray& arg : encoded)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    std::ostringstream out;
+    Result result;
+    result.status = dumfile_main(int(encoded.size()), argv.data(), out);
+    result.out = QByteArray::fromStdString(out.str());
+    return result;
+}
+
+QStringList sharedDataFiles()
+{
+    const QString root = qEnvironmentVariable("KESTREL_SHARED_DATA");
+    QStringList files;
+    if (root.isEmpty() || !QDir(root).exists())
+        return files;
+    QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files << it.next();
+    files.sort();
+    return files;
+}
+
+} // namespace
+
+class TestDump : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QString m_mr, m_ct, m_noName, m_gb, m_bigEndian, m_truncated, m_text, m_empty;
+    bool m_haveOracle = false;
+
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+
+    QString writeImage(const QString& name, const SyntheticImage& image)
+    {
+        QString error;
+        const QString file = path(name);
+        if (!writeSyntheticImage(file, image, &error))
+            qFatal("cannot write %s: %s", qPrintable(file), qPrintable(error));
+        return file;
+    }
+
+    // Runs ARGS through the dump and through dcmdump and compares exit status and output.
+    // Returns a description of the first difference, empty when equal.
+    QString compareWithOracle(const QStringList& args)
+    {
+        const Result expected = runDcmdump(args);
+        const Result actual = runDump(args);
+        if (expected.status != actual.status)
+            return QString("exit status %1, dcmdump %2").arg(actual.status).arg(expected.status);
+        if (expected.out != actual.out) {
+            int at = 0;
+            while (at < expected.out.size() && at < actual.out.size() && expected.out[at] == actual.out[at])
+                ++at;
+            return QString("output differs at byte %1: ...%2 / dcmdump ...%3")
+                .arg(at)
+                .arg(QString::fromLatin1(actual.out.mid(at, 40)))
+                .arg(QString::fromLatin1(expected.out.mid(at, 40)));
+        }
+        return QString();
+    }
+
+    // QDcmFile::dumpFile against dcmdump with default options, for every file; lists failures.
+    QStringList checkDefaultDumps(const QStringList& files)
+    {
+        QStringList failures;
+        QDcmFile dcm;
+        for (const QString& file : files) {
+            const Result expected = runDcmdump({file});
+            QString text;
+            dcm.dumpFile(file, text);
+            if (text != QString::fromStdString(expected.out.toStdString()))
+                failures << file + ": QDcmFile::dumpFile text differs";
+            const QString difference = compareWithOracle({file});
+            if (!difference.isEmpty())
+                failures << file + ": " + difference;
+        }
+        return failures;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        m_haveOracle = !QStandardPaths::findExecutable(QStringLiteral("dcmdump")).isEmpty();
+
+        SyntheticImage mr;
+        mr.patientName = "Doe^Jane";
+        mr.instanceNumber = 7;
+        mr.windowCenter = 300;
+        mr.windowWidth = 600;
+        mr.rows = mr.columns = 80; // pixel data over the 4 kB read limit
+        m_mr = writeImage("mr.dcm", mr);
+
+        SyntheticImage ct;
+        ct.modality = "CT";
+        ct.sopClassUid = "1.2.840.10008.5.1.4.1.1.2";
+        ct.pixelRepresentation = 1;
+        ct.bitsStored = 16;
+        ct.hasRescale = true;
+        ct.rescaleIntercept = -1024;
+        ct.transferSyntax = EXS_LittleEndianImplicit;
+        ct.pixel = [](int x, int y, int) { return (x - y) * 37; };
+        m_ct = writeImage("ct_implicit.dcm", ct);
+
+        SyntheticImage noName;
+        noName.patientName.clear();
+        noName.instanceNumber = 3;
+        m_noName = writeImage("no_name.dcm", noName);
+
+        SyntheticImage gb;
+        gb.specificCharacterSet = "GB18030";
+        gb.patientNameBytes = QByteArray("Wang^XiaoDong=\xcd\xf5^\xd0\xa1\xb6\xab=");
+        m_gb = writeImage("gb18030.dcm", gb);
+
+        SyntheticImage big = mr;
+        big.transferSyntax = EXS_BigEndianExplicit;
+        m_bigEndian = writeImage("big_endian.dcm", big);
+
+        // The MR file cut inside its pixel data.
+        QFile whole(m_mr);
+        QVERIFY(whole.open(QIODevice::ReadOnly));
+        const QByteArray bytes = whole.readAll();
+        m_truncated = path("truncated.dcm");
+        QFile cut(m_truncated);
+        QVERIFY(cut.open(QIODevice::WriteOnly));
+        cut.write(bytes.left(bytes.size() - 1000));
+        cut.close();
+
+        m_text = path("notes.txt");
+        QFile text(m_text);
+        QVERIFY(text.open(QIODevice::WriteOnly));
+        text.write("This is not a DICOM file.\nJust some words.\n");
+        text.close();
+
+        m_empty = path("empty.dcm");
+        QFile empty(m_empty);
+        QVERIFY(empty.open(QIODevice::WriteOnly));
+        empty.close();
+    }
+
+    // The dump equals dcmdump's (text, byte for byte, and exit status) on files written here,
+    // including broken ones.
+    void syntheticFilesMatchDcmdump()
+    {
+        if (!m_haveOracle)
+            QSKIP("dcmdump is not installed");
+        const QStringList failures =
+            checkDefaultDumps({m_mr, m_ct, m_noName, m_gb, m_bigEndian, m_truncated, m_text, m_empty});
+        QVERIFY2(failures.isEmpty(), qPrintable(failures.join('\n')));
+    }
+
+    void sharedDataMatchesDcmdump()
+    {
+        if (!m_haveOracle)
+            QSKIP("dcmdump is not installed");
+        const QStringList files = sharedDataFiles();
+        if (files.isEmpty())
+            QSKIP("no shared DICOM data (KESTREL_SHARED_DATA)");
+        const QStringList failures = checkDefaultDumps(files);
+        QVERIFY2(failures.isEmpty(),
+                 qPrintable(QString("%1 of %2 files differ:\n").arg(failures.size()).arg(files.size())
+                            + failures.mid(0, 10).join('\n')));
+    }
+
+    void optionsMatchDcmdump_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::newRow("search") << QStringList{"+P", "PatientName", "+P", "0028,0010", m_mr};
+        QTest::newRow("search first, prepend, two files")
+            << QStringList{"-s", "+p", "+P", "InstanceNumber", "+P", "WindowCenter", m_mr, m_ct};
+        QTest::newRow("search, unknown file in between")
+            << QStringList{"+Fs", "+P", "PatientName", m_noName, m_text, m_mr};
+        QTest::newRow("print short") << QStringList{"--print-short", m_mr};
+        QTest::newRow("print all") << QStringList{"+L", m_mr};
+        QTest::newRow("load short") << QStringList{"--load-short", m_mr, m_ct};
+        QTest::newRow("load short, 8 kB") << QStringList{"-M", "+R", "8", m_mr};
+        QTest::newRow("tree, no UID names") << QStringList{"+T", "-Un", m_ct};
+        QTest::newRow("file names") << QStringList{"+F", m_mr, m_truncated, m_gb};
+        QTest::newRow("ignore errors") << QStringList{"+E", m_truncated};
+        QTest::newRow("octal quoting") << QStringList{"+Qo", m_gb};
+        QTest::newRow("data set, implicit") << QStringList{"-f", "-ti", m_ct};
+        QTest::newRow("stop after element") << QStringList{"+st", "SeriesInstanceUID", m_mr};
+        QTest::newRow("directory without scan") << QStringList{m_dir.path()};
+        QTest::newRow("bad value") << QStringList{"+R", "2", m_mr};
+        QTest::newRow("dependent option") << QStringList{"--prepend", m_mr};
+        QTest::newRow("unknown option") << QStringList{"--no-such-option", m_mr};
+        QTest::newRow("help") << QStringList{"--help"};
+        QTest::newRow("no arguments") << QStringList{};
+        const QStringList shared = sharedDataFiles();
+        if (!shared.isEmpty()) {
+            const QString root = qEnvironmentVariable("KESTREL_SHARED_DATA");
+            QTest::newRow("shared: search with sequences")
+                << QStringList{"+p", "+P", "ReferencedSOPInstanceUID", "+P", "CodeValue",
+                               root + "/pydicom/test_files/SC_rgb_jpeg_dcmtk.dcm"};
+            QTest::newRow("shared: load short, scan")
+                << QStringList{"-M", "+sd", "+r", "+F", root + "/pydicom/test_files/dicomdirtests/98892003"};
+        }
+    }
+
+    void optionsMatchDcmdump()
+    {
+        if (!m_haveOracle)
+            QSKIP("dcmdump is not installed");
+        QFETCH(QStringList, args);
+        const QString difference = compareWithOracle(args);
+        QVERIFY2(difference.isEmpty(), qPrintable(difference));
+    }
+
+    void searchHoldsAtMost1024Tags()
+    {
+        QStringList args;
+        for (int i = 0; i < 1024; ++i)
+            args << "+P" << "0010,0010";
+        const Result full = runDump(args + QStringList{m_mr});
+        QCOMPARE(full.status, 0);
+        QCOMPARE(full.out.count('\n'), 1024);
+
+        // The 1025th is refused; the host prints DCMTK's warning and ends with status 1.
+        args << "+P" << "PatientName";
+        QCOMPARE(runDump(args + QStringList{m_mr}).status, 1);
+        QProcess host;
+        host.start(QCoreApplication::applicationDirPath() + "/kestrel", QStringList{"dump"} + args + QStringList{m_mr});
+        QVERIFY(host.waitForFinished(60000));
+        QCOMPARE(host.exitCode(), 1);
+        QVERIFY(host.readAllStandardOutput().isEmpty());
+        QVERIFY2(host.readAllStandardError().contains("too many print tag options (max: 1024)"), "warning missing");
+        QCOMPARE(parseTagKey("Nonsense"), DcmTagKey(0xffff, 0xffff));
+        QCOMPARE(parseTagKey("7fe0,0010"), DCM_PixelData);
+    }
+
+    // Help, version and bad command lines come back as exit codes; the process goes on.
+    void commandLineNeverEndsTheProcess()
+    {
+        const QByteArray before = runDump({m_mr}).out;
+        const Result help = runDump({"--help"});
+        QCOMPARE(help.status, 0);
+        QVERIFY(help.out.contains("usage: dcmdump [options] dcmfile-in..."));
+        const Result version = runDump({"--version"});
+        QCOMPARE(version.status, 0);
+        QVERIFY(version.out.startsWith("$dcmtk: dcmdump v3.6.7"));
+        QCOMPARE(runDump({"--log-level", "loud", m_mr}).status, 1);
+        QCOMPARE(runDump({"+R"}).status, 1);
+        QCOMPARE(runDump({m_text, m_empty, m_mr}).status, 2);
+        // The parser switches of one run do not leak into the next.
+        QCOMPARE(runDump({"-f", "-te", m_ct}).status, 1);
+        QCOMPARE(runDump({"--ignore-parse-errors", "+st", "PatientName", m_mr}).status, 0);
+        QCOMPARE(runDump({m_mr}).out, before);
+    }
+
+    void fileAttributesAndSignals()
+    {
+        QDcmFile file;
+        QSignalSpy nameChanged(&file, &QDcmFile::patientNameChanged);
+        QSignalSpy errors(&file, &QDcmFile::fileError);
+        QVERIFY(file.loadhead(m_mr, false));
+        QCOMPARE(file.fileName(), m_mr);
+        QCOMPARE(file.patientName(), QString("Doe^Jane"));
+        QCOMPARE(file.property("patientName").toString(), QString("Doe^Jane"));
+        QCOMPARE(file.imageNum(), 7);
+        QVERIFY(!file.studyUID().isEmpty());
+        QVERIFY(!file.seriesUID().isEmpty());
+        QCOMPARE(nameChanged.count(), 1);
+
+        // No PatientName: the previous name stays and nothing is announced; the rest is read.
+        const QString study = file.studyUID();
+        QVERIFY(file.loadhead(m_noName, false));
+        QCOMPARE(file.patientName(), QString("Doe^Jane"));
+        QCOMPARE(nameChanged.count(), 1);
+        QCOMPARE(file.imageNum(), 3);
+        QVERIFY(file.studyUID() != study);
+
+        // The name is announced whenever it is present or set, changed or not.
+        QVERIFY(file.loadhead(m_mr, false));
+        file.setPatientName(file.patientName());
+        QCOMPARE(nameChanged.count(), 3);
+        QCOMPARE(errors.count(), 0);
+
+        // The const char* form reads without storing the name.
+        file.SetFileName(QString("elsewhere.dcm"));
+        QVERIFY(file.loadhead(QFile::encodeName(m_noName).constData(), false));
+        QCOMPARE(file.fileName(), QString("elsewhere.dcm"));
+        QVERIFY(file.loadhead(QUrl::fromLocalFile(m_ct), false));
+        QCOMPARE(file.fileName(), m_ct);
+
+        int width = 11, height = 12;
+        QCOMPARE(file.getImageSize(width, height), -1);
+        QCOMPARE(width + height, 23);
+        QCOMPARE(file.getOriginData(&width, sizeof width), 0);
+    }
+
+    void releaseThenReload()
+    {
+        QDcmFile file;
+        QVERIFY(file.dcmFileFormat() != nullptr);
+        QVERIFY(file.loadhead(m_mr, true));
+        QVERIFY(file.dcmFileFormat() == nullptr);
+        QCOMPARE(file.patientName(), QString("Doe^Jane"));
+        QCOMPARE(file.imageNum(), 7);
+
+        QVERIFY(file.loadhead(m_mr, false));
+        DcmFileFormat* parsed = file.dcmFileFormat();
+        QVERIFY(parsed != nullptr);
+        OFString uid;
+        QVERIFY(parsed->getDataset()->findAndGetOFString(DCM_SeriesInstanceUID, uid).good());
+        QCOMPARE(QString(uid.c_str()), file.seriesUID());
+        // Pixel data beyond the header read limit is still reachable on demand.
+        const Uint16* pixels = nullptr;
+        QVERIFY(parsed->getDataset()->findAndGetUint16Array(DCM_PixelData, pixels).good());
+        QVERIFY(pixels != nullptr);
+    }
+
+    void unreadableFiles_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::newRow("text") << m_text;
+        QTest::newRow("truncated") << m_truncated;
+        QTest::newRow("empty") << m_empty;
+        QTest::newRow("missing") << path("does-not-exist.dcm");
+        QTest::newRow("directory") << m_dir.path();
+    }
+
+    void unreadableFiles()
+    {
+        QFETCH(QString, file);
+        QDcmFile dcm;
+        QVERIFY(dcm.loadhead(m_mr, true));
+        QSignalSpy errors(&dcm, &QDcmFile::fileError);
+        QSignalSpy nameChanged(&dcm, &QDcmFile::patientNameChanged);
+        QVERIFY(!dcm.loadhead(file, false));
+        QCOMPARE(errors.count(), 1);
+        QCOMPARE(errors.first().first().toString(), "can't open " + file);
+        QCOMPARE(nameChanged.count(), 0);
+        QCOMPARE(dcm.patientName(), QString("Doe^Jane"));
+        QCOMPARE(dcm.imageNum(), 7);
+
+        QString text = "previous";
+        dcm.dumpFile(file, text);
+        QVERIFY(text != "previous");
+    }
+
+    void overlayTemplates_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("two fields") << "{A} and {B}" << QStringList{"%1 and %2", "A", "B"};
+        QTest::newRow("overlay line") << "TR: {RepetitionTime} ms  TE: {EchoTime} ms"
+                                      << QStringList{"TR: %1 ms  TE: %2 ms", "RepetitionTime", "EchoTime"};
+        QTest::newRow("field used twice") << "{A}/{A}" << QStringList{"%1/%1", "A", "A"};
+        QTest::newRow("no braces") << "plain text" << QStringList{"plain text"};
+        QTest::newRow("empty") << "" << QStringList{""};
+        QTest::newRow("open brace only") << "{A" << QStringList{"{A"};
+        // A "}" before the first "{": the name runs to the end of the text, and the empty
+        // stretch replaced marks every position, so the second field is not found any more.
+        QTest::newRow("closing first") << "a}{B}" << QStringList{"%1a%1}%1{%1B%1}%1", "B}", "B"};
+    }
+
+    void overlayTemplates()
+    {
+        QFETCH(QString, text);
+        QFETCH(QStringList, expected);
+        QCOMPARE(ViewFourCornerInfoConfig::parse(text), expected);
+    }
+
+    void overlaySettings()
+    {
+        Kestrel::setConfigDirectory(QString());
+        const auto mr = ViewFourCornerInfoConfig::getSetting("MR", false);
+        QVERIFY(mr);
+        QCOMPARE(ViewFourCornerInfoConfig::getSetting("MR", false).get(), mr.get());
+        QCOMPARE(mr->value("TopLeft/line1").toString(), QString("{PatientName}"));
+        const QStringList fields = ViewFourCornerInfoConfig::parse(mr->value("BottomLeft/line1").toString());
+        QCOMPARE(fields.mid(1), (QStringList{"RepetitionTime", "EchoTime"}));
+
+        const auto none = ViewFourCornerInfoConfig::getSetting("XA-none", false);
+        QVERIFY(none);
+        QVERIFY(none->allKeys().isEmpty());
+
+        // Reloading gives a fresh object that later calls share.
+        const auto again = ViewFourCornerInfoConfig::getSetting("MR", true);
+        QVERIFY(again.get() != mr.get());
+        QCOMPARE(ViewFourCornerInfoConfig::getSetting("MR", false).get(), again.get());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDump)
+#include "tst_dump.moc"
