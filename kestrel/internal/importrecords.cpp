@@ -1,0 +1,239 @@
+#include "internal/importrecords.h"
+
+#include "internal/catalogschema.h"
+#include "internal/dcmvalues.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcdicent.h>
+#include <dcmtk/dcmdata/dcdict.h>
+#include <dcmtk/dcmdata/dcelem.h>
+#include <dcmtk/dcmdata/dcitem.h>
+#include <dcmtk/dcmdata/dctag.h>
+
+#include <QDebug>
+#include <QHash>
+#include <QMutex>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTextCodec>
+#include <QTime>
+
+#include <memory>
+
+namespace kestrel::internal::records {
+
+namespace {
+
+// How one column gets its value.
+struct ColumnSource {
+    enum Kind { Text, Integer, Component, Caller };
+    Kind kind = Caller;
+    DcmTagKey tag;
+    int component = -1;
+    bool hasTag = false;
+};
+
+struct TablePlan {
+    QStringList columns;
+    QVector<ColumnSource> sources;
+    // Attribute tag -> the columns it fills (text, integer or component).
+    QHash<quint32, QVector<int>> byTag;
+};
+
+quint32 tagCode(const DcmTagKey& key)
+{
+    return (quint32(key.getGroup()) << 16) | key.getElement();
+}
+
+// A few column names capitalise "of" where the DICOM keyword writes "Of".
+DcmTagKey tagForColumn(const QString& column, bool* found)
+{
+    QString keyword = column;
+    keyword.replace(QLatin1String("Numberof"), QLatin1String("NumberOf"));
+    keyword.replace(QLatin1String("Fieldof"), QLatin1String("FieldOf"));
+    DcmTag tag;
+    *found = DcmTag::findTagFromName(keyword.toLatin1().constData(), tag).good();
+    return *found ? DcmTagKey(tag.getGroup(), tag.getElement()) : DcmTagKey();
+}
+
+bool isBinary(const DcmTagKey& key)
+{
+    switch (DcmTag(key).getEVR()) {
+    case EVR_OB: case EVR_OW: case EVR_OF: case EVR_OD: case EVR_OL: case EVR_OV:
+    case EVR_UN: case EVR_SQ: case EVR_ox: case EVR_px: case EVR_lt:
+        return true;
+    default:
+        return false;
+    }
+}
+
+const QHash<QString, QPair<DcmTagKey, int>>& componentColumns()
+{
+    static const QHash<QString, QPair<DcmTagKey, int>> map{
+            {"SpacingX", {DCM_PixelSpacing, 0}},           {"SpacingY", {DCM_PixelSpacing, 1}},
+            {"OrientationXX", {DCM_ImageOrientationPatient, 0}}, {"OrientationXY", {DCM_ImageOrientationPatient, 1}},
+            {"OrientationXZ", {DCM_ImageOrientationPatient, 2}}, {"OrientationYX", {DCM_ImageOrientationPatient, 3}},
+            {"OrientationYY", {DCM_ImageOrientationPatient, 4}}, {"OrientationYZ", {DCM_ImageOrientationPatient, 5}},
+            {"PositionX", {DCM_ImagePositionPatient, 0}},  {"PositionY", {DCM_ImagePositionPatient, 1}},
+            {"PositionZ", {DCM_ImagePositionPatient, 2}}};
+    return map;
+}
+
+std::unique_ptr<TablePlan> buildPlan(const QString& table)
+{
+    static const QStringList callerColumns{"patient_fk", "study_fk", "series_fk", "SeriesBase", "FilePath", "Status"};
+    auto plan = std::make_unique<TablePlan>();
+    plan->columns = schema::columns(table);
+    for (int i = 0; i < plan->columns.size(); ++i) {
+        const QString& name = plan->columns.at(i);
+        ColumnSource source;
+        if (componentColumns().contains(name)) {
+            source.kind = ColumnSource::Component;
+            source.tag = componentColumns().value(name).first;
+            source.component = componentColumns().value(name).second;
+            source.hasTag = true;
+        } else if (!callerColumns.contains(name)) {
+            bool found = false;
+            const DcmTagKey tag = tagForColumn(name, &found);
+            if (!found)
+                qWarning() << "importrecords: no attribute for column" << table << name;
+            source.kind = name == QLatin1String("InstanceNumber") ? ColumnSource::Integer : ColumnSource::Text;
+            // Binary values (pixel data, profiles, lookup data) and sequences are stored as "":
+            // they are never loaded by the header reads.
+            source.hasTag = found && !isBinary(tag);
+            source.tag = tag;
+        }
+        plan->sources.append(source);
+        if (source.hasTag)
+            plan->byTag[tagCode(source.tag)].append(i);
+    }
+    return plan;
+}
+
+const TablePlan& planFor(const QString& table)
+{
+    // Built once per table; the pipeline reads records from several OpenMP workers.
+    static QMutex mutex;
+    static QHash<QString, const TablePlan*> plans;
+    QMutexLocker lock(&mutex);
+    const TablePlan*& plan = plans[table];
+    if (!plan)
+        plan = buildPlan(table).release();
+    return *plan;
+}
+
+} // namespace
+
+QVector<QVariant> readColumns(const QString& table, DcmItem* item)
+{
+    const TablePlan& plan = planFor(table);
+    QVector<QVariant> values(plan.columns.size());
+    const QString empty = QStringLiteral("");
+    for (int i = 0; i < plan.sources.size(); ++i) {
+        switch (plan.sources.at(i).kind) {
+        case ColumnSource::Text: values[i] = empty; break;
+        case ColumnSource::Integer: values[i] = QVariant(QVariant::LongLong); break;
+        case ColumnSource::Component: values[i] = QVariant(QVariant::Double); break;
+        case ColumnSource::Caller: break;
+        }
+    }
+    if (!item)
+        return values;
+    const QString charset = dcmCharacterSet(item);
+    // One walk over the item's elements instead of one search per column.
+    const unsigned long count = item->card();
+    for (unsigned long e = 0; e < count; ++e) {
+        DcmElement* element = item->getElement(e);
+        if (!element)
+            continue;
+        const auto hit = plan.byTag.constFind(tagCode(element->getTag()));
+        if (hit == plan.byTag.constEnd() || element->ident() == EVR_SQ)
+            continue;
+        OFString raw;
+        if (element->getOFStringArray(raw).bad())
+            continue;
+        const QString text = decodeDicomText(QByteArray(raw.c_str(), int(raw.length())), charset);
+        for (int column : *hit) {
+            const ColumnSource& source = plan.sources.at(column);
+            if (source.kind == ColumnSource::Text) {
+                values[column] = text;
+            } else if (source.kind == ColumnSource::Integer) {
+                bool ok = false;
+                const qint64 number = text.trimmed().toLongLong(&ok);
+                if (ok)
+                    values[column] = number;
+            } else if (source.kind == ColumnSource::Component) {
+                const QVector<double> parts = splitDoubles(text);
+                if (source.component < parts.size())
+                    values[column] = parts.at(source.component);
+            }
+        }
+    }
+    return values;
+}
+
+int columnIndex(const QString& table, const QString& column)
+{
+    return schema::columns(table).indexOf(column);
+}
+
+QString timeOfDay(const QString& dicomTime)
+{
+    const QString whole = dicomTime.trimmed().section('.', 0, 0);
+    const QTime time = QTime::fromString(whole, QStringLiteral("hhmmss"));
+    return time.isValid() ? time.toString(QStringLiteral("hh:mm:ss")) : QStringLiteral("");
+}
+
+QString notUploadedStatus()
+{
+    // "未上传" as the application has always stored it: six GBK bytes, decoded by GBK itself so the
+    // text does not depend on the locale.
+    static const QString status = [] {
+        const char bytes[] = "\xCE\xB4\xC9\xCF\xB4\xAB";
+        QTextCodec* gbk = QTextCodec::codecForName("GBK");
+        return gbk ? gbk->toUnicode(bytes) : QString::fromUtf8("\xE6\x9C\xAA\xE4\xB8\x8A\xE4\xBC\xA0");
+    }();
+    return status;
+}
+
+bool insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows, QString* error)
+{
+    if (rows.isEmpty())
+        return true;
+    const int columns = schema::columns(table).size();
+    // SQLite allows 32766 bound values per statement, MariaDB 65535.
+    const int rowsPerStatement = qMax(1, 30000 / qMax(1, columns));
+    const QString head = schema::insertHead(table);
+    const QString oneRow = schema::placeholders(columns);
+    bool ok = true;
+    for (int first = 0; first < rows.size(); first += rowsPerStatement) {
+        const int n = qMin(rowsPerStatement, rows.size() - first);
+        QString text = head;
+        text.reserve(head.size() + n * (oneRow.size() + 1));
+        for (int r = 0; r < n; ++r) {
+            if (r)
+                text += ',';
+            text += oneRow;
+        }
+        QSqlQuery query(db);
+        if (!query.prepare(text)) {
+            ok = false;
+            if (error)
+                *error = query.lastError().text();
+            continue;
+        }
+        for (int r = 0; r < n; ++r) {
+            for (const QVariant& value : *rows.at(first + r))
+                query.addBindValue(value);
+        }
+        if (!query.exec()) {
+            ok = false;
+            if (error)
+                *error = query.lastError().text();
+        }
+    }
+    return ok;
+}
+
+} // namespace kestrel::internal::records
