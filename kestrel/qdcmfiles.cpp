@@ -518,11 +518,16 @@ void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QS
     db.transaction();
     if (copy)
         copySeriesFiles(formats.data(), count, seriesDir);
-    if (addImageFormatsToDB(formats.data(), count))
-        m_counts.imagesAdded += newRows(formats.data(), count).size();
+    const bool written = addImageFormatsToDB(formats.data(), count);
     addImagePixsToDB(pixs.data(), count);
     addMRImageInfosToDB(infos.data(), count);
-    db.commit();
+    if (!db.commit()) {
+        ++m_counts.failedBatches;
+        emit errorInfo(tr("cannot write the images of %1: %2").arg(seriesKey, db.lastError().text()));
+        db.rollback();
+    } else if (written) {
+        m_counts.imagesAdded += newRows(formats.data(), count).size();
+    }
     qWarning() << "add DB   time elapsed: " << timer.elapsed();
 }
 
