@@ -201,14 +201,15 @@ bool insertRows(QSqlDatabase db, const QString& table, const QVector<const QVect
 {
     if (rows.isEmpty())
         return true;
-    const int columns = schema::columns(table).size();
-    // SQLite allows 32766 bound values per statement, MariaDB 65535.
-    const int rowsPerStatement = qMax(1, 30000 / qMax(1, columns));
+    const int columns = qMax(1, schema::columns(table).size());
+    // MariaDB takes up to 65535 bound values per statement: a series goes in one statement. Qt's
+    // SQLite driver looks every parameter up by position in a list (quadratic in the statement's
+    // parameters), so there a short statement is prepared once and run over the batch.
+    const bool sqlite = db.driverName() == QLatin1String("QSQLITE");
+    const int rowsPerStatement = qMax(1, (sqlite ? 256 : 30000) / columns);
     const QString head = schema::insertHead(table);
     const QString oneRow = schema::placeholders(columns);
-    bool ok = true;
-    for (int first = 0; first < rows.size(); first += rowsPerStatement) {
-        const int n = qMin(rowsPerStatement, rows.size() - first);
+    auto statement = [&](int n) {
         QString text = head;
         text.reserve(head.size() + n * (oneRow.size() + 1));
         for (int r = 0; r < n; ++r) {
@@ -216,12 +217,21 @@ bool insertRows(QSqlDatabase db, const QString& table, const QVector<const QVect
                 text += ',';
             text += oneRow;
         }
-        QSqlQuery query(db);
-        if (!query.prepare(text)) {
-            ok = false;
-            if (error)
-                *error = query.lastError().text();
-            continue;
+        return text;
+    };
+    bool ok = true;
+    QSqlQuery query(db);
+    int prepared = 0;
+    for (int first = 0; first < rows.size(); first += rowsPerStatement) {
+        const int n = qMin(rowsPerStatement, rows.size() - first);
+        if (n != prepared) {
+            prepared = query.prepare(statement(n)) ? n : 0;
+            if (!prepared) {
+                ok = false;
+                if (error)
+                    *error = query.lastError().text();
+                continue;
+            }
         }
         for (int r = 0; r < n; ++r) {
             for (const QVariant& value : *rows.at(first + r))
