@@ -103,6 +103,7 @@ void QDcmFiles::reinit()
     m_seriesFiles.clear();
     m_studySeries.clear();
     m_patientStudies.clear();
+    m_prefetched.clear();
     m_fileFormat->clear();
 }
 
@@ -201,6 +202,8 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
 {
     const int count = files.size();
     int unreadable = 0;
+    const bool prefetch = count + m_prefetched.size() <= kPrefetchLimit;
+    std::vector<ImageRecords> records(prefetch ? size_t(count) : 0);
 #pragma omp parallel for schedule(static) num_threads(int(parsers.size())) reduction(+ : unreadable)
     for (int i = 0; i < count; ++i) {
         DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
@@ -213,6 +216,14 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
         const QString seriesUID = dcmString(dataset, DCM_SeriesInstanceUID);
         const QString sopUID = dcmString(dataset, DCM_SOPInstanceUID);
         const QString phase = phaseOf(seriesUID, parser);
+        if (prefetch && !seriesUID.isEmpty()) {
+            ImageRecords& r = records[size_t(i)];
+            r.format.filePath = path;
+            readImageFormat(&r.format, dataset);
+            readImagePix(&r.pix, dataset);
+            readMRImageInfo(&r.info, dataset);
+            r.seriesUID = seriesUID;
+        }
 #pragma omp critical(qdcmfiles_reading)
         {
             ++m_processed;
@@ -226,6 +237,10 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
             else
                 m_seriesFiles[seriesUID + '#' + phase].append(NameAndPhase{phase, path, sopUID});
         }
+    }
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (!records[i].seriesUID.isEmpty())
+            m_prefetched.insert(files.at(int(i)), std::move(records[i]));
     }
     // m_counts.unreadable holds the objects without a series so far.
     m_counts.filesRead = m_processed - m_counts.unreadable;
@@ -319,10 +334,11 @@ bool QDcmFiles::addAndCopyDataBase()
 bool QDcmFiles::importPass(bool copy)
 {
     emit readInfo(QStringLiteral("start add data base "));
-    workerCount();
+    m_workers = workerCount();
     QElapsedTimer timer;
     timer.start();
     m_processed = 0;
+    beginWrites();
     if (copy) {
         m_savePath = storage::storageRoot();
         m_dayPath = storage::subFolder(m_savePath, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd")));
@@ -345,6 +361,8 @@ bool QDcmFiles::importPass(bool copy)
                 ++m_counts.patientsAdded;
         }
         if (patientPk < 0) {
+            commitWrites(true);
+            m_prefetched.clear();
             m_lastError = patientPk == -2 && database().lastError().isValid()
                                   ? tr("patient lookup failed: %1").arg(database().lastError().text())
                                   : tr("cannot find or create the patient %1 (%2)").arg(patient.key(), file);
@@ -356,8 +374,31 @@ bool QDcmFiles::importPass(bool copy)
         for (const UIDandFile& study : studies)
             importStudy(study, patientPk, knownStudies, patientDir, copy);
     }
+    commitWrites(true);
+    m_prefetched.clear();
     qWarning() << "add DB time elapsed: " << timer.elapsed();
     return true;
+}
+
+void QDcmFiles::beginWrites()
+{
+    m_inTransaction = database().transaction();
+    m_commitTimer.start();
+}
+
+void QDcmFiles::commitWrites(bool force)
+{
+    if (!m_inTransaction || (!force && m_commitTimer.elapsed() < 500))
+        return;
+    QSqlDatabase db = database();
+    if (!db.commit()) {
+        ++m_counts.failedBatches;
+        emit errorInfo(tr("cannot commit the imported rows: %1").arg(db.lastError().text()));
+        db.rollback();
+    }
+    m_inTransaction = false;
+    if (!force)
+        beginWrites();
 }
 
 void QDcmFiles::skipWithoutPatientID(const QList<UIDandFile>& studies)
@@ -455,12 +496,33 @@ void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QS
                             knownPix.contains(file.sopInstanceUID) && knownMR.contains(file.sopInstanceUID);
     }
 
-    // Reading the records touches no shared state: one parser per worker.
-    const int workers = workerCount();
-    Parsers parsers = makeParsers(workers);
-#pragma omp parallel for schedule(static) num_threads(workers)
+    // Records the reading pass kept need no second read.
+    std::vector<char> filled(n, 0);
     for (int i = 0; i < count; ++i) {
-        if (stored[size_t(i)])
+        const size_t k = size_t(i);
+        auto hit = m_prefetched.find(files.at(i).path);
+        if (hit == m_prefetched.end())
+            continue;
+        if (!stored[k]) {
+            formats[k] = std::move(hit->format);
+            pixs[k] = std::move(hit->pix);
+            infos[k] = std::move(hit->info);
+            seriesUIDs[k] = hit->seriesUID;
+            filled[k] = 1;
+        }
+        m_prefetched.erase(hit);
+    }
+
+    // Reading the records touches no shared state: one parser per worker. Starting the workers
+    // costs a scheduling round on a busy machine: skipped when every record is at hand.
+    int toRead = 0;
+    for (size_t k = 0; k < n; ++k)
+        toRead += !stored[k] && !filled[k];
+    const int workers = toRead > 1 ? m_workers : 1;
+    Parsers parsers = makeParsers(workers);
+#pragma omp parallel for schedule(static) num_threads(workers) if (toRead > 1)
+    for (int i = 0; i < count; ++i) {
+        if (stored[size_t(i)] || filled[size_t(i)])
             continue;
         DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
         if (!loadHeader(parser, files.at(i).path, kRecordReadLength))
@@ -514,20 +576,13 @@ void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QS
     m_processed += count;
     qWarning() << "get Info time elapsed: " << timer.elapsed();
 
-    QSqlDatabase db = database();
-    db.transaction();
     if (copy)
         copySeriesFiles(formats.data(), count, seriesDir);
-    const bool written = addImageFormatsToDB(formats.data(), count);
+    if (addImageFormatsToDB(formats.data(), count))
+        m_counts.imagesAdded += newRows(formats.data(), count).size();
     addImagePixsToDB(pixs.data(), count);
     addMRImageInfosToDB(infos.data(), count);
-    if (!db.commit()) {
-        ++m_counts.failedBatches;
-        emit errorInfo(tr("cannot write the images of %1: %2").arg(seriesKey, db.lastError().text()));
-        db.rollback();
-    } else if (written) {
-        m_counts.imagesAdded += newRows(formats.data(), count).size();
-    }
+    commitWrites(false);
     qWarning() << "add DB   time elapsed: " << timer.elapsed();
 }
 

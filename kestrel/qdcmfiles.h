@@ -2,6 +2,7 @@
 
 #include "kestrel_global.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QList>
 #include <QObject>
@@ -59,6 +60,15 @@ struct ImagePix : ImageRecord {
 };
 
 struct MRImageInfo : ImageRecord {
+};
+
+// The three records of one file as the reading pass found them, so that the record pass need not
+// read the file a second time.
+struct ImageRecords {
+    ImageFormat format;
+    ImagePix pix;
+    MRImageInfo info;
+    QString seriesUID;
 };
 
 // Imports DICOM files into the catalogue: reads every header in parallel and groups the files by
@@ -177,6 +187,10 @@ protected:
     void skipWithoutPatientID(const QList<UIDandFile>& studies);
     // SOPInstanceUID -> IrradiationEventUID (the storage marker) of a series' stored images.
     QHash<QString, QString> irradiationMarkers(qint64 seriesPk);
+    // The import pass writes in transactions of about half a second: few disk syncs, and a
+    // catalogue that other connections see grow during a long import.
+    void beginWrites();
+    void commitWrites(bool force);
     // Writes RECORD's values as one row of TABLE (state New only).
     bool insertRecord(const QString& table, const ImageRecord& record);
     // Copies new images into SERIESDIR and handles the duplicates' stored copies (copy mode).
@@ -199,6 +213,13 @@ protected:
     QString m_dayPath;       // the import day's folder below it
 
     QString m_patientID;     // PatientID of the last getPatientIDAndName
+    // Records filled by the reading pass (path -> records), taken by the record pass; kept for at
+    // most kPrefetchLimit files of a run, the record pass reads any others again.
+    QHash<QString, ImageRecords> m_prefetched;
+    static constexpr int kPrefetchLimit = 50000;
+    QElapsedTimer m_commitTimer;
+    bool m_inTransaction = false;
+    int m_workers = 1;       // OpenMP workers of the import pass
     RunCounts m_counts;
     QString m_lastError;
     bool m_lastImportOk = true;

@@ -13,7 +13,6 @@
 
 #include <QDebug>
 #include <QHash>
-#include <QMutex>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QTextCodec>
@@ -113,15 +112,45 @@ std::unique_ptr<TablePlan> buildPlan(const QString& table)
 
 const TablePlan& planFor(const QString& table)
 {
-    // Built once per table; the pipeline reads records from several OpenMP workers.
-    static QMutex mutex;
-    static QHash<QString, const TablePlan*> plans;
-    QMutexLocker lock(&mutex);
-    const TablePlan*& plan = plans[table];
-    if (!plan)
-        plan = buildPlan(table).release();
-    return *plan;
+    // Built once for every table (thread-safe static initialisation); the pipeline reads records
+    // from several OpenMP workers.
+    static const QHash<QString, const TablePlan*> plans = [] {
+        QHash<QString, const TablePlan*> all;
+        for (const QString& name : schema::tables())
+            all.insert(name, buildPlan(name).release());
+        return all;
+    }();
+    static const TablePlan none;
+    const TablePlan* plan = plans.value(table.toLower());
+    return plan ? *plan : none;
 }
+
+// Decoding by SpecificCharacterSet, decided once per dataset.
+class TextDecoder
+{
+public:
+    explicit TextDecoder(const QString& charset)
+    {
+        const QString name = charset.trimmed().toUpper();
+        if (name == QLatin1String("ISO_IR 100"))
+            m_latin1 = true;
+        else if (name == QLatin1String("GB18030") || name == QLatin1String("GBK"))
+            m_codec = QTextCodec::codecForName("GB18030");
+    }
+    QString operator()(const OFString& raw) const
+    {
+        const int size = int(raw.length());
+        if (m_latin1)
+            return QString::fromLatin1(raw.c_str(), size);
+        if (m_codec)
+            return m_codec->toUnicode(raw.c_str(), size);
+        return QString::fromUtf8(raw.c_str(), size);
+    }
+
+private:
+    bool m_latin1 = false;
+    QTextCodec* m_codec = nullptr;
+};
 
 } // namespace
 
@@ -140,7 +169,7 @@ QVector<QVariant> readColumns(const QString& table, DcmItem* item)
     }
     if (!item)
         return values;
-    const QString charset = dcmCharacterSet(item);
+    const TextDecoder decode(dcmCharacterSet(item));
     // One walk over the item's elements instead of one search per column.
     const unsigned long count = item->card();
     for (unsigned long e = 0; e < count; ++e) {
@@ -153,7 +182,7 @@ QVector<QVariant> readColumns(const QString& table, DcmItem* item)
         OFString raw;
         if (element->getOFStringArray(raw).bad())
             continue;
-        const QString text = decodeDicomText(QByteArray(raw.c_str(), int(raw.length())), charset);
+        const QString text = decode(raw);
         for (int column : *hit) {
             const ColumnSource& source = plan.sources.at(column);
             if (source.kind == ColumnSource::Text) {
