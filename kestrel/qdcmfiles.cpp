@@ -133,9 +133,37 @@ QString QDcmFiles::phaseOf(const QString& seriesUID, DcmFileFormat* file)
     if (parts.size() <= 3 || parts.at(3) != QLatin1String("30917"))
         return QStringLiteral("0");
     DcmItem* item = file ? file->getDataset() : nullptr;
-    if (!dcmHas(item, kPhaseTag))
+    DcmElement* element = nullptr;
+    if (!item || item->findAndGetElement(kPhaseTag, element).bad() || !element)
         return QStringLiteral("0");
-    return QString::number(dcmInt(item, kPhaseTag, 0));
+    Sint32 number = 0;
+    Uint32 unsigned32 = 0;
+    Sint16 signed16 = 0;
+    Uint16 unsigned16 = 0;
+    if (element->getSint32(number).good())
+        return QString::number(number);
+    if (element->getUint32(unsigned32).good())
+        return QString::number(unsigned32);
+    if (element->getSint16(signed16).good())
+        return QString::number(signed16);
+    if (element->getUint16(unsigned16).good())
+        return QString::number(unsigned16);
+    // Without its private dictionary (implicit VR files) the element is plain bytes: a number
+    // written as text, or a little-endian binary integer.
+    Uint8* bytes = nullptr;
+    const Uint32 length = element->getLength();
+    if (element->getUint8Array(bytes).bad() || !bytes)
+        return QStringLiteral("0");
+    bool ok = false;
+    const int parsed = QByteArray(reinterpret_cast<const char*>(bytes), int(length)).trimmed().replace('\0', "").toInt(&ok);
+    if (ok)
+        return QString::number(parsed);
+    if (length == 2)
+        return QString::number(qint16(bytes[0] | (bytes[1] << 8)));
+    if (length == 4)
+        return QString::number(qint32(quint32(bytes[0]) | (quint32(bytes[1]) << 8) | (quint32(bytes[2]) << 16) |
+                                      (quint32(bytes[3]) << 24)));
+    return QStringLiteral("0");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -219,9 +247,7 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
         if (prefetch && !seriesUID.isEmpty()) {
             ImageRecords& r = records[size_t(i)];
             r.format.filePath = path;
-            readImageFormat(&r.format, dataset);
-            readImagePix(&r.pix, dataset);
-            readMRImageInfo(&r.info, dataset);
+            readImageRecords(&r.format, &r.pix, &r.info, dataset);
             r.seriesUID = seriesUID;
         }
 #pragma omp critical(qdcmfiles_reading)
@@ -528,9 +554,7 @@ void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QS
         if (!loadHeader(parser, files.at(i).path, kRecordReadLength))
             continue;
         DcmDataset* dataset = parser->getDataset();
-        readImageFormat(&formats[size_t(i)], dataset);
-        readImagePix(&pixs[size_t(i)], dataset);
-        readMRImageInfo(&infos[size_t(i)], dataset);
+        readImageRecords(&formats[size_t(i)], &pixs[size_t(i)], &infos[size_t(i)], dataset);
         seriesUIDs[size_t(i)] = dcmString(dataset, DCM_SeriesInstanceUID);
     }
 

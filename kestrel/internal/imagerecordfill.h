@@ -13,5 +13,7 @@ QVariant columnValue(const ImageRecord& record, const QString& table, const QStr
 void readImageFormat(ImageFormat* record, DcmItem* item);
 void readImagePix(ImagePix* record, DcmItem* item);
 void readMRImageInfo(MRImageInfo* record, DcmItem* item);
+// The three at once (one walk over the item); FORMAT's filePath is set beforehand.
+void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, DcmItem* item);
 
 } // namespace kestrel::internal

@@ -8,6 +8,7 @@
 #include <dcmtk/dcmdata/dcdicent.h>
 #include <dcmtk/dcmdata/dcdict.h>
 #include <dcmtk/dcmdata/dcelem.h>
+#include <dcmtk/dcmdata/dchashdi.h>
 #include <dcmtk/dcmdata/dcitem.h>
 #include <dcmtk/dcmdata/dctag.h>
 
@@ -45,15 +46,37 @@ quint32 tagCode(const DcmTagKey& key)
     return (quint32(key.getGroup()) << 16) | key.getElement();
 }
 
-// A few column names capitalise "of" where the DICOM keyword writes "Of".
-DcmTagKey tagForColumn(const QString& column, bool* found)
+// Every keyword of DCMTK's dictionary with its tag (one walk; findTagFromName scans the whole
+// dictionary on each call).
+QHash<QString, DcmTagKey> dictionaryKeywords()
 {
-    QString keyword = column;
-    keyword.replace(QLatin1String("Numberof"), QLatin1String("NumberOf"));
-    keyword.replace(QLatin1String("Fieldof"), QLatin1String("FieldOf"));
-    DcmTag tag;
-    *found = DcmTag::findTagFromName(keyword.toLatin1().constData(), tag).good();
-    return *found ? DcmTagKey(tag.getGroup(), tag.getElement()) : DcmTagKey();
+    QHash<QString, DcmTagKey> keywords;
+    DcmDataDictionary& dictionary = dcmDataDict.wrlock();
+    for (DcmHashDictIterator it = dictionary.normalBegin(); it != dictionary.normalEnd(); ++it) {
+        const DcmDictEntry* entry = *it;
+        if (!entry || !entry->getTagName())
+            continue;
+        // Case-insensitive (the catalogue writes "InplanePhaseEncodingDirection"); retired
+        // attributes count as well (OtherPatientIDs).
+        QString name = QString::fromLatin1(entry->getTagName()).toLower();
+        const bool retired = name.startsWith(QLatin1String("retired_"));
+        if (retired)
+            name = name.mid(8);
+        if (entry->getPrivateCreator() || (retired && keywords.contains(name)))
+            continue;
+        keywords.insert(name, entry->getKey());
+    }
+    dcmDataDict.wrunlock();
+    return keywords;
+}
+
+// The attribute of a column: column names are DICOM keywords with the catalogue's own capitals
+// ("NumberofAverages").
+DcmTagKey tagForColumn(const QHash<QString, DcmTagKey>& keywords, const QString& column, bool* found)
+{
+    const auto hit = keywords.constFind(column.toLower());
+    *found = hit != keywords.constEnd();
+    return *found ? *hit : DcmTagKey();
 }
 
 bool isBinary(const DcmTagKey& key)
@@ -79,7 +102,7 @@ const QHash<QString, QPair<DcmTagKey, int>>& componentColumns()
     return map;
 }
 
-std::unique_ptr<TablePlan> buildPlan(const QString& table)
+std::unique_ptr<TablePlan> buildPlan(const QHash<QString, DcmTagKey>& keywords, const QString& table)
 {
     static const QStringList callerColumns{"patient_fk", "study_fk", "series_fk", "SeriesBase", "FilePath", "Status"};
     auto plan = std::make_unique<TablePlan>();
@@ -94,7 +117,7 @@ std::unique_ptr<TablePlan> buildPlan(const QString& table)
             source.hasTag = true;
         } else if (!callerColumns.contains(name)) {
             bool found = false;
-            const DcmTagKey tag = tagForColumn(name, &found);
+            const DcmTagKey tag = tagForColumn(keywords, name, &found);
             if (!found)
                 qWarning() << "importrecords: no attribute for column" << table << name;
             source.kind = name == QLatin1String("InstanceNumber") ? ColumnSource::Integer : ColumnSource::Text;
@@ -115,9 +138,10 @@ const TablePlan& planFor(const QString& table)
     // Built once for every table (thread-safe static initialisation); the pipeline reads records
     // from several OpenMP workers.
     static const QHash<QString, const TablePlan*> plans = [] {
+        const QHash<QString, DcmTagKey> keywords = dictionaryKeywords();
         QHash<QString, const TablePlan*> all;
-        for (const QString& name : schema::tables())
-            all.insert(name, buildPlan(name).release());
+        for (const char* name : {"patient", "generalstudy", "generalseries", "imageformat", "imagepixel", "mrimageinfo"})
+            all.insert(QString::fromLatin1(name), buildPlan(keywords, QString::fromLatin1(name)).release());
         return all;
     }();
     static const TablePlan none;
@@ -154,9 +178,10 @@ private:
 
 } // namespace
 
-QVector<QVariant> readColumns(const QString& table, DcmItem* item)
+namespace {
+
+QVector<QVariant> emptyValues(const TablePlan& plan)
 {
-    const TablePlan& plan = planFor(table);
     QVector<QVariant> values(plan.columns.size());
     const QString empty = QStringLiteral("");
     for (int i = 0; i < plan.sources.size(); ++i) {
@@ -167,39 +192,74 @@ QVector<QVariant> readColumns(const QString& table, DcmItem* item)
         case ColumnSource::Caller: break;
         }
     }
+    return values;
+}
+
+void store(const TablePlan& plan, const QVector<int>& columns, const QString& text, QVector<QVariant>& values)
+{
+    QVector<double> parts;
+    bool split = false;
+    for (int column : columns) {
+        const ColumnSource& source = plan.sources.at(column);
+        if (source.kind == ColumnSource::Text) {
+            values[column] = text;
+        } else if (source.kind == ColumnSource::Integer) {
+            bool ok = false;
+            const qint64 number = text.trimmed().toLongLong(&ok);
+            if (ok)
+                values[column] = number;
+        } else if (source.kind == ColumnSource::Component) {
+            if (!split) {
+                parts = splitDoubles(text);
+                split = true;
+            }
+            if (source.component < parts.size())
+                values[column] = parts.at(source.component);
+        }
+    }
+}
+
+} // namespace
+
+QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item)
+{
+    QVector<const TablePlan*> plans;
+    QVector<QVector<QVariant>> values;
+    for (const QString& table : tables) {
+        plans.append(&planFor(table));
+        values.append(emptyValues(*plans.last()));
+    }
     if (!item)
         return values;
     const TextDecoder decode(dcmCharacterSet(item));
-    // One walk over the item's elements instead of one search per column.
-    const unsigned long count = item->card();
-    for (unsigned long e = 0; e < count; ++e) {
-        DcmElement* element = item->getElement(e);
-        if (!element)
+    // One walk over the item's elements for all tables instead of one search per column.
+    for (DcmObject* object = item->nextInContainer(nullptr); object; object = item->nextInContainer(object)) {
+        auto* element = static_cast<DcmElement*>(object);
+        if (element->ident() == EVR_SQ)
             continue;
-        const auto hit = plan.byTag.constFind(tagCode(element->getTag()));
-        if (hit == plan.byTag.constEnd() || element->ident() == EVR_SQ)
-            continue;
-        OFString raw;
-        if (element->getOFStringArray(raw).bad())
-            continue;
-        const QString text = decode(raw);
-        for (int column : *hit) {
-            const ColumnSource& source = plan.sources.at(column);
-            if (source.kind == ColumnSource::Text) {
-                values[column] = text;
-            } else if (source.kind == ColumnSource::Integer) {
-                bool ok = false;
-                const qint64 number = text.trimmed().toLongLong(&ok);
-                if (ok)
-                    values[column] = number;
-            } else if (source.kind == ColumnSource::Component) {
-                const QVector<double> parts = splitDoubles(text);
-                if (source.component < parts.size())
-                    values[column] = parts.at(source.component);
+        const quint32 code = tagCode(element->getTag());
+        QString text;
+        bool decoded = false;
+        for (int t = 0; t < plans.size(); ++t) {
+            const auto hit = plans[t]->byTag.constFind(code);
+            if (hit == plans[t]->byTag.constEnd())
+                continue;
+            if (!decoded) {
+                OFString raw;
+                if (element->getOFStringArray(raw).bad())
+                    break;
+                text = decode(raw);
+                decoded = true;
             }
+            store(*plans[t], *hit, text, values[t]);
         }
     }
     return values;
+}
+
+QVector<QVariant> readColumns(const QString& table, DcmItem* item)
+{
+    return readColumns(QStringList{table}, item).value(0);
 }
 
 int columnIndex(const QString& table, const QString& column)

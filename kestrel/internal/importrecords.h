@@ -4,6 +4,7 @@
 
 #include <QSqlDatabase>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <QVector>
 
@@ -20,6 +21,8 @@ namespace kestrel::internal::records {
 // PixelSpacing, ImageOrientationPatient and ImagePositionPatient by index (null when absent).
 // Columns no attribute fills (keys, SeriesBase, FilePath, Status) are null for the caller to set.
 KESTREL_EXPORT QVector<QVariant> readColumns(const QString& table, DcmItem* item);
+// The same for several tables in one walk over the item (one vector per table, in order).
+KESTREL_EXPORT QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item);
 
 // Index of COLUMN in TABLE's insert order, -1 when absent.
 KESTREL_EXPORT int columnIndex(const QString& table, const QString& column);

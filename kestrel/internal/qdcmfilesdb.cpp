@@ -98,29 +98,56 @@ QVariant columnValue(const ImageRecord& record, const QString& table, const QStr
     return index >= 0 && index < record.values.size() ? record.values.at(index) : QVariant();
 }
 
-void readImageFormat(ImageFormat* record, DcmItem* item)
+namespace {
+
+void finishImageFormat(ImageFormat* record, const QString& sop)
 {
-    record->values = records::readColumns(kImageFormat, item);
     // ContentDate goes through a QDate parsed with "YYYYMMDD", a pattern that never matches an
     // eight-digit date: the column stays empty, as the application's readers expect.
     const QDate contentDate = QDate::fromString(columnValue(*record, kImageFormat, "ContentDate").toString(), "YYYYMMDD");
     setColumn(record, kImageFormat, "ContentDate", contentDate.isValid() ? contentDate.toString("yyyyMMdd") : QString(""));
     setColumn(record, kImageFormat, "FilePath", record->filePath);
-    record->sopInstanceUID = dcmString(item, DCM_SOPInstanceUID);
+    record->sopInstanceUID = sop;
+}
+
+void finishImagePix(ImagePix* record, const QString& sop)
+{
+    record->sliceThickness = columnValue(*record, kImagePixel, "SliceThickness").toString().section('\\', 0, 0).toFloat();
+    record->sliceLocation = columnValue(*record, kImagePixel, "SliceLocation").toString().section('\\', 0, 0).toFloat();
+    record->sopInstanceUID = sop;
+}
+
+} // namespace
+
+void readImageFormat(ImageFormat* record, DcmItem* item)
+{
+    record->values = records::readColumns(kImageFormat, item);
+    finishImageFormat(record, dcmString(item, DCM_SOPInstanceUID));
 }
 
 void readImagePix(ImagePix* record, DcmItem* item)
 {
     record->values = records::readColumns(kImagePixel, item);
-    record->sliceThickness = float(dcmDouble(item, DCM_SliceThickness));
-    record->sliceLocation = float(dcmDouble(item, DCM_SliceLocation));
-    record->sopInstanceUID = dcmString(item, DCM_SOPInstanceUID);
+    finishImagePix(record, dcmString(item, DCM_SOPInstanceUID));
 }
 
 void readMRImageInfo(MRImageInfo* record, DcmItem* item)
 {
     record->values = records::readColumns(kMrImageInfo, item);
     record->sopInstanceUID = dcmString(item, DCM_SOPInstanceUID);
+}
+
+void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, DcmItem* item)
+{
+    static const QStringList tables{kImageFormat, kImagePixel, kMrImageInfo};
+    QVector<QVector<QVariant>> values = records::readColumns(tables, item);
+    const QString sop = dcmString(item, DCM_SOPInstanceUID);
+    format->values = std::move(values[0]);
+    pix->values = std::move(values[1]);
+    info->values = std::move(values[2]);
+    finishImageFormat(format, sop);
+    finishImagePix(pix, sop);
+    info->sopInstanceUID = sop;
 }
 
 } // namespace kestrel::internal
