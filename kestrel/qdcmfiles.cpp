@@ -62,16 +62,12 @@ Parsers makeParsers(int count)
     return parsers;
 }
 
-// Rows of RECORDS in state New, for the batch writer.
-template <typename Record>
-QVector<const QVector<QVariant>*> newRows(Record* records, int count)
+int newRecords(const ImageFormat* records, int count)
 {
-    QVector<const QVector<QVariant>*> rows;
-    for (int i = 0; i < count; ++i) {
-        if (records[i].state == ImageRecord::New && !records[i].values.isEmpty())
-            rows.append(&records[i].values);
-    }
-    return rows;
+    int n = 0;
+    for (int i = 0; i < count; ++i)
+        n += records[i].state == ImageRecord::New && !records[i].values.isEmpty();
+    return n;
 }
 
 } // namespace
@@ -603,7 +599,7 @@ void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QS
     if (copy)
         copySeriesFiles(formats.data(), count, seriesDir);
     if (addImageFormatsToDB(formats.data(), count))
-        m_counts.imagesAdded += newRows(formats.data(), count).size();
+        m_counts.imagesAdded += newRecords(formats.data(), count);
     addImagePixsToDB(pixs.data(), count);
     addMRImageInfosToDB(infos.data(), count);
     commitWrites(false);

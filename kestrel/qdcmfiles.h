@@ -162,11 +162,18 @@ public slots:
     void onNotifyUploadDB(QString seriesUID);
 
 signals:
+    // Progress: texts of each stage, and percentages (maximum always 100): 1 at the start, up to
+    // 10 over the reading pass, up to 100 over the import pass. Emitted from the importing thread
+    // and, during the reading pass, from OpenMP workers: connect queued across threads.
     void readInfo(const QString& text);
     void readInfo(int value, int maximum);
+    // false when a folder import starts, true when a run has ended.
     void finishReadFiles(bool finished);
+    // Database errors (connection, rejected batches); the run goes on.
     void errorInfo(QString text);
+    // A file a derived importer could not handle.
     void fileError(const QString& file);
+    // After the receive queue was imported.
     void notifyNewSeriesUID(QString seriesUID);
     void notifyUpdateMainWindow();
 

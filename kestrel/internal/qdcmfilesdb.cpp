@@ -323,22 +323,20 @@ bool QDcmFiles::getMRImageInfo(MRImageInfo* record, QSet<QString>& known, qint64
 // The batch writers bind every value: ImageType's backslashes and any apostrophe reach the column as
 // they are on both databases.
 template <typename Record>
-static bool writeBatch(QDcmFiles* importer, QSqlDatabase db, const QString& table, Record* records, int count,
-                       QString* error)
+static bool writeBatch(QSqlDatabase db, const QString& table, Record* records, int count, QString* error)
 {
     QVector<const QVector<QVariant>*> rows;
     for (int i = 0; i < count; ++i) {
         if (records[i].state == ImageRecord::New && !records[i].values.isEmpty())
             rows.append(&records[i].values);
     }
-    Q_UNUSED(importer)
     return records::insertRows(db, table, rows, error);
 }
 
 bool QDcmFiles::addImageFormatsToDB(ImageFormat* records, int count)
 {
     QString error;
-    if (writeBatch(this, database(), kImageFormat, records, count, &error))
+    if (writeBatch(database(), kImageFormat, records, count, &error))
         return true;
     ++m_counts.failedBatches;
     emit errorInfo(error);
@@ -348,7 +346,7 @@ bool QDcmFiles::addImageFormatsToDB(ImageFormat* records, int count)
 bool QDcmFiles::addImagePixsToDB(ImagePix* records, int count)
 {
     QString error;
-    if (writeBatch(this, database(), kImagePixel, records, count, &error))
+    if (writeBatch(database(), kImagePixel, records, count, &error))
         return true;
     ++m_counts.failedBatches;
     emit errorInfo(error);
@@ -358,7 +356,7 @@ bool QDcmFiles::addImagePixsToDB(ImagePix* records, int count)
 bool QDcmFiles::addMRImageInfosToDB(MRImageInfo* records, int count)
 {
     QString error;
-    if (writeBatch(this, database(), kMrImageInfo, records, count, &error))
+    if (writeBatch(database(), kMrImageInfo, records, count, &error))
         return true;
     ++m_counts.failedBatches;
     emit errorInfo(error);
