@@ -227,6 +227,9 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
     const int count = files.size();
     int unreadable = 0;
     const bool prefetch = count + m_prefetched.size() <= kPrefetchLimit;
+    // Files of series the catalogue already holds are most likely duplicates: their records are
+    // only built if the record pass finds them new.
+    const QSet<QString> catalogued = prefetch ? cataloguedSeries() : QSet<QString>();
     std::vector<ImageRecords> records(prefetch ? size_t(count) : 0);
 #pragma omp parallel for schedule(static) num_threads(int(parsers.size())) reduction(+ : unreadable)
     for (int i = 0; i < count; ++i) {
@@ -240,7 +243,7 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
         const QString seriesUID = dcmString(dataset, DCM_SeriesInstanceUID);
         const QString sopUID = dcmString(dataset, DCM_SOPInstanceUID);
         const QString phase = phaseOf(seriesUID, parser);
-        if (prefetch && !seriesUID.isEmpty()) {
+        if (prefetch && !seriesUID.isEmpty() && !catalogued.contains(seriesUID + '#' + phase)) {
             ImageRecords& r = records[size_t(i)];
             r.format.filePath = path;
             readImageRecords(&r.format, &r.pix, &r.info, dataset);
@@ -267,6 +270,17 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
     // m_counts.unreadable holds the objects without a series so far.
     m_counts.filesRead = m_processed - m_counts.unreadable;
     m_counts.unreadable += unreadable;
+}
+
+QSet<QString> QDcmFiles::cataloguedSeries()
+{
+    QSet<QString> keys;
+    QSqlQuery query(database());
+    if (query.exec(QStringLiteral("SELECT SeriesBase FROM generalseries"))) {
+        while (query.next())
+            keys.insert(query.value(0).toString());
+    }
+    return keys;
 }
 
 void QDcmFiles::onReadInfo()

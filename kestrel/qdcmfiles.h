@@ -185,6 +185,8 @@ protected:
     QSqlDatabase database() const;
     // The grouping pass: every file's series key, in parallel (one parser per worker).
     void readingPass(const QList<QString>& files, std::vector<std::unique_ptr<DcmFileFormat>>& parsers);
+    // Every series key (SeriesBase) of the catalogue.
+    QSet<QString> cataloguedSeries();
     // The import pass shared by both modes; COPY adds the storage tree.
     bool importPass(bool copy);
     void importStudy(const UIDandFile& study, qint64 patientPk, const QList<PKAndUID>& knownStudies,
