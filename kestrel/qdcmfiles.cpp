@@ -620,50 +620,6 @@ void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QS
     qWarning() << "add DB   time elapsed: " << timer.elapsed();
 }
 
-QHash<QString, QString> QDcmFiles::irradiationMarkers(qint64 seriesPk)
-{
-    QHash<QString, QString> markers;
-    QSqlQuery query(database());
-    query.prepare(QStringLiteral("SELECT SOPInstanceUID,IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
-    query.addBindValue(seriesPk);
-    if (query.exec()) {
-        while (query.next())
-            markers.insert(query.value(0).toString(), query.value(1).toString());
-    }
-    return markers;
-}
-
-void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& seriesDir)
-{
-    QSqlQuery update(database());
-    update.prepare(QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
-    for (int i = 0; i < count; ++i) {
-        ImageFormat& record = records[i];
-        if (record.state == ImageRecord::NotFilled)
-            continue;
-        if (record.state == ImageRecord::Duplicate &&
-            columnValue(record, kImageFormat, "IrradiationEventUID").toString() == QLatin1String("reserved")) {
-            storage::removeEmptyFolders(seriesDir);
-            continue;
-        }
-        if (!QFileInfo::exists(seriesDir))
-            QDir().mkpath(seriesDir);
-        const QString destination = QDir(seriesDir).filePath(QFileInfo(record.filePath).fileName());
-        // A failed copy keeps the source path: the catalogue never names a file that is not there.
-        if (!storage::copyOverwrite(record.filePath, destination))
-            continue;
-        if (record.state == ImageRecord::Duplicate) {
-            update.addBindValue(destination);
-            update.addBindValue(record.sopInstanceUID);
-            update.exec();
-        } else {
-            record.filePath = destination;
-            setColumn(&record, kImageFormat, "FilePath", destination);
-        }
-        setColumn(&record, kImageFormat, "IrradiationEventUID", QStringLiteral("copy"));
-    }
-}
-
 // ---------------------------------------------------------------------------------------------
 // Receive queue
 

@@ -13,6 +13,7 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
@@ -296,6 +297,37 @@ private slots:
                  (QStringList{seriesDir + "/slice_000.dcm", seriesDir + "/slice_001.dcm", seriesDir + "/slice_002.dcm"}));
         QVERIFY(QFileInfo::exists(seriesDir + "/slice_000.dcm"));
         QVERIFY(QFileInfo::exists(seriesDir + "/slice_002.dcm"));
+
+        // Images marked "reserved" stay where their rows say.
+        QSqlQuery reserve(QSqlDatabase::database());
+        QVERIFY(reserve.exec("UPDATE imageformat SET IrradiationEventUID = 'reserved', FilePath = 'kept'"));
+        QDcmFiles third;
+        third.loadLocalFolderToDB(catalog.path("src"), 1, true);
+        QCOMPARE(column("SELECT DISTINCT FilePath FROM imageformat"), QStringList{"kept"});
+        QCOMPARE(TestCatalog::count("imageformat"), 3);
+    }
+
+    void commandLine()
+    {
+        KESTREL_OPEN_CATALOG(catalog, QString("sqlite"));
+        SyntheticImage image;
+        writeSyntheticSeries(catalog.path("cli"), image, 3);
+        QFile(catalog.path("cli/readme.txt")).open(QIODevice::WriteOnly);
+        const QString program = Kestrel::applicationDir() + "/kestrel";
+        if (!QFileInfo::exists(program))
+            QSKIP("the kestrel host is not built");
+        QProcess run;
+        run.start(program, {"--config", catalog.configDir(), "import", catalog.path("cli")});
+        QVERIFY(run.waitForFinished(60000));
+        const QString output = QString::fromUtf8(run.readAllStandardOutput());
+        QCOMPARE(run.exitCode(), 0);
+        QVERIFY2(output.contains("images added:      3") && output.contains("files unreadable:  1"), qPrintable(output));
+        QCOMPARE(TestCatalog::count("imageformat"), 3);
+
+        run.start(program, {"--config", catalog.configDir(), "import", catalog.path("missing")});
+        QVERIFY(run.waitForFinished(60000));
+        QVERIFY(run.exitCode() != 0);
+        QVERIFY(QString::fromUtf8(run.readAllStandardError()).contains("no such file or folder"));
     }
 
     void receiveQueue_data() { TestCatalog::addBackendRows(); }
