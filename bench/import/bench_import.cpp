@@ -2,7 +2,7 @@
 // and series) read with DCMTK alone (the header-read limit) and imported by QDcmFiles into SQLite
 // and MariaDB, first and repeated import, side by side.
 //
-//   bench_import [--files N] [--corpus DIR] [--mysql-socket PATH]
+//   bench_import [--files N] [--corpus DIR] [--mysql-socket PATH] [--repeat R]
 //
 // MariaDB runs when a socket is given (or KESTREL_TEST_MYSQL_SOCKET is set).
 #include "kestrelpaths.h"
@@ -244,11 +244,13 @@ int main(int argc, char* argv[])
     parser.addOption({"files", "Corpus size (default 10000).", "N", "10000"});
     parser.addOption({"corpus", "Corpus folder (reused when complete).", "DIR"});
     parser.addOption({"mysql-socket", "MariaDB socket (default: KESTREL_TEST_MYSQL_SOCKET).", "PATH"});
+    parser.addOption({"repeat", "Rounds; each figure is the best round (default 2).", "R", "2"});
     parser.process(app);
     qInstallMessageHandler(messageFilter);
     OFLog::configure(OFLogger::FATAL_LOG_LEVEL);
 
     const int files = qMax(10, parser.value("files").toInt());
+    const int repeat = qMax(1, parser.value("repeat").toInt());
     const QString corpus = parser.isSet("corpus") ? parser.value("corpus")
                                                   : QDir::tempPath() + QString("/kestrel-bench-import-%1").arg(files);
     const QString socket =
@@ -264,30 +266,47 @@ int main(int argc, char* argv[])
     out << "corpus: " << list.size() << " MR files 256x256, " << patients << " patients, " << patients * 2 << " studies, "
         << series << " series; OpenMP threads: " << threads << Qt::endl;
 
+    // The machine is shared: every figure is the best of REPEAT rounds, each round measuring the
+    // limit and both imports into fresh catalogues.
     headerReadLimit(list); // warms the page cache
-    const qint64 limit = headerReadLimit(list);
-    QList<Row> rows{{"header-read limit (DCMTK, 1024 B)", limit, list.size(), QString()}};
-
+    QList<Row> rows;
+    auto keep = [&rows](const Row& row) {
+        for (Row& known : rows) {
+            if (known.name == row.name) {
+                if (row.ms < known.ms)
+                    known = row;
+                return;
+            }
+        }
+        rows.append(row);
+    };
     QTemporaryDir tmp;
-    for (const QString& backend : {QString("SQLite"), QString("MariaDB")}) {
-        const bool maria = backend == "MariaDB";
-        if (maria && socket.isEmpty()) {
-            out << "MariaDB skipped: no socket (--mysql-socket or KESTREL_TEST_MYSQL_SOCKET)" << Qt::endl;
-            continue;
+    for (int round = 0; round < repeat; ++round) {
+        keep({"header-read limit (DCMTK, 1024 B)", headerReadLimit(list), list.size(), QString()});
+        for (const QString& backend : {QString("SQLite"), QString("MariaDB")}) {
+            const bool maria = backend == "MariaDB";
+            if (maria && socket.isEmpty()) {
+                if (round == 0)
+                    out << "MariaDB skipped: no socket (--mysql-socket or KESTREL_TEST_MYSQL_SOCKET)" << Qt::endl;
+                continue;
+            }
+            QString schema;
+            const QString dir = QString("%1/round%2").arg(tmp.path()).arg(round);
+            QDir().mkpath(dir);
+            if (!openCatalogue(dir + "/config-" + backend, dir, maria ? socket : QString(), &schema)) {
+                out << backend << ": cannot open the catalogue" << Qt::endl;
+                continue;
+            }
+            int added = 0;
+            QString phases;
+            const qint64 first = importOnce(corpus, &added, &phases);
+            keep({backend + " first import", first, added, phases});
+            const qint64 again = importOnce(corpus, &added, &phases);
+            keep({backend + " repeated import (all duplicates)", again, added, phases});
+            closeCatalogue(schema);
         }
-        QString schema;
-        if (!openCatalogue(tmp.path() + "/config-" + backend, tmp.path(), maria ? socket : QString(), &schema)) {
-            out << backend << ": cannot open the catalogue" << Qt::endl;
-            continue;
-        }
-        int added = 0;
-        QString phases;
-        const qint64 first = importOnce(corpus, &added, &phases);
-        rows.append({backend + " first import", first, added, phases});
-        const qint64 repeat = importOnce(corpus, &added, &phases);
-        rows.append({backend + " repeated import (all duplicates)", repeat, added, phases});
-        closeCatalogue(schema);
     }
+    const qint64 limit = rows.first().ms;
 
     out << '\n'
         << QString("run").leftJustified(40) << QString("seconds").rightJustified(9) << QString("files/s").rightJustified(10)
