@@ -581,12 +581,13 @@ QDcmAnonymize::BatchCounts QDcmAnonymize::processPath(const QString& in, const Q
     QList<QPair<QString, QString>> jobs;
     const QFileInfo input(in);
     if (input.isDir()) {
+        const QString base = input.absoluteFilePath();
         QStringList files;
-        QDirIterator it(in, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        QDirIterator it(base, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
         while (it.hasNext())
             files << it.next();
         files.sort();
-        const QDir root(in);
+        const QDir root(base);
         for (const QString& file : files)
             jobs.append({file, QDir(out).filePath(root.relativeFilePath(file))});
     } else if (QFileInfo(out).isDir()) {

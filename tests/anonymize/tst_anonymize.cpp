@@ -148,7 +148,11 @@ private slots:
         QSettings all(catalog.path("all.ini"), QSettings::IniFormat);
         anonymizer.setAnonymizeSetting(&all);
         QSignalSpy progress(&anonymizer, qOverload<int, int>(&QDcmAnonymize::sendAnonymizeProgressInfo));
-        const QDcmAnonymize::BatchCounts counts = anonymizer.processPath(catalog.path("in"), catalog.path("out"), false);
+        // Relative paths, as the command line gets them.
+        const QString cwd = QDir::currentPath();
+        QDir::setCurrent(catalog.dir());
+        const QDcmAnonymize::BatchCounts counts = anonymizer.processPath("in", "out", false);
+        QDir::setCurrent(cwd);
         QCOMPARE(counts.files, 4);
         QCOMPARE(counts.written, 3);
         QCOMPARE(counts.unreadable, 1);
