@@ -32,6 +32,17 @@ int fail(const QString& command, const QString& reason, int status)
 
 namespace {
 
+bool verboseDiagnostics = false;
+
+// The library reports through Qt's logger; the host shows its warnings and debug lines only with
+// --verbose, and critical messages always.
+void filterDiagnostics(QtMsgType type, const QMessageLogContext&, const QString& message)
+{
+    if (!verboseDiagnostics && (type == QtDebugMsg || type == QtInfoMsg || type == QtWarningMsg))
+        return;
+    QTextStream(stderr) << message << '\n';
+}
+
 void printUsage(QTextStream& out)
 {
     out << "Usage: kestrel [--config DIR] COMMAND [options] [arguments]\n\n"
@@ -41,6 +52,7 @@ void printUsage(QTextStream& out)
         out << "  " << name.leftJustified(13) << command.summary << '\n';
     out << "\nGlobal options:\n"
         << "  --config DIR  read the configuration files from DIR instead of the folders beside the program\n"
+        << "  --verbose     show the library's diagnostics (warnings and debug lines) on stderr\n"
         << "  -h, --help    show this help; 'kestrel COMMAND --help' for a command's options\n";
 }
 
@@ -51,11 +63,19 @@ int main(int argc, char* argv[])
     // Qt's GUI module is needed for images (PNG writing, text on images); run without a display.
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR"))
+        qputenv("XDG_RUNTIME_DIR", QByteArray("/tmp/runtime-") + qgetenv("USER"));
+    qInstallMessageHandler(filterDiagnostics);
     QGuiApplication application(argc, argv);
     QCoreApplication::setApplicationName("kestrel");
 
     QStringList args = QCoreApplication::arguments().mid(1);
-    while (!args.isEmpty() && args.first().startsWith("--config")) {
+    while (!args.isEmpty() && (args.first().startsWith("--config") || args.first() == "--verbose")) {
+        if (args.first() == "--verbose") {
+            verboseDiagnostics = true;
+            args.takeFirst();
+            continue;
+        }
         QString dir;
         if (args.first().startsWith("--config=")) {
             dir = args.takeFirst().mid(9);

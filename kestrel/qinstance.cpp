@@ -2,6 +2,7 @@
 
 #include "internal/geometry.h"
 #include "internal/hierarchy.h"
+#include "ndicomimage.h"
 #include "qpatient.h"
 #include "qseries.h"
 
@@ -192,10 +193,10 @@ bool QInstance::addMarkers(QString markers, bool replace)
 
 std::shared_ptr<NDicomImage> QInstance::getDicomImage()
 {
-    // Read once: a file that cannot be read leaves an empty image, handed out again without retry.
-    if (!m_dicomImageRead) {
-        m_dicomImageRead = true;
-        m_dicomImage = makeDicomImage(m_filePath);
+    // Read once: later calls hand out the same image, also when the file could not be read.
+    if (!m_dicomImage) {
+        m_dicomImage = std::make_shared<NDicomImage>();
+        m_dicomImage->readReferenceFileInfo(m_filePath, true);
     }
     return m_dicomImage;
 }

@@ -110,7 +110,6 @@ private:
     QMap<QString, QString> m_markers;
     QMap<QString, QString> m_allInfo;
     std::shared_ptr<NDicomImage> m_dicomImage;
-    bool m_dicomImageRead = false;
     QString m_echoTime;
     QString m_repetitionTime;
     QString m_flipAngle;

@@ -57,26 +57,4 @@ QStringList cachedColumnNames(const QString& level, const QString& schema, const
     return names;
 }
 
-namespace {
-DicomImageFactory& factoryHook()
-{
-    static DicomImageFactory hook;
-    return hook;
-}
-} // namespace
-
-void setDicomImageFactory(DicomImageFactory factory)
-{
-    factoryHook() = std::move(factory);
-}
-
-std::shared_ptr<NDicomImage> makeDicomImage(const QString& filePath)
-{
-    if (factoryHook())
-        return factoryHook()(filePath);
-    // The image reader joins the library separately; until then an instance hands out no image.
-    Q_UNUSED(filePath)
-    return {};
-}
-
 } // namespace kestrel::internal

@@ -6,10 +6,8 @@
 #include <QStringList>
 #include <QVector>
 
-#include <functional>
 #include <memory>
 
-class NDicomImage;
 
 // Helpers shared by the hierarchy classes (QPatient ... QInstance, QPatients).
 namespace kestrel::internal {
@@ -25,10 +23,5 @@ KESTREL_EXPORT QVector<double> parseMultiValue(const QString& text);
 QStringList cachedColumnNames(const QString& level, const QString& schema, const QString& mysqlQuery,
                               const QStringList& sqliteQueries);
 
-// Makes the decoded image of a file. The default reads it with NDicomImage; tests replace it to
-// count reads. An empty FACTORY restores the default.
-using DicomImageFactory = std::function<std::shared_ptr<NDicomImage>(const QString& filePath)>;
-KESTREL_EXPORT void setDicomImageFactory(DicomImageFactory factory);
-std::shared_ptr<NDicomImage> makeDicomImage(const QString& filePath);
 
 } // namespace kestrel::internal

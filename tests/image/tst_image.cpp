@@ -1,0 +1,526 @@
+#include "ndicomimage.h"
+#include "syntheticdicom.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QDate>
+#include <QDir>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+namespace {
+
+// A W x H image whose stored value of pixel (x, y) is f(x, y).
+std::unique_ptr<NDicomImage> makeImage(int w, int h, const std::function<int(int, int)>& f)
+{
+    std::unique_ptr<NDicomImage> img(new NDicomImage(w, h, 2));
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            img->setValue16u(x, y, quint16(f(x, y)));
+    return img;
+}
+
+QString dataDir(const QString& sub)
+{
+    const QString root = qEnvironmentVariable("KESTREL_SHARED_DATA", QStringLiteral("../../shared/data"));
+    const QString dir = root + '/' + sub;
+    return QDir(dir).exists() ? dir : QString();
+}
+
+QString dcmText(const QString& file, const DcmTagKey& tag)
+{
+    DcmFileFormat ff;
+    if (ff.loadFile(QFile::encodeName(file).constData()).bad())
+        return QStringLiteral("<unreadable>");
+    OFString value;
+    ff.getDataset()->findAndGetOFStringArray(tag, value);
+    return QString::fromLatin1(value.c_str());
+}
+
+} // namespace
+
+class TestImage : public QObject
+{
+    Q_OBJECT
+private slots:
+    void fieldsAndPixelAccess();
+    void windowing();
+    void standardOrientation_data();
+    void standardOrientation();
+    void expandAndNormal();
+    void regionMeasurements();
+    void lineMeasurements();
+    void pointsAndSectors();
+    void readSigned_data();
+    void readSigned();
+    void badFiles();
+    void saveRoundTrip();
+    void realCtShift();
+};
+
+void TestImage::fieldsAndPixelAccess()
+{
+    NDicomImage img;
+    QCOMPARE(img.getPixStep(), 2);
+    QVERIFY(!img.data());
+    img.setSize(10, 4, 13);
+    QCOMPARE(img.getPixStep(), 4);
+    QCOMPARE(img.getSteps()[1], 40);
+    QCOMPARE(img.getSteps()[2], 160);
+    img.setSize(10, 4, 4);
+    QCOMPARE(img.getPixStep(), 2);
+    QCOMPARE(img.getSteps()[2], 80);
+    QVERIFY(!img.getOrientation(2));
+    QVERIFY(!img.getOrientation(-1));
+    QCOMPARE(img.getOrientation(1), img.getOrientation() + 3);
+
+    img.setSlopeAndIntercept(2, -1024);
+    img.setValue16u(3, 2, 600);
+    QCOMPARE(int(img.getValue16s(3, 2)), 176);
+    QCOMPARE(int(img.getValue16s(10, 2)), -1024); // outside: the intercept
+    QCOMPARE(int(img.getValue16s(-1, 0)), -1024);
+    img.setValue16u(0, 0, 0xFFFF); // -1 as signed: 2 * -1 - 1024
+    QCOMPARE(int(img.getValue16s(0, 0)), -1026);
+
+    std::vector<char> bytes(80, 7);
+    QVERIFY(!img.setPixData(bytes.data(), 79));
+    QVERIFY(img.setPixData(bytes.data(), 80));
+    NDicomImage fresh;
+    fresh.setSize(4, 4);
+    QVERIFY(!fresh.setPixData(nullptr, 32));
+}
+
+void TestImage::windowing()
+{
+    // Window 400 / 40 on stored values with intercept -1024: ends map to 0 and 255.
+    auto img = makeImage(6, 1, [](int x, int) { return std::vector<int>{1024 - 160, 1024 + 240, 0x8000, 0x7FFF, 1024 + 40, 0}[size_t(x)]; });
+    img->setSlopeAndIntercept(1, -1024);
+    unsigned int out[6];
+    QVERIFY(img->getGrayImage32(400, 40, out));
+    QCOMPARE(out[0], 0u);
+    QCOMPARE(out[1], 0xFFFFFFFFu);
+    QCOMPARE(out[2], 0u);
+    QCOMPARE(out[3], 0u);
+    QCOMPARE(out[4], 127u * 0x01010101u);
+    QCOMPARE(out[5], 0u);
+
+    // The table follows changes of the rescale pair and window between calls.
+    img->setSlopeAndIntercept(1, 0);
+    QVERIFY(img->getGrayImage32(400, 40, out));
+    QCOMPARE(out[0], 255u * 0x01010101u);
+    QVERIFY(img->getGrayImage32(4000, 2000, out));
+    QCOMPARE(out[4], quint32((1064.0 / 4000 * 255)) * 0x01010101u);
+
+    // Every table entry against the formula, with a fractional slope, and width 0 acting as 2.
+    auto ramp = makeImage(256, 256, [](int x, int y) { return x + 256 * y; });
+    ramp->setSlopeAndIntercept(1.29, -7.5);
+    std::vector<unsigned int> grey(65536);
+    for (double width : {0.0, 1000.0, 33.3}) {
+        QVERIFY(ramp->getGrayImage32(width, 500, grey.data()));
+        const double w = width < 2 ? 2 : width;
+        for (int v = 0; v < 65536; v += 7) {
+            double g = (v * 1.29 - 7.5 - 500 + w / 2) / w * 255.0;
+            quint32 level = v >= 32767 ? 0 : quint32(std::clamp(int(g), 0, 255));
+            QCOMPARE(grey[size_t(v)], level * 0x01010101u);
+        }
+    }
+
+    // Colour images are copied as they are; other pixel steps write nothing.
+    NDicomImage colour(2, 1, 4);
+    const quint32 rgba[2] = {0x11223344u, 0x55667788u};
+    QVERIFY(colour.setPixData(reinterpret_cast<const char*>(rgba), 8));
+    unsigned int copied[2] = {0, 0};
+    QVERIFY(!colour.getGrayImage32(400, 40, copied));
+    QCOMPARE(copied[1], 0x55667788u);
+    NDicomImage bytes(2, 1, 1);
+    QVERIFY(!bytes.getGrayImage32(400, 40, copied));
+}
+
+void TestImage::standardOrientation_data()
+{
+    QTest::addColumn<QVector<double>>("cosines");
+    QTest::addColumn<QVector<double>>("expected");
+    QTest::addColumn<bool>("swapped");
+    QTest::newRow("axial as is") << QVector<double>{1, 0, 0, 0, 1, 0} << QVector<double>{1, 0, 0, 0, 1, 0} << false;
+    QTest::newRow("axial reversed") << QVector<double>{-1, 0, 0, 0, -1, 0} << QVector<double>{1, 0, 0, 0, 1, 0} << false;
+    QTest::newRow("axial transposed") << QVector<double>{0, 1, 0, -1, 0, 0} << QVector<double>{1, 0, 0, 0, 1, 0} << true;
+    QTest::newRow("axial oblique") << QVector<double>{0.2, 0.98, 0, 0.98, -0.2, 0} << QVector<double>{0.98, -0.2, 0, 0.2, 0.98, 0} << true;
+    QTest::newRow("coronal as is") << QVector<double>{1, 0, 0, 0, 0, -1} << QVector<double>{1, 0, 0, 0, 0, -1} << false;
+    QTest::newRow("coronal reversed") << QVector<double>{1, 0, 0, 0, 0, 1} << QVector<double>{1, 0, 0, 0, 0, -1} << false;
+    QTest::newRow("coronal transposed") << QVector<double>{0, 0, 1, -1, 0, 0} << QVector<double>{1, 0, 0, 0, 0, -1} << true;
+    QTest::newRow("sagittal as is") << QVector<double>{0, 1, 0, 0, 0, -1} << QVector<double>{0, 1, 0, 0, 0, -1} << false;
+    QTest::newRow("sagittal reversed") << QVector<double>{0, -1, 0, 0, 0, -1} << QVector<double>{0, 1, 0, 0, 0, -1} << false;
+    QTest::newRow("sagittal transposed") << QVector<double>{0, 0, 1, 0, -1, 0} << QVector<double>{0, 1, 0, 0, 0, -1} << true;
+}
+
+void TestImage::standardOrientation()
+{
+    QFETCH(QVector<double>, cosines);
+    QFETCH(QVector<double>, expected);
+    QFETCH(bool, swapped);
+    // Odd sizes, so that whole 8 x 8 blocks and the edges beside them are both rearranged.
+    const int w = 21, h = 13;
+    auto img = makeImage(w, h, [w](int x, int y) { return x + w * y; });
+    img->setPixelSpace(0.5, 2.0);
+    img->setPosition(10, 20, 30);
+    const double* c = cosines.constData();
+    img->setOriention(c[0], c[1], c[2], c[3], c[4], c[5]);
+    NDicomImage before;
+    before.clone(img.get());
+
+    QVERIFY(img->getStandardDicomImage(*img));
+    QCOMPARE(img->width(), swapped ? h : w);
+    QCOMPARE(img->height(), swapped ? w : h);
+    QCOMPARE(img->getPixelSpacing()[0], swapped ? 2.0 : 0.5);
+    for (int i = 0; i < 6; ++i)
+        QCOMPARE(img->getOrientation()[i] + 1.0, expected[i] + 1.0);
+    const double* n = img->getreorientationz();
+    QVERIFY(std::fabs(n[0] * n[0] + n[1] * n[1] + n[2] * n[2] - 1.0) < 1e-9);
+    // Every pixel keeps its patient point.
+    for (int y = 0; y < img->height(); ++y)
+        for (int x = 0; x < img->width(); ++x) {
+            const int v = img->getValue16u(x, y);
+            double a[3], b[3];
+            img->getXYZ(x, y, a[0], a[1], a[2]);
+            before.getXYZ(v % w, v / w, b[0], b[1], b[2]);
+            for (int k = 0; k < 3; ++k)
+                QVERIFY2(std::fabs(a[k] - b[k]) < 1e-9, qPrintable(QString("pixel %1,%2").arg(x).arg(y)));
+        }
+    if (QTest::currentDataTag() == QLatin1String("axial transposed")) // old pixel (0, h - 1) is the corner
+        QCOMPARE(int(img->getValue16u(0, 0)), w * (h - 1));
+
+    // Row and column sharing their dominant axis: refused, image unchanged.
+    img->setOriention(1, 0, 0, 0.9, 0.1, 0.4);
+    QVERIFY(!img->getStandardDicomImage(*img));
+    QCOMPARE(img->getOrientation()[3], 0.9);
+}
+
+void TestImage::expandAndNormal()
+{
+    NDicomImage img(512, 512, 2);
+    img.setPixelSpace(0.5, 2.0);
+    img.setPosition(1, 2, 3);
+    img.setOriention(0, 1, 0, 0, 0, -1);
+    img.expandImageSize();
+    QCOMPARE(img.width(), 731);
+    QCOMPARE(img.height(), 731);
+    QCOMPARE(img.getSteps()[2], 731 * 731 * 2);
+    QCOMPARE(img.getPosition()[0], 1.0);
+    QCOMPARE(img.getPosition()[1], 2.0 - 110 * 0.5);
+    QCOMPARE(img.getPosition()[2], 3.0 + 110 * 2.0);
+
+    NDicomImage wide(100, 50, 2);
+    wide.expandImageSize(); // 142 x 71, corner moved by (-22, -11) pixels
+    QCOMPARE(wide.width(), 142);
+    QCOMPARE(wide.height(), 71);
+    QCOMPARE(wide.getPosition()[0], -22.0);
+    QCOMPARE(wide.getPosition()[1], -11.0);
+
+    wide.setOriention(0, 2, 0, 0, 0, 3);
+    QCOMPARE(wide.getreorientationz()[0], 1.0);
+    wide.setOriention(1, 0, 0, 2, 0, 0);
+    QVERIFY(std::isnan(wide.getreorientationz()[0]));
+    wide.setOriention(1, 0, 0, 0, 1, 0);
+    wide.caclulateImageMidPoint();
+    QCOMPARE(wide.getImageMidPoint()[0], -22.0 + 71);
+}
+
+void TestImage::regionMeasurements()
+{
+    auto img = makeImage(8, 8, [](int x, int y) { return 10 * x + y; });
+    // 2 x 2 at (0.5, 0.5): nine pixels, divided by the nominal area.
+    markShowValue v = img->getRect(QRectF(0.5, 0.5, 2, 2));
+    QCOMPARE(v.mean, (9 * 11 * 1.0) / 4);
+    QCOMPARE(v.max, 22);
+    QCOMPARE(v.min, 0);
+    QCOMPARE(v.size, 4.0);
+    // Partly outside: outside pixels are the intercept.
+    img->setSlopeAndIntercept(1, 5);
+    v = img->getRect(QRectF(7, 7, 2, 1));
+    QCOMPARE(v.mean, (77 + 5 + 5) / 2.0);
+    QCOMPARE(v.min, 5);
+    // Values all below -1 leave max at -1.
+    img->setSlopeAndIntercept(1, -500);
+    QCOMPARE(img->getRect(QRectF(0, 0, 3, 3)).max, -1);
+    img->setSlopeAndIntercept(1, 0);
+    v = img->getRect(QRectF(2.5, 1, -0.6, 1)); // empty scan: 2.5 - 0.6 <= 2
+    QCOMPARE(v.max, -1);
+    QCOMPARE(v.min, 2147483647);
+
+    // Ellipse and polygon count the pixels they hold.
+    const QRectF box(1, 1, 5, 5);
+    const QRegion region(1, 1, 5, 5, QRegion::Ellipse);
+    double sum = 0;
+    int count = 0;
+    for (int x = 1; x < 6; ++x)
+        for (int y = 1; y < 6; ++y)
+            if (region.contains(QPoint(x, y))) {
+                sum += 10 * x + y;
+                ++count;
+            }
+    v = img->getEllipse(box);
+    QCOMPARE(v.size, double(count));
+    QCOMPARE(v.mean, sum / count);
+    QVERIFY(count > 0 && count < 25);
+    QVERIFY(std::isnan(img->getEllipse(QRectF(1, 1, 0, 0)).mean));
+
+    QPolygonF triangle({QPointF(0, 0), QPointF(4, 0), QPointF(0, 4)});
+    v = img->getPolygon(triangle);
+    QCOMPARE(v.size, 10.0); // points with x + y < 4, plus the ones on the slanted edge per odd-even
+    QCOMPARE(v.max, 30);
+    v = img->getPolygon(QPolygonF());
+    QVERIFY(std::isnan(v.mean));
+    QCOMPARE(v.size, 0.0);
+}
+
+void TestImage::lineMeasurements()
+{
+    auto img = makeImage(16, 16, [](int x, int y) { return x + 100 * y; });
+    markShowValue v = img->getLine(QLineF(0, 0, 10, 0), 0.5, 2.0);
+    QCOMPARE(v.mean, 45.0 / 11); // columns 0..9 summed, divided by 11
+    QCOMPARE(v.size, 5.0);
+    QCOMPARE(v.max, 9);
+    v = img->getLine(QLineF(3, 2, 3, 6), 0.5, 2.0); // vertical: rows 2..5, divisor 5
+    QCOMPARE(v.mean, (4 * 3 + 100.0 * (2 + 3 + 4 + 5)) / 5);
+    QCOMPARE(v.size, 8.0);
+    v = img->getLine(QLineF(2, 2, 2, 2), 1, 1);
+    QCOMPARE(v.mean, 0.0);
+    QCOMPARE(v.max, std::numeric_limits<int>::min());
+    QCOMPARE(v.min, 2147483647);
+    v = img->getLine(QLineF(0, 0, 4, 8), 1, 1); // one sample per column: (0,0) (1,2) (2,4) (3,6)
+    QCOMPARE(v.mean, (0 + 201 + 402 + 603) / 5.0);
+
+    QPolygonF path({QPointF(0, 0), QPointF(10, 0), QPointF(10, 0.5)});
+    v = img->getPolygonLine(path, 1, 1);
+    QCOMPARE(v.size, 10.5);
+    QCOMPARE(v.mean, (11 * (45.0 / 11) + 1 * 0.0) / 12); // second segment: vertical, no sample, mean 0
+    QCOMPARE(v.max, 9);
+    v = img->getPolygonLine(QPolygonF({QPointF(1, 1)}), 1, 1);
+    QCOMPARE(v.max, -1);
+    QCOMPARE(v.mean, 0.0);
+}
+
+void TestImage::pointsAndSectors()
+{
+    NDicomImage img;
+    const QRectF r(0, 0, 10, 4);
+    QVERIFY(img.contains(r, QPointF(5, 2)));
+    QVERIFY(!img.contains(r, QPointF(0, 0)));
+    QVERIFY(!img.contains(r, QPointF(10, 2))); // on the ellipse
+    QVERIFY(img.ellipseContains(r, QPointF(100, 100), QPointF(104.9, 100)));
+    QVERIFY(!img.ellipseContains(r, QPointF(100, 100), QPointF(100, 102)));
+
+    auto peak = makeImage(10, 10, [](int x, int y) { return (x == 6 && y == 3) ? 900 : (x >= 5 ? 100 : 0); });
+    const QPolygonF box({QPointF(0, 0), QPointF(9, 0), QPointF(9, 9), QPointF(0, 9)});
+    QCOMPARE(peak->pointbetween1(box), QPointF(6, 3));
+    auto step = makeImage(10, 10, [](int x, int) { return x >= 5 ? 100 : 0; });
+    QCOMPARE(step->pointbetween(box), QPointF(4, 1)); // first pixel of the strongest edge
+    QCOMPARE(makeImage(4, 4, [](int, int) { return 0; })->pointbetween1(box), QPointF(1, 1));
+
+    // Sectors of two crossing lines; vessel slots add up to the ellipse.
+    const QLineF l1(0, 5, 10, 5), l2(5, 0, 5, 10);
+    QCOMPARE(img.getSectorRegion(l1, l2, 2, 2), 2);
+    QCOMPARE(img.getSectorRegion(l1, l2, 8, 8), 1);
+    QCOMPARE(img.getSectorRegion(l1, l2, 2, 8), 3);
+    QCOMPARE(img.getSectorRegion(l1, l2, 8, 2), 0);
+    auto field = makeImage(10, 10, [](int x, int y) { return x + y; });
+    const QPolygonF inner({QPointF(2, 2), QPointF(8, 2), QPointF(8, 8), QPointF(2, 8)});
+    const QList<markShowValue> vessel = field->getVesselInfo(QRectF(0, 0, 10, 10), {inner}, l1, l2);
+    QCOMPARE(vessel.size(), 8);
+    const markShowValue all = field->getEllipse(QRectF(0, 0, 10, 10));
+    double total = 0, insideTotal = 0;
+    for (int i = 0; i < 4; ++i) {
+        total += vessel[i].size;
+        insideTotal += vessel[4 + i].size;
+    }
+    QCOMPARE(total, all.size);
+    QCOMPARE(insideTotal, field->getPolygon(const_cast<QPolygonF&>(inner)).size);
+}
+
+void TestImage::readSigned_data()
+{
+    QTest::addColumn<int>("low");
+    QTest::addColumn<int>("high");
+    QTest::addColumn<double>("intercept");
+    QTest::newRow("negative values") << -1000 << 3000 << -1000.0;
+    QTest::newRow("all at least 0") << 0 << 200 << -1.0;
+    QTest::newRow("small signed range") << -100 << 100 << -100.0;
+}
+
+void TestImage::readSigned()
+{
+    QFETCH(int, low);
+    QFETCH(int, high);
+    QFETCH(double, intercept);
+    QTemporaryDir dir;
+    SyntheticImage s;
+    s.rows = 20;
+    s.columns = 30;
+    s.bitsStored = 16;
+    s.pixelRepresentation = 1;
+    s.pixel = [&](int x, int y, int) { return (x == 0 && y == 0) ? low : (x == 1 && y == 0) ? high : (low + high) / 2 + x - y; };
+    const QString file = dir.filePath("signed.dcm");
+    QVERIFY(writeSyntheticImage(file, s));
+    NDicomImage img;
+    QVERIFY(img.readReferenceFileInfo(file, true));
+    QCOMPARE(img.getIntercept(), intercept);
+    QCOMPARE(img.getSlope(), 1.0);
+    QCOMPARE(int(img.getValue16u(0, 0)), int(low - intercept));
+    QCOMPARE(int(img.getValue16u(1, 0)), int(high - intercept));
+    QCOMPARE(int(img.getValue16s(1, 0)), high);
+    QCOMPARE(int(img.getValue16s(5, 7)), (low + high) / 2 + 5 - 7);
+    QCOMPARE(img.getWindowWidth(), 2000.0); // no window in the file
+    QCOMPARE(img.getReferenceFile(), file);
+    QCOMPARE(img.width(), 30);
+}
+
+void TestImage::badFiles()
+{
+    QTemporaryDir dir;
+    NDicomImage img;
+    QFile text(dir.filePath("notdicom.txt"));
+    QVERIFY(text.open(QIODevice::WriteOnly));
+    text.write("this is not a DICOM file at all, just text\n");
+    text.close();
+    QVERIFY(!img.readReferenceFileInfo(text.fileName(), true));
+    QVERIFY(!img.readReferenceFileInfo(dir.filePath("missing.dcm"), true));
+    QVERIFY(img.InitImageInfo(dir.filePath("missing.dcm"))); // always true
+
+    SyntheticImage eight;
+    eight.bitsAllocated = 8;
+    eight.bitsStored = 8;
+    SyntheticImage rgb = eight;
+    rgb.samplesPerPixel = 3;
+    rgb.photometric = "RGB";
+    SyntheticImage wide;
+    wide.bitsAllocated = 32;
+    wide.bitsStored = 32;
+    wide.pixelRepresentation = 1;
+    const std::vector<std::pair<QString, SyntheticImage>> cases{{"eight", eight}, {"rgb", rgb}, {"wide", wide}};
+    for (const auto& [name, s] : cases) {
+        const QString file = dir.filePath(name + ".dcm");
+        QVERIFY(writeSyntheticImage(file, s));
+        QVERIFY2(!img.readReferenceFileInfo(file, true), qPrintable(name));
+        std::vector<unsigned int> out(size_t(img.width()) * img.height() + 1);
+        img.getGrayImage32(400, 40, out.data()); // still consistent: no overrun
+    }
+    // Pixel data of the wrong size, and none at all.
+    const QString good = dir.filePath("good.dcm");
+    QVERIFY(writeSyntheticImage(good, SyntheticImage()));
+    DcmFileFormat ff;
+    QVERIFY(ff.loadFile(QFile::encodeName(good).constData()).good());
+    ff.getDataset()->putAndInsertUint16(DCM_Rows, 40);
+    QVERIFY(ff.saveFile(QFile::encodeName(dir.filePath("short.dcm")).constData()).good());
+    QVERIFY(!img.readReferenceFileInfo(dir.filePath("short.dcm"), true));
+    delete ff.getDataset()->remove(DCM_PixelData);
+    QVERIFY(ff.saveFile(QFile::encodeName(dir.filePath("nopixels.dcm")).constData()).good());
+    QVERIFY(!img.readReferenceFileInfo(dir.filePath("nopixels.dcm"), true));
+}
+
+void TestImage::saveRoundTrip()
+{
+    QTemporaryDir dir;
+    SyntheticImage s; // unsigned 32 x 32 template
+    const QString templ = dir.filePath("template.dcm");
+    QVERIFY(writeSyntheticImage(templ, s));
+
+    auto img = makeImage(40, 24, [](int x, int y) { return 7 * x + 300 * y; });
+    img->setPixelSpace(0.75, 1.5);
+    img->setPosition(-12.5, 30.25, 7);
+    img->setOriention(0, 1, 0, 0, 0, -1);
+    img->setThickness(2.5);
+    img->setInstanceNumber(12);
+    img->setSeriesNumber(601);
+    img->setSeriesDescription("MPR sag");
+    img->setWindowWidth(800);
+    img->setWindowCenter(-100);
+    const QString out = dir.filePath("derived.dcm");
+    QVERIFY(img->saveAs(out, templ, "1.2.3.4.5"));
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2); // no temporary left
+
+    NDicomImage back;
+    QVERIFY(back.readReferenceFileInfo(out, true));
+    QCOMPARE(back.width(), 40);
+    QCOMPARE(back.height(), 24);
+    QCOMPARE(QByteArray(back.data(), back.getSteps()[2]), QByteArray(img->data(), img->getSteps()[2]));
+    QCOMPARE(back.getPixelSpacing()[1], 1.5);
+    QCOMPARE(back.getPosition()[1], 30.25);
+    for (int i = 0; i < 6; ++i)
+        QCOMPARE(back.getOrientation()[i], img->getOrientation()[i]);
+    QCOMPARE(back.getThickness(), 2.5);
+    QCOMPARE(back.getInstanceNumber(), 12);
+    QCOMPARE(back.getWindowCenter(), -100.0);
+    QCOMPARE(dcmText(out, DCM_SeriesInstanceUID), QString("1.2.3.4.5"));
+    QCOMPARE(dcmText(out, DCM_ImageType), QString("DERIVED\\SECONDARY\\MPR"));
+    QCOMPARE(dcmText(out, DCM_SoftwareVersions), QString("Orvena_V1.0"));
+    QCOMPARE(dcmText(out, DCM_PatientName), QString("Test^Patient"));
+    QVERIFY(dcmText(out, DCM_SOPInstanceUID).startsWith("1.2.276.0.7230010.3.1.4."));
+    const QDate today = QDate::currentDate();
+    const QString date = QString::number(today.year()) + QString::number(today.month()) + QString::number(today.day());
+    const QString written = dcmText(out, DCM_ContentDate);
+    QVERIFY2(written == date || QDate::currentDate() != today, qPrintable(written));
+    QVERIFY(QRegularExpression("^\\d\\d:\\d\\d:\\d\\d$").match(dcmText(out, DCM_StudyTime)).hasMatch());
+
+    const QString dcmdump = QStandardPaths::findExecutable("dcmdump");
+    if (!dcmdump.isEmpty()) {
+        QProcess dump;
+        dump.start(dcmdump, {out});
+        QVERIFY(dump.waitForFinished());
+        QCOMPARE(dump.exitCode(), 0);
+    }
+
+    // Onto its own template, and the failures that leave nothing behind.
+    QVERIFY(img->saveAs(out, out, "1.2.3.4.6"));
+    QVERIFY(back.readReferenceFileInfo(out, true));
+    QCOMPARE(back.getValue16u(39, 23), img->getValue16u(39, 23));
+    QVERIFY(!img->saveAs(dir.filePath("x.dcm"), dir.filePath("missing.dcm"), "1.2"));
+    QVERIFY(!img->saveAs(dir.filePath("no/such/dir/x.dcm"), templ, "1.2"));
+    QVERIFY(!QFile::exists(dir.filePath("x.dcm")));
+    NDicomImage empty;
+    QVERIFY(!empty.saveAs(dir.filePath("empty.dcm"), templ, "1.2"));
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2);
+}
+
+void TestImage::realCtShift()
+{
+    const QString ct = dataDir("ct_ge_3slice");
+    if (ct.isEmpty())
+        QSKIP("the real CT series is not present");
+    // Stored -2000..2405, intercept -1024: shifted by the smallest rescaled value -3024.
+    NDicomImage img;
+    QVERIFY(img.readReferenceFileInfo(ct + "/01.dcm", true));
+    QCOMPARE(img.getIntercept(), -3024.0);
+    DcmFileFormat ff;
+    QVERIFY(ff.loadFile(QFile::encodeName(ct + "/01.dcm").constData()).good());
+    const Uint16* raw = nullptr;
+    unsigned long count = 0;
+    QVERIFY(ff.getDataset()->findAndGetUint16Array(DCM_PixelData, raw, &count).good());
+    QCOMPARE(count, 512ul * 512ul);
+    int lowest = 65535;
+    for (int y = 0; y < 512; ++y)
+        for (int x = 0; x < 512; ++x) {
+            QCOMPARE(int(img.getValue16s(x, y)), Sint16(raw[y * 512 + x]) - 1024);
+            lowest = std::min(lowest, int(img.getValue16u(x, y)));
+        }
+    QCOMPARE(lowest, 0);
+    QCOMPARE(img.getWindowWidth(), 400.0);
+
+    const QString loc = dataDir("ge_localizer_3plane");
+    if (!loc.isEmpty()) { // signed but all >= 0: shifted by one
+        const QStringList files = QDir(loc).entryList({"*.MRDC.1"}, QDir::Files);
+        QVERIFY(!files.isEmpty());
+        QVERIFY(img.readReferenceFileInfo(loc + '/' + files.first(), true));
+        QCOMPARE(img.getIntercept(), -1.0);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestImage)
+#include "tst_image.moc"
