@@ -1,0 +1,249 @@
+#include "internal/volumeheadtext.h"
+#include "ndicomvolume.h"
+#include "nvolume.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cstring>
+#include <random>
+
+using namespace kestrel::internal;
+
+namespace {
+
+// A single-frame head of X*Y*Z 16-bit voxels with the invariants of a volume built from a series.
+VolumeHead makeHead(int x, int y, int z, int frames = 1)
+{
+    VolumeHead h;
+    std::memset(&h, 0, sizeof h);
+    std::memcpy(h.magic, "DCVM", 4);
+    h.volumesize[0] = x;
+    h.volumesize[1] = y;
+    h.volumesize[2] = z;
+    h.volumestep[0] = 2;
+    h.volumestep[1] = 2 * x;
+    h.volumestep[2] = 2 * x * y;
+    h.volumestep[3] = 2 * x * y * z;
+    h.timeNum = frames;
+    h.totallen = qint64(h.volumestep[3]) * frames + 512;
+    h.voxelspace[0] = h.voxelspace[1] = h.voxelspace[2] = 1;
+    h.orientation[0] = h.orientation[4] = h.orientation[8] = 1;
+    h.BitsAllocated = 16;
+    h.HighBit = 11;
+    h.SamplesPerPixel = 1;
+    h.PhotometricInterpretation = 1;
+    h.RescaleSlope = 1;
+    h.isOrder = 1;
+    return h;
+}
+
+QByteArray randomVoxels(qint64 bytes, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> dist(-32768, 32767);
+    QByteArray data(int(bytes), Qt::Uninitialized);
+    for (qint64 i = 0; i + 1 < bytes; i += 2) {
+        const qint16 v = qint16(dist(rng));
+        std::memcpy(data.data() + i, &v, 2);
+    }
+    return data;
+}
+
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
+
+} // namespace
+
+class TestVolume : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void headString();
+    void headStringRoundTrip();
+    void headStringByPosition();
+    void fileSizeRefusal();
+    void saveAndLoadIdentity();
+};
+
+void TestVolume::headString()
+{
+    VolumeHead h = makeHead(256, 256, 136);
+    QCOMPARE(h.totallen, qint64(17826304));
+    h.SEPK = -7;
+    std::strcpy(h.SEUID, "1.2.3");
+    h.voxelspace[0] = 0.9765625;
+    h.voxelspace[1] = 1.015625; // printf rounds the tie to even: 1.01562
+    h.topxyz[0] = -125.5;
+    h.topxyz[1] = -0.0;
+    h.thinkness = 1e-6;
+    h.WindowWidth = 2000;
+    NVolume v;
+    QCOMPARE(v.volumeHeadtoString(h),
+             QString("magic:DCVM;totallen:17826304;SEPK:-7;SEUID:1.2.3;STUID:;volumesize:256,256,136;"
+                     "volumestep:2,512,131072,17825792;voxelspace:0.976562,1.01562,1;thinkness:1e-06;"
+                     "topxyz:-125.5,-0,0;orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;"
+                     "PhotometricInterpretation:1;BitsAllocated:16;HighBit:11;RescaleIntercept:0;"
+                     "RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+    QCOMPARE(photometricCode("YBR_RCT", 1), 12);
+    QCOMPARE(photometricCode("MONOCHROME1", 1), 0);
+    QCOMPARE(photometricCode("NOT ONE", 5), 5);
+}
+
+void TestVolume::headStringRoundTrip()
+{
+    VolumeHead h = makeHead(17, 9, 3, 2);
+    h.SEPK = 9007199254740993LL;
+    // A full-length UID has no terminator in its field.
+    const QByteArray uid64 = QByteArray("1.2.840.") + QByteArray(56, '7');
+    std::memcpy(h.SEUID, uid64.constData(), 64);
+    std::strcpy(h.STUID, "2.25.1");
+    h.topxyz[0] = -123.456789;
+    h.orientation[0] = 0.99999;
+    h.orientation[1] = 0.0044721;
+    h.RescaleIntercept = -1024;
+    h.HighBit = 15;
+    h.isOrder = -1;
+    h.padding = 0;
+
+    NVolume v;
+    const QString text = v.volumeHeadtoString(h);
+    v.stringToVolumeHead(text);
+    const VolumeHead& r = *v.getHead();
+    QCOMPARE(QByteArray(r.magic, 8), QByteArray("DCVM\0\0\0\0", 8));
+    QCOMPARE(r.totallen, h.totallen);
+    QCOMPARE(r.SEPK, h.SEPK);
+    QCOMPARE(QByteArray(r.SEUID, 64), uid64);
+    QCOMPARE(QByteArray(r.STUID), QByteArray("2.25.1"));
+    QCOMPARE(std::memcmp(r.volumesize, h.volumesize, sizeof h.volumesize), 0);
+    QCOMPARE(std::memcmp(r.volumestep, h.volumestep, sizeof h.volumestep), 0);
+    QCOMPARE(r.topxyz[0], -123.457);
+    QCOMPARE(r.orientation[0], 0.99999);
+    QCOMPARE(r.orientation[1], 0.0044721);
+    QCOMPARE(r.RescaleIntercept, -1024.0);
+    QCOMPARE(r.HighBit, 15);
+    QCOMPARE(r.isOrder, -1);
+    QCOMPARE(r.timeNum, 2);
+    QCOMPARE(v.volumeHeadtoString(*v.getHead()), text);
+
+    // A shorter UID replaces only the bytes it covers.
+    v.stringToVolumeHead(QString(text).replace(QString::fromLatin1(uid64), "9.9"));
+    QCOMPARE(QByteArray(v.getHead()->SEUID, 4), QByteArray("9.9."));
+}
+
+void TestVolume::headStringByPosition()
+{
+    VolumeHead h = makeHead(4, 5, 6);
+    h.HighBit = 11;
+    h.BitsAllocated = 16;
+    NVolume v;
+    QString text = v.volumeHeadtoString(h);
+    // Keys are ignored: swapping two items swaps the values between the fields.
+    text.replace("BitsAllocated:16;HighBit:11;", "HighBit:11;BitsAllocated:16;");
+    v.stringToVolumeHead(text);
+    QCOMPARE(v.getHead()->BitsAllocated, 11);
+    QCOMPARE(v.getHead()->HighBit, 16);
+    // Numbers that do not convert become 0; a short text leaves later fields alone.
+    v.stringToVolumeHead("magic:DCVM;totallen:abc;SEPK:5");
+    QCOMPARE(v.getHead()->totallen, qint64(0));
+    QCOMPARE(v.getHead()->SEPK, qint64(5));
+    QCOMPARE(v.getHead()->HighBit, 16);
+}
+
+void TestVolume::fileSizeRefusal()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    // 255 x 256 x 1 voxels: 130560 bytes + 512 = 131072, the largest size refused.
+    VolumeHead h = makeHead(255, 256, 1);
+    QByteArray file(int(h.totallen), '\0');
+    std::memcpy(file.data(), &h, sizeof h);
+    const QString exact = dir.filePath("exact.data");
+    QVERIFY(writeFile(exact, file));
+    NVolume v;
+    QCOMPARE(v.loadVolume(exact), -1);
+    QVERIFY(!v.isValid());
+
+    // One byte more, with a totallen of the file's size, loads.
+    h.totallen = file.size() + 1;
+    std::memcpy(file.data(), &h, sizeof h);
+    file.append('\x01');
+    const QString bigger = dir.filePath("bigger.data");
+    QVERIFY(writeFile(bigger, file));
+    QCOMPARE(v.loadVolume(bigger), 1);
+    QCOMPARE(v.geSize()[0], 255);
+    QCOMPARE(v.getWorkingSize()[1], 256);
+
+    // Refused without allocating: totallen past the end, below the header block, geometry past
+    // the buffer; a missing file.
+    auto refused = [&](VolumeHead bad, const char* name) {
+        QByteArray bytes = file;
+        std::memcpy(bytes.data(), &bad, sizeof bad);
+        const QString path = dir.filePath(name);
+        return writeFile(path, bytes) && NVolume().loadVolume(path) == -1;
+    };
+    VolumeHead bad = h;
+    bad.totallen = file.size() + 1;
+    QVERIFY(refused(bad, "long.data"));
+    bad.totallen = 100;
+    QVERIFY(refused(bad, "short.data"));
+    bad = h;
+    bad.volumesize[2] = 2;
+    QVERIFY(refused(bad, "geometry.data"));
+    bad = h;
+    bad.volumestep[1] = -4;
+    QVERIFY(refused(bad, "negative.data"));
+    QCOMPARE(v.loadVolume(dir.filePath("missing.data")), -1);
+    QCOMPARE(v.geSize()[0], 255); // the loaded volume is kept
+}
+
+void TestVolume::saveAndLoadIdentity()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    VolumeHead h = makeHead(64, 30, 20, 2);
+    std::strcpy(h.SEUID, "1.2.3.4");
+    const QByteArray voxels = randomVoxels(h.totallen - 512, 1);
+    NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    QVERIFY(v.isValid());
+    QCOMPARE(v.getHead()->totallen, h.totallen);
+    const QString path = dir.filePath("a.data");
+    QVERIFY(v.getStrVolumeHead().isEmpty());
+    QVERIFY(v.saveAs(path));
+    QCOMPARE(v.getStrVolumeHead(), v.volumeHeadtoString(h));
+
+    const QByteArray written = readAll(path);
+    QCOMPARE(written.size(), int(h.totallen));
+    QCOMPARE(written.left(368), QByteArray(reinterpret_cast<const char*>(&h), 368));
+    QCOMPARE(written.mid(368, 144), QByteArray(144, '\0'));
+    QCOMPARE(written.mid(512), voxels);
+
+    NVolume loaded;
+    QCOMPARE(loaded.loadVolume(path), 1);
+    QCOMPARE(std::memcmp(loaded.getHead(), &h, sizeof h), 0);
+    QCOMPARE(QByteArray(loaded.getData(), voxels.size()), voxels);
+    const QString again = dir.filePath("b.data");
+    QVERIFY(loaded.saveAs(again));
+    QCOMPARE(readAll(again), written);
+
+    // No buffer: true, no file, but the head string is set.
+    NDicomVolume empty(nullptr, nullptr, 0);
+    QVERIFY(!empty.isValid());
+    QVERIFY(empty.saveAs(dir.filePath("none.data")));
+    QVERIFY(!QFile::exists(dir.filePath("none.data")));
+    QVERIFY(empty.getStrVolumeHead().startsWith("magic:DCVM;totallen:0;"));
+}
+
+QTEST_GUILESS_MAIN(TestVolume)
+#include "tst_volume.moc"
