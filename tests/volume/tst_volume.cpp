@@ -1,4 +1,5 @@
 #include "internal/volumeheadtext.h"
+#include "nbitvolume.h"
 #include "ndicomvolume.h"
 #include "nvolume.h"
 
@@ -75,6 +76,8 @@ private slots:
     void headStringByPosition();
     void fileSizeRefusal();
     void saveAndLoadIdentity();
+    void bitMask();
+    void bitMaskReaders();
 };
 
 void TestVolume::headString()
@@ -243,6 +246,89 @@ void TestVolume::saveAndLoadIdentity()
     QVERIFY(empty.saveAs(dir.filePath("none.data")));
     QVERIFY(!QFile::exists(dir.filePath("none.data")));
     QVERIFY(empty.getStrVolumeHead().startsWith("magic:DCVM;totallen:0;"));
+}
+
+void TestVolume::bitMask()
+{
+    NBitVolume m(33, 4, 3);
+    QCOMPARE(m.GetElementRow(), 2);
+    m.SetAll();
+    QCOMPARE(m.CountVoxNum(true), 33 * 4 * 3);
+    QCOMPARE(m.CountVoxNum(false), 0);
+    QCOMPARE(m.GetDataBottomX(), 32);
+    m.ClearAll();
+    m.setBit(32, 3, 2);
+    m.SetVoxel(0, 1, 1, true);
+    QVERIFY(m.GetVoxel(32, 3, 2) && m.getBit(0, 1, 1) && !m.GetVoxel(31, 3, 2));
+    QCOMPARE(m.GetBuffer()[2][3 * 2 + 1], 1u); // bit 0 of the row's second word
+    QCOMPARE(m.CalcVoxNumSlice(2), 1);
+    QVERIFY(!m.SafeGetVoxel(33, 0, 0) && !m.CheckVox(-1, 0, 0) && m.CheckVox(32, 3, 2));
+    m.CalcBoundingBox();
+    QCOMPARE(m.GetDataTopX(), 0);
+    QCOMPARE(m.GetDataTopY(), 1);
+    QCOMPARE(m.GetDataBottomX(), 32);
+    QCOMPARE(m.GetDataBottomZ(), 2);
+
+    NBitVolume other(m);
+    other.unsetBit(32, 3, 2);
+    NBitVolume both(m);
+    both.XOR(other);
+    QCOMPARE(both.CountVoxNum(true), 1);
+    both.AND(other);
+    QCOMPARE(both.CountVoxNum(true), 0);
+    both.OR(m);
+    QCOMPARE(both.CountVoxNum(true), 2);
+    ~both;
+    QCOMPARE(both.CountVoxNum(true), 33 * 4 * 3 - 2);
+
+    NBitVolume fresh(8, 8, 8);
+    fresh.RecalcDataTopXYZ(-5, 2, 3);
+    QCOMPARE(fresh.GetDataTopX(), 0);
+    QCOMPARE(fresh.GetDataTopY(), 0);
+    fresh.RecalcDataBottomXYZ(20, 2, 3);
+    QCOMPARE(fresh.GetDataBottomX(), 7);
+
+    // The linear index matches (i, j, k) on square slices.
+    fresh.ClearAll();
+    fresh.setBit(5 * 64 + 3 * 8 + 6);
+    QVERIFY(fresh.GetVoxel(6, 3, 5));
+    QVERIFY(fresh.getBit(5 * 64 + 3 * 8 + 6));
+    QCOMPARE(fresh.CountVoxNum(true), 1);
+}
+
+void TestVolume::bitMaskReaders()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    int size[3] = {5, 3, 2};
+    QByteArray bytes(30, '\0');
+    bytes[(1 * 3 + 2) * 5 + 4] = 7; // voxel (4, 2, 1)
+    bytes[1] = 1;                   // voxel (1, 0, 0)
+    NBitVolume m;
+    m.ReadFromMemory(reinterpret_cast<const unsigned char*>(bytes.constData()), size);
+    QVERIFY(m.GetVoxel(4, 2, 1) && m.GetVoxel(1, 0, 0));
+    QCOMPARE(m.CountVoxNum(true), 2);
+    QVector<unsigned short> words(30, 0);
+    words[29] = 300;
+    m.ReadFromMemory(words.constData(), size);
+    QVERIFY(m.GetVoxel(4, 2, 1) && !m.GetVoxel(1, 0, 0));
+
+    QVERIFY(writeFile(dir.filePath("mask.dat"), bytes));
+    QVERIFY(writeFile(dir.filePath("mask.txt"), "5 3 2"));
+    NBitVolume r(5, 3, 2);
+    QVERIFY(r.ReadFromFile(QFile::encodeName(dir.filePath("mask.txt")).constData()));
+    QCOMPARE(r.CountVoxNum(true), 2);
+    NBitVolume wrongSize(4, 3, 2);
+    QVERIFY(!wrongSize.ReadFromFile(QFile::encodeName(dir.filePath("mask.txt")).constData()));
+    QVERIFY(!r.ReadFromFile(QFile::encodeName(dir.filePath("none.txt")).constData()));
+    NBitVolume raw;
+    QVERIFY(raw.ReadFromRawFile(QFile::encodeName(dir.filePath("mask.dat")).constData(), size));
+    QVERIFY(raw.GetVoxel(1, 0, 0) && raw.GetVoxel(4, 2, 1));
+    QCOMPARE(raw.CountVoxNum(true), 2);
+
+    const QByteArray out = QFile::encodeName(dir.filePath("out.dat"));
+    QVERIFY(!raw.WriteToFile(out.constData()));
+    QVERIFY(!QFile::exists(dir.filePath("out.dat")));
 }
 
 QTEST_GUILESS_MAIN(TestVolume)
