@@ -1,11 +1,17 @@
 #include "nvolume.h"
 
 #include "internal/volumeheadtext.h"
+#include "internal/volumeplugin.h"
+#include "nbitvolume.h"
+#include "velivolume.h"
 
 #include <QDebug>
 #include <QFile>
 #include <QFileInfo>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,6 +25,7 @@ NVolume::NVolume(QObject* parent)
 
 NVolume::~NVolume()
 {
+    delete m_companion.data();
     releaseBuffer();
 }
 
@@ -182,4 +189,320 @@ void NVolume::updateCal()
 
 void NVolume::initVelIVolume()
 {
+    if (m_companion)
+        m_companion->deleteLater();
+    m_companion = createVolumeCompanion();
+    if (m_companion)
+        m_companion->setVolume(this);
+}
+
+bool NVolume::StandardImage(NDicomImage& image, bool flag)
+{
+    if (!m_companion)
+        return false;
+    m_companion->StandardImage(image, flag);
+    return true;
+}
+
+bool NVolume::shake(double angle, NDicomImage& image)
+{
+    if (!m_companion)
+        return false;
+    m_companion->shake(angle, image);
+    return true;
+}
+
+bool NVolume::getRotateImage(double angle, double x, double y, double z, NDicomImage& image)
+{
+    if (!m_companion)
+        return false;
+    m_companion->getRotateImage(angle, x, y, z, image);
+    return true;
+}
+
+bool NVolume::rotateX(double angle, NDicomImage& image)
+{
+    if (!m_companion)
+        return false;
+    m_companion->rotateX(angle, image);
+    return true;
+}
+
+bool NVolume::rotateY(double angle, NDicomImage& image)
+{
+    if (!m_companion)
+        return false;
+    m_companion->rotateY(angle, image);
+    return true;
+}
+
+bool NVolume::rotateZ(double angle, NDicomImage& image)
+{
+    if (!m_companion)
+        return false;
+    m_companion->rotateZ(angle, image);
+    return true;
+}
+
+bool NVolume::rotateWXYZ(double angle, double x, double y, double z, NDicomImage& image)
+{
+    if (!m_companion)
+        return false;
+    m_companion->rotateWXYZ(angle, x, y, z, image);
+    return true;
+}
+
+// --- voxels -------------------------------------------------------------------------------
+
+unsigned short NVolume::getVoxel(int i, int j, int k)
+{
+    unsigned short v;
+    std::memcpy(&v, m_data + qint64(i) * m_head.volumestep[0] + qint64(j) * m_head.volumestep[1]
+                    + qint64(k) * m_head.volumestep[2], 2);
+    return v;
+}
+
+void NVolume::setVoxelValue16u(int i, int j, int k, unsigned short value)
+{
+    std::memcpy(m_data + qint64(i) * m_head.volumestep[0] + qint64(j) * m_head.volumestep[1]
+                    + qint64(k) * m_head.volumestep[2], &value, 2);
+}
+
+unsigned char** NVolume::getLayers()
+{
+    const int z = qMax(0, m_head.volumesize[2]);
+    m_layers.resize(z);
+    for (int k = 0; k < z; ++k)
+        m_layers[k] = m_data ? reinterpret_cast<unsigned char*>(m_data + qint64(k) * m_head.volumestep[2]) : nullptr;
+    return m_layers.data();
+}
+
+void NVolume::getpixels(unsigned short* counters)
+{
+    if (!counters || framesAvailable() < 1)
+        return;
+    // 16-bit counters wrap at 65536: the histogram views only compare shapes, and they size
+    // their counters this way.
+    for (int i = 0; i < m_head.volumesize[0]; ++i)
+        for (int j = 0; j < m_head.volumesize[1]; ++j)
+            for (int k = 0; k < m_head.volumesize[2]; ++k)
+                ++counters[getVoxel(i, j, k)];
+}
+
+void NVolume::setTimeIndex(int t)
+{
+    qDebug() << "NVolume::setTimeIndex" << t << "qqqqqqqqq";
+    if (t < 0 || t >= m_head.timeNum || t >= framesAvailable())
+        return;
+    m_timeIndex = t;
+    m_data = m_buffer + m_headerOffset + qint64(t) * m_head.volumestep[3];
+    getLayers();
+}
+
+// --- geometry -----------------------------------------------------------------------------
+
+void NVolume::settopxyz(double x, double y, double z)
+{
+    m_origin[0] = x;
+    m_origin[1] = y;
+    m_origin[2] = z;
+}
+
+void NVolume::setvolumeorientation(double o0, double o1, double o2, double o3, double o4, double o5, double o6,
+                                   double o7, double o8)
+{
+    const double o[9] = {o0, o1, o2, o3, o4, o5, o6, o7, o8};
+    std::memcpy(m_orientation, o, sizeof o);
+}
+
+void NVolume::setReferencePixelSpace(double a, double b)
+{
+    m_referenceSpacing[0] = a;
+    m_referenceSpacing[1] = b;
+}
+
+void NVolume::setReferenceThickness(double t)
+{
+    m_referenceThickness = t;
+}
+
+void NVolume::setprojectedmethod(int m)
+{
+    m_projectionMethod = m;
+}
+
+double* NVolume::getPointXYZ(int i, int j, int k)
+{
+    const double* s = m_head.voxelspace;
+    const double* o = m_head.orientation;
+    const double* t = m_head.topxyz;
+    for (int r = 0; r < 3; ++r)
+        m_point[r] = s[0] * o[r] * i + s[1] * o[3 + r] * j + s[2] * o[6 + r] * k + t[r];
+    return m_point;
+}
+
+namespace {
+
+// General 4x4 inverse by cofactors (row-major). False when the determinant is 0.
+bool invert4(const double m[16], double inv[16])
+{
+    inv[0] = m[5] * m[10] * m[15] - m[5] * m[11] * m[14] - m[9] * m[6] * m[15] + m[9] * m[7] * m[14]
+        + m[13] * m[6] * m[11] - m[13] * m[7] * m[10];
+    inv[4] = -m[4] * m[10] * m[15] + m[4] * m[11] * m[14] + m[8] * m[6] * m[15] - m[8] * m[7] * m[14]
+        - m[12] * m[6] * m[11] + m[12] * m[7] * m[10];
+    inv[8] = m[4] * m[9] * m[15] - m[4] * m[11] * m[13] - m[8] * m[5] * m[15] + m[8] * m[7] * m[13]
+        + m[12] * m[5] * m[11] - m[12] * m[7] * m[9];
+    inv[12] = -m[4] * m[9] * m[14] + m[4] * m[10] * m[13] + m[8] * m[5] * m[14] - m[8] * m[6] * m[13]
+        - m[12] * m[5] * m[10] + m[12] * m[6] * m[9];
+    inv[1] = -m[1] * m[10] * m[15] + m[1] * m[11] * m[14] + m[9] * m[2] * m[15] - m[9] * m[3] * m[14]
+        - m[13] * m[2] * m[11] + m[13] * m[3] * m[10];
+    inv[5] = m[0] * m[10] * m[15] - m[0] * m[11] * m[14] - m[8] * m[2] * m[15] + m[8] * m[3] * m[14]
+        + m[12] * m[2] * m[11] - m[12] * m[3] * m[10];
+    inv[9] = -m[0] * m[9] * m[15] + m[0] * m[11] * m[13] + m[8] * m[1] * m[15] - m[8] * m[3] * m[13]
+        - m[12] * m[1] * m[11] + m[12] * m[3] * m[9];
+    inv[13] = m[0] * m[9] * m[14] - m[0] * m[10] * m[13] - m[8] * m[1] * m[14] + m[8] * m[2] * m[13]
+        + m[12] * m[1] * m[10] - m[12] * m[2] * m[9];
+    inv[2] = m[1] * m[6] * m[15] - m[1] * m[7] * m[14] - m[5] * m[2] * m[15] + m[5] * m[3] * m[14]
+        + m[13] * m[2] * m[7] - m[13] * m[3] * m[6];
+    inv[6] = -m[0] * m[6] * m[15] + m[0] * m[7] * m[14] + m[4] * m[2] * m[15] - m[4] * m[3] * m[14]
+        - m[12] * m[2] * m[7] + m[12] * m[3] * m[6];
+    inv[10] = m[0] * m[5] * m[15] - m[0] * m[7] * m[13] - m[4] * m[1] * m[15] + m[4] * m[3] * m[13]
+        + m[12] * m[1] * m[7] - m[12] * m[3] * m[5];
+    inv[14] = -m[0] * m[5] * m[14] + m[0] * m[6] * m[13] + m[4] * m[1] * m[14] - m[4] * m[2] * m[13]
+        - m[12] * m[1] * m[6] + m[12] * m[2] * m[5];
+    inv[3] = -m[1] * m[6] * m[11] + m[1] * m[7] * m[10] + m[5] * m[2] * m[11] - m[5] * m[3] * m[10]
+        - m[9] * m[2] * m[7] + m[9] * m[3] * m[6];
+    inv[7] = m[0] * m[6] * m[11] - m[0] * m[7] * m[10] - m[4] * m[2] * m[11] + m[4] * m[3] * m[10]
+        + m[8] * m[2] * m[7] - m[8] * m[3] * m[6];
+    inv[11] = -m[0] * m[5] * m[11] + m[0] * m[7] * m[9] + m[4] * m[1] * m[11] - m[4] * m[3] * m[9]
+        - m[8] * m[1] * m[7] + m[8] * m[3] * m[5];
+    inv[15] = m[0] * m[5] * m[10] - m[0] * m[6] * m[9] - m[4] * m[1] * m[10] + m[4] * m[2] * m[9]
+        + m[8] * m[1] * m[6] - m[8] * m[2] * m[5];
+    const double det = m[0] * inv[0] + m[1] * inv[4] + m[2] * inv[8] + m[3] * inv[12];
+    if (det == 0)
+        return false;
+    for (int i = 0; i < 16; ++i)
+        inv[i] /= det;
+    return true;
+}
+
+} // namespace
+
+float* NVolume::getPointFIJK(double x, double y, double z)
+{
+    const double* s = m_head.voxelspace;
+    const double* o = m_head.orientation;
+    const double* t = m_head.topxyz;
+    // Rows of M: column c of M is axis c scaled by its spacing, the last column the origin.
+    const double m[16] = {s[0] * o[0], s[1] * o[3], s[2] * o[6], t[0],
+                          s[0] * o[1], s[1] * o[4], s[2] * o[7], t[1],
+                          s[0] * o[2], s[1] * o[5], s[2] * o[8], t[2],
+                          0, 0, 0, 1};
+    double inv[16];
+    if (!invert4(m, inv))
+        return m_fijk; // singular geometry: the previous result stays
+    for (int r = 0; r < 3; ++r)
+        m_fijk[r] = float(inv[4 * r] * x + inv[4 * r + 1] * y + inv[4 * r + 2] * z + inv[4 * r + 3]);
+    return m_fijk;
+}
+
+void NVolume::getCenterPoint(double& x, double& y, double& z)
+{
+    const double* s = m_head.voxelspace;
+    const double* o = m_head.orientation;
+    const double* t = m_head.topxyz;
+    const int* n = m_head.volumesize;
+    // The viewers place their reference point with exactly this expression (subtracted half
+    // extents, and the i direction's y component in the z line); they are calibrated to it.
+    x = t[0] - 0.5 * o[0] * s[0] * n[0] - 0.5 * o[3] * s[1] * n[1] - 0.5 * o[6] * s[2] * n[2];
+    y = t[1] - 0.5 * o[1] * s[0] * n[0] - 0.5 * o[4] * s[1] * n[1] - 0.5 * o[7] * s[2] * n[2];
+    z = t[2] - 0.5 * o[1] * s[0] * n[0] - 0.5 * o[5] * s[1] * n[1] - 0.5 * o[8] * s[2] * n[2];
+}
+
+bool NVolume::getCubeEightTopPosition()
+{
+    const int* n = m_head.volumesize;
+    const int corners[8][3] = {{0, 0, n[2] - 1},        {0, 0, 0},        {n[0] - 1, 0, n[2] - 1},
+                               {n[0] - 1, 0, 0},        {0, n[1] - 1, n[2] - 1}, {0, n[1] - 1, 0},
+                               {n[0] - 1, n[1] - 1, n[2] - 1}, {n[0] - 1, n[1] - 1, 0}};
+    for (int c = 0; c < 8; ++c) {
+        const double* p = getPointXYZ(corners[c][0], corners[c][1], corners[c][2]);
+        std::memcpy(m_cube[c], p, 3 * sizeof(double));
+    }
+    return true;
+}
+
+int NVolume::getmainz(double a, double b, double c)
+{
+    const double x = std::fabs(a), y = std::fabs(b), z = std::fabs(c);
+    if (z > x && z > y)
+        return 3;
+    if (y > x && y > z)
+        return 2;
+    if (x > y && x > z)
+        return 1;
+    return 0;
+}
+
+int NVolume::getPosiOrNegativeOrien(double a, double b, double c)
+{
+    const double v[3] = {a, b, c};
+    const int axis = getmainz(a, b, c);
+    if (axis == 0)
+        return 0;
+    return v[axis - 1] > 0 ? 1 : -1;
+}
+
+double* NVolume::getReverse(double a, double b, double c)
+{
+    m_reverse[0] = a;
+    m_reverse[1] = b;
+    m_reverse[2] = c;
+    const int axis = getmainz(a, b, c);
+    if (axis != 0)
+        m_reverse[axis - 1] = -m_reverse[axis - 1];
+    return m_reverse;
+}
+
+// --- masking and database -----------------------------------------------------------------
+
+void NVolume::maskVolume(NVolume* volume, NBitVolume* mask)
+{
+    if (!volume || !mask || !mask->GetBuffer() || volume->framesAvailable() < 1)
+        return;
+    const int* n = volume->m_head.volumesize;
+    if (mask->GetSizeX() != n[0] || mask->GetSizeY() != n[1] || mask->GetSizeZ() != n[2])
+        return;
+    unsigned int** slices = mask->GetBuffer();
+    const int wordsPerRow = mask->GetElementRow();
+    for (int k = 0; k < n[2]; ++k)
+        for (int j = 0; j < n[1]; ++j) {
+            const unsigned int* row = slices[k] + qint64(j) * wordsPerRow;
+            for (int i = 0; i < n[0]; ++i)
+                if (!((row[i >> 5] >> (i & 31)) & 1u))
+                    volume->setVoxelValue16u(i, j, k, 0);
+        }
+}
+
+void NVolume::getUID(qint64 seriesPk)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    query.prepare("SELECT generalstudy.StudyInstanceUID,generalseries.SeriesInstanceUID FROM generalstudy "
+                  "inner join generalseries inner join imageformat WHERE generalstudy.pk=generalseries.study_fk "
+                  "and generalseries.pk=imageformat.series_fk and imageformat.series_fk=?");
+    query.addBindValue(seriesPk);
+    if (!query.exec())
+        return;
+    // The UIDs are read and dropped: callers only use this to touch the series' rows.
+    while (query.next()) {
+        const QString studyUid = query.value(0).toString();
+        const QString seriesUid = query.value(1).toString();
+        Q_UNUSED(studyUid);
+        Q_UNUSED(seriesUid);
+    }
+}
+
+VelIVolume* NVolume::getVelIVolume() const
+{
+    return m_companion.data();
 }

@@ -43,7 +43,7 @@ public:
     int getTimeIndex() { return m_timeIndex; }
     double* getTopPointFirstLeftandUp() { return &m_cube[0][0]; }
     QString getStrVolumeHead() { return m_strHead; }
-    VelIVolume* getVelIVolume() const { return m_companion; }
+    VelIVolume* getVelIVolume() const;
 
     // The head string and the volume file.
     QString volumeHeadtoString(VolumeHead& head);
@@ -89,6 +89,16 @@ public:
     static void maskVolume(NVolume* volume, NBitVolume* mask);
     void getUID(qint64 seriesPk);
 
+    // Rotation and standardisation of the 3-D view, handed to the rendering companion; false
+    // when the volume has none.
+    bool StandardImage(NDicomImage& image, bool flag);
+    bool shake(double angle, NDicomImage& image);
+    bool getRotateImage(double angle, double x, double y, double z, NDicomImage& image);
+    bool rotateX(double angle, NDicomImage& image);
+    bool rotateY(double angle, NDicomImage& image);
+    bool rotateZ(double angle, NDicomImage& image);
+    bool rotateWXYZ(double angle, double x, double y, double z, NDicomImage& image);
+
 protected:
     void initVelIVolume();
     // Releases the buffer; ALLOCATE bytes are then owned, with the voxels at OFFSET.
@@ -118,7 +128,7 @@ protected:
     double m_reverse[3] = {};
     float m_fijk[3] = {};
     int m_timeIndex = 0;
-    VelIVolume* m_companion = nullptr;
+    QPointer<VelIVolume> m_companion;
 
 private:
     qint64 m_bufferLength = 0;

@@ -2,11 +2,14 @@
 #include "nbitvolume.h"
 #include "ndicomvolume.h"
 #include "nvolume.h"
+#include "velivolume.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <array>
+#include <cmath>
 #include <cstring>
 #include <random>
 
@@ -78,6 +81,11 @@ private slots:
     void saveAndLoadIdentity();
     void bitMask();
     void bitMaskReaders();
+    void voxelAccessAndFrames();
+    void transforms();
+    void axisQueries();
+    void histogramAndMask();
+    void companion();
 };
 
 void TestVolume::headString()
@@ -329,6 +337,180 @@ void TestVolume::bitMaskReaders()
     const QByteArray out = QFile::encodeName(dir.filePath("out.dat"));
     QVERIFY(!raw.WriteToFile(out.constData()));
     QVERIFY(!QFile::exists(dir.filePath("out.dat")));
+}
+
+void TestVolume::voxelAccessAndFrames()
+{
+    VolumeHead h = makeHead(6, 5, 4, 2);
+    const QByteArray voxels = randomVoxels(h.totallen - 512, 2);
+    NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    auto naive = [&](int t, int i, int j, int k) {
+        quint16 value;
+        std::memcpy(&value, voxels.constData() + t * h.volumestep[3] + k * 60 + j * 12 + i * 2, 2);
+        return value;
+    };
+    QCOMPARE(v.getVoxel(5, 4, 3), naive(0, 5, 4, 3));
+    unsigned char** layers = v.getLayers();
+    QCOMPARE(reinterpret_cast<char*>(layers[2]), v.getData() + 120);
+    const char* frame0 = v.getData();
+    const QVector<unsigned char*> before(layers, layers + 4);
+
+    v.setTimeIndex(2); // timeNum: no change
+    QCOMPARE(v.getData(), frame0);
+    v.setTimeIndex(1);
+    QCOMPARE(v.getTimeIndex(), 1);
+    QCOMPARE(v.getData(), frame0 + h.volumestep[3]);
+    layers = v.getLayers();
+    for (int k = 0; k < 4; ++k)
+        QCOMPARE(layers[k], before[k] + h.volumestep[3]);
+    QCOMPARE(v.getVoxel(1, 2, 3), naive(1, 1, 2, 3));
+    v.setVoxelValue16u(1, 2, 3, 40000);
+    QCOMPARE(v.getVoxel(1, 2, 3), quint16(40000));
+
+    // A head claiming more frames than the buffer holds never moves past it.
+    VolumeHead lying = h;
+    lying.timeNum = 5;
+    NDicomVolume short_(&lying, const_cast<char*>(voxels.constData()), voxels.size());
+    short_.setTimeIndex(2);
+    QCOMPARE(short_.getTimeIndex(), 0);
+
+    // clone copies the source's current frame into a 368-byte-header volume.
+    NVolume copy;
+    copy.clone(&v);
+    QCOMPARE(copy.getHead()->totallen, qint64(h.volumestep[3]) + 368);
+    QCOMPARE(copy.getHead()->timeNum, 2);
+    QCOMPARE(QByteArray(copy.getData(), h.volumestep[3]), QByteArray(v.getData(), h.volumestep[3]));
+    QCOMPARE(copy.getVoxel(1, 2, 3), quint16(40000));
+
+    NVolume init;
+    QVERIFY(!init.isValid());
+    QCOMPARE(init.initVolume16u(3, 4, 5), 1);
+    QVERIFY(init.isValid());
+    QCOMPARE(init.getHead()->volumestep[2], 24);
+    QCOMPARE(init.getHead()->totallen, qint64(120 + 368));
+}
+
+void TestVolume::transforms()
+{
+    // Oblique geometry: axes rotated about two axes, anisotropic spacing.
+    VolumeHead h = makeHead(20, 30, 10);
+    const double a = 0.3, b = -0.7;
+    const double r[9] = {std::cos(a), std::sin(a), 0, -std::sin(a) * std::cos(b), std::cos(a) * std::cos(b),
+                         std::sin(b), std::sin(a) * std::sin(b), -std::cos(a) * std::sin(b), std::cos(b)};
+    std::memcpy(h.orientation, r, sizeof r);
+    h.voxelspace[0] = 0.7;
+    h.voxelspace[1] = 0.9;
+    h.voxelspace[2] = 3.5;
+    h.topxyz[0] = -120.25;
+    h.topxyz[1] = 35.5;
+    h.topxyz[2] = 60;
+    const QByteArray voxels(int(h.totallen - 512), '\0');
+    NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    for (const auto& ijk : {std::array<int, 3>{0, 0, 0}, {19, 29, 9}, {7, 3, 5}, {0, 29, 2}}) {
+        const double* p = v.getPointXYZ(ijk[0], ijk[1], ijk[2]);
+        for (int c = 0; c < 3; ++c) {
+            const double expected = h.topxyz[c] + ijk[0] * 0.7 * r[c] + ijk[1] * 0.9 * r[3 + c] + ijk[2] * 3.5 * r[6 + c];
+            QVERIFY(std::fabs(p[c] - expected) < 1e-9);
+        }
+        const float* f = v.getPointFIJK(p[0], p[1], p[2]);
+        for (int c = 0; c < 3; ++c)
+            QVERIFY2(std::fabs(f[c] - ijk[c]) < 1e-3, qPrintable(QString("axis %1: %2").arg(c).arg(f[c])));
+    }
+
+    v.getCubeEightTopPosition();
+    const double* cube = v.getTopPointFirstLeftandUp();
+    const double* last = v.getPointXYZ(19, 29, 0);
+    QCOMPARE(cube[7 * 3 + 2], last[2]);
+    const double* first = v.getPointXYZ(0, 0, 9);
+    QCOMPARE(cube[0], first[0]);
+
+    VolumeHead id = makeHead(10, 20, 30);
+    const QByteArray none(int(id.totallen - 512), '\0');
+    NDicomVolume plain(&id, const_cast<char*>(none.constData()), none.size());
+    double x, y, z;
+    plain.getCenterPoint(x, y, z);
+    QCOMPARE(x, -5.0);
+    QCOMPARE(y, -10.0);
+    QCOMPARE(z, -15.0);
+
+    // Working copies follow updateCal and the setters, never the head.
+    plain.updateCal();
+    plain.settopxyz(1, 2, 3);
+    plain.setvolumeorientation(0, 1, 0, 1, 0, 0, 0, 0, -1);
+    QCOMPARE(plain.getWorkingOrigin()[2], 3.0);
+    QCOMPARE(plain.getWorkingOrientation()[8], -1.0);
+    QCOMPARE(plain.getTopLeft()[2], 0.0);
+    QCOMPARE(plain.getWorkingSize()[2], 30);
+}
+
+void TestVolume::axisQueries()
+{
+    NVolume v;
+    const double* r = v.getReverse(1, -2, 2);
+    QCOMPARE(QVector<double>(r, r + 3), QVector<double>({1, -2, 2}));
+    r = v.getReverse(0.1, 0.2, -0.9);
+    QCOMPARE(QVector<double>(r, r + 3), QVector<double>({0.1, 0.2, 0.9}));
+    QCOMPARE(v.getPosiOrNegativeOrien(0, 0, -1), -1);
+    QCOMPARE(v.getPosiOrNegativeOrien(0.9, 0.1, 0), 1);
+    QCOMPARE(v.getmainz(0.2, 0.9, 0.1), 2);
+    QCOMPARE(v.getmainz(-0.2, 0.1, -0.95), 3);
+    QCOMPARE(v.getmainz(-0.8, 0.1, 0.5), 1);
+}
+
+void TestVolume::histogramAndMask()
+{
+    // 64 x 64 x 16 zero voxels: counter 0 wraps back to 0.
+    VolumeHead h = makeHead(64, 64, 16);
+    QByteArray voxels(int(h.totallen - 512), '\0');
+    const qint16 minusOne = -1;
+    std::memcpy(voxels.data() + 2 * 7, &minusOne, 2);
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    QVector<unsigned short> counters(65536, 0);
+    v.getpixels(counters.data());
+    QCOMPARE(int(counters[0]), 65535);
+    QCOMPARE(int(counters[65535]), 1);
+
+    VolumeHead small = makeHead(35, 3, 2);
+    const QByteArray data = randomVoxels(small.totallen - 512, 3);
+    NDicomVolume m(&small, const_cast<char*>(data.constData()), data.size());
+    NBitVolume mask(35, 3, 2);
+    mask.SetAll();
+    NVolume::maskVolume(&m, &mask);
+    QCOMPARE(QByteArray(m.getData(), data.size()), data);
+    mask.ClearAll();
+    mask.setBit(33, 2, 1);
+    NVolume::maskVolume(&m, &mask);
+    for (int k = 0; k < 2; ++k)
+        for (int j = 0; j < 3; ++j)
+            for (int i = 0; i < 35; ++i) {
+                quint16 expected = 0;
+                if (i == 33 && j == 2 && k == 1)
+                    std::memcpy(&expected, data.constData() + (k * 3 + j) * 70 + i * 2, 2);
+                QCOMPARE(m.getVoxel(i, j, k), expected);
+            }
+}
+
+void TestVolume::companion()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    VolumeHead h = makeHead(256, 256, 2);
+    const QByteArray voxels = randomVoxels(h.totallen - 512, 4);
+    NDicomVolume source(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    const QString path = dir.filePath("c.data");
+    QVERIFY(source.saveAs(path));
+
+    qputenv("KESTREL_VOLUME_PLUGIN", QFile::encodeName(dir.filePath("no-such-plugin.so")));
+    NVolume plain;
+    QCOMPARE(plain.loadVolume(path), 1);
+    QVERIFY(!plain.getVelIVolume());
+
+    qputenv("KESTREL_VOLUME_PLUGIN", KESTREL_TEST_VOLUME_PLUGIN);
+    NVolume bound;
+    QCOMPARE(bound.loadVolume(path), 1);
+    QVERIFY(bound.getVelIVolume());
+    QCOMPARE(bound.property("companionCalls").toStringList(), QStringList{"setVolume"});
+    qunsetenv("KESTREL_VOLUME_PLUGIN");
 }
 
 QTEST_GUILESS_MAIN(TestVolume)
