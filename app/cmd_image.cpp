@@ -1,0 +1,72 @@
+#include "command.h"
+
+#include "ndicomimage.h"
+
+#include <QCommandLineParser>
+#include <QImage>
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+int runImage(const QStringList& args)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Windows a DICOM image to grey levels and writes it as PNG.");
+    parser.addHelpOption();
+    parser.addPositionalArgument("FILE", "DICOM image file");
+    parser.addOption({"png", "PNG file to write", "OUT.png"});
+    parser.addOption({"window", "window WIDTH and CENTRE (two values; default: the file's window)", "WIDTH CENTRE"});
+    QStringList all = QStringList{"kestrel image"} + args;
+    // "--window W C" takes two values: join them so that the parser sees one.
+    for (int i = 1; i + 2 < all.size(); ++i)
+        if (all[i] == "--window") {
+            all[i + 1] = all[i + 1] + ' ' + all[i + 2];
+            all.removeAt(i + 2);
+        }
+    if (!parser.parse(all))
+        return app::fail("image", parser.errorText());
+    if (parser.isSet("help")) {
+        fputs(qPrintable(parser.helpText()), stdout);
+        return 0;
+    }
+    const QStringList positional = parser.positionalArguments();
+    if (positional.size() != 1)
+        return app::fail("image", "expected one DICOM file");
+    if (!parser.isSet("png"))
+        return app::fail("image", "--png OUT.png is required");
+
+    NDicomImage image;
+    if (!image.readReferenceFileInfo(positional.first(), true))
+        return app::fail("image", QString("cannot read a 16-bit grey image from %1").arg(positional.first()));
+    double width = image.getWindowWidth();
+    double centre = image.getWindowCenter();
+    if (parser.isSet("window")) {
+        const QStringList values = parser.value("window").split(' ', Qt::SkipEmptyParts);
+        bool okWidth = false, okCentre = false;
+        if (values.size() == 2) {
+            width = values[0].toDouble(&okWidth);
+            centre = values[1].toDouble(&okCentre);
+        }
+        if (!okWidth || !okCentre)
+            return app::fail("image", "--window needs two numbers: WIDTH CENTRE");
+    }
+    QImage out(image.width(), image.height(), QImage::Format_RGB32);
+    if (out.isNull())
+        return app::fail("image", "the image is empty");
+    std::vector<unsigned int> grey(size_t(image.width()) * size_t(image.height()));
+    image.getGrayImage32(width, centre, grey.data());
+    for (int y = 0; y < image.height(); ++y)
+        std::memcpy(out.scanLine(y), grey.data() + size_t(y) * size_t(image.width()), size_t(image.width()) * 4);
+    if (!out.save(parser.value("png"), "PNG"))
+        return app::fail("image", QString("cannot write %1").arg(parser.value("png")));
+    printf("%s: %dx%d, window %g/%g\n", qPrintable(parser.value("png")), image.width(), image.height(), width,
+           centre);
+    return 0;
+}
+
+} // namespace
+
+KESTREL_COMMAND("image", "window a DICOM image and write it as PNG", runImage);
