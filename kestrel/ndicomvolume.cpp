@@ -1,5 +1,9 @@
 #include "ndicomvolume.h"
 
+#include "internal/imagegeometry.h"
+#include "ndicomimage.h"
+
+#include <cstdlib>
 #include <cstring>
 
 NDicomVolume::NDicomVolume(QObject* parent)
@@ -22,3 +26,41 @@ NDicomVolume::NDicomVolume(VolumeHead* head, char* data, qint64 length, QObject*
 }
 
 NDicomVolume::~NDicomVolume() = default;
+
+bool NDicomVolume::planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target)
+{
+    // Patient axis (0 = x, 1 = y, 2 = z) that each voxel axis i, j, k is closest to.
+    int view[3];
+    for (int a = 0; a < 3; ++a)
+        view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
+    if (view[2] == target)
+        return getDicomImagePlaneK(image, index, thickness, view, render);
+    if (view[1] == target)
+        return getDicomImagePlaneJ(image, index, thickness, view, render);
+    if (view[0] == target)
+        return getDicomImagePlaneI(image, index, thickness, view, render);
+    return getDicomImagePlaneK(image, index, thickness, nullptr, RenderMax);
+}
+
+bool NDicomVolume::getDicomImagePlaneAxi(NDicomImage& image, int index, int thickness, RenderType render)
+{
+    return planeTowards(image, index, thickness, render, 2);
+}
+
+bool NDicomVolume::getDicomImagePlaneCor(NDicomImage& image, int index, int thickness, RenderType render)
+{
+    return planeTowards(image, index, thickness, render, 1);
+}
+
+bool NDicomVolume::getDicomImagePlaneSag(NDicomImage& image, int index, int thickness, RenderType render)
+{
+    return planeTowards(image, index, thickness, render, 0);
+}
+
+bool NDicomVolume::getDicomImagePlaneByIndex(NDicomImage& image, int /*index*/)
+{
+    // Kept as a placeholder the viewers call for sizing only; pixels come from the cutters.
+    image.setSize(m_head.volumesize[0], m_head.volumesize[1]);
+    image.setPixelSpace(m_head.voxelspace[0], m_head.voxelspace[1]);
+    return false;
+}

@@ -14,4 +14,14 @@ public:
     // A volume of LENGTH voxel bytes described by HEAD; empty when either pointer is null.
     NDicomVolume(VolumeHead* head, char* data, qint64 length, QObject* parent = nullptr);
     ~NDicomVolume() override;
+
+    // The axial, coronal or sagittal image at INDEX, whatever the acquisition direction.
+    bool getDicomImagePlaneAxi(NDicomImage& image, int index, int thickness, RenderType render);
+    bool getDicomImagePlaneCor(NDicomImage& image, int index, int thickness, RenderType render);
+    bool getDicomImagePlaneSag(NDicomImage& image, int index, int thickness, RenderType render);
+    // Placeholder: sizes the image like a k plane and copies no pixels; always false.
+    bool getDicomImagePlaneByIndex(NDicomImage& image, int index);
+
+private:
+    bool planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target);
 };

@@ -2,6 +2,8 @@
 
 #include "internal/volumeheadtext.h"
 #include "internal/volumeplugin.h"
+#include "internal/volumesimd.h"
+#include "ndicomimage.h"
 #include "nbitvolume.h"
 #include "velivolume.h"
 
@@ -14,6 +16,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 using namespace kestrel::internal;
 
@@ -505,4 +508,356 @@ void NVolume::getUID(qint64 seriesPk)
 VelIVolume* NVolume::getVelIVolume() const
 {
     return m_companion.data();
+}
+
+// --- planes and slabs ---------------------------------------------------------------------
+
+namespace {
+
+inline short voxelAt(const char* p)
+{
+    short v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+
+// Rows of output handled per OpenMP chunk; small planes stay on one thread.
+constexpr qint64 kParallelVoxels = qint64(1) << 18;
+
+} // namespace
+
+bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, EMainAxis axis, RenderType render)
+{
+    if (axis < AxisI || axis > AxisK)
+        return true;
+    const int* n = m_head.volumesize;
+    const double* vs = m_head.voxelspace;
+    // A slab is at least the plane itself, so the average never divides by zero.
+    const int t = qMax(thickness, 1);
+    int w = 0, h = 0;
+    switch (axis) {
+    case AxisK:
+        w = n[0], h = n[1];
+        image.setImage(w, h, 2);
+        image.setPixelSpace(vs[0], vs[1]);
+        image.setThickness(t * vs[2]);
+        break;
+    case AxisJ:
+        w = n[0], h = n[2];
+        image.setImage(w, h, 2);
+        image.setPixelSpace(vs[0], vs[2]);
+        image.setThickness(t * vs[1]);
+        break;
+    case AxisI:
+        w = n[1], h = n[2];
+        image.setImage(w, h, 2);
+        image.setPixelSpace(vs[1], vs[2]);
+        image.setThickness(t * vs[0]);
+        break;
+    }
+    const int length = n[axis - 1];
+    if (index < 0)
+        return false;
+    const int first = qMax(index - (t - 1) / 2, 0);
+    const int end = qMin(index + 1 + t / 2, length);
+    if (first >= length || end <= first)
+        return false;
+    if (!m_data || framesAvailable() < 1 || !image.data() || w <= 0 || h <= 0)
+        return false;
+
+    const int mode = render == RenderMin ? 1 : (render == RenderAverage ? 2 : 0);
+    const int count = end - first;
+    const qint64 st0 = m_head.volumestep[0], st1 = m_head.volumestep[1], st2 = m_head.volumestep[2];
+    short* out = reinterpret_cast<short*>(image.data());
+    const char* data = m_data;
+    const bool parallel = qint64(w) * h * count >= kParallelVoxels;
+
+    if (axis == AxisK) {
+        const qint64 pixels = qint64(w) * h;
+        std::vector<qint32> acc(mode == 2 ? size_t(pixels) : 0, 0);
+        if (st0 == 2 && st1 == 2 * qint64(w)) {
+            // Whole slices are contiguous: fold them in chunks, eight voxels per instruction.
+            const qint64 chunk = 16384;
+            const qint64 chunks = (pixels + chunk - 1) / chunk;
+#pragma omp parallel for schedule(static) if (parallel)
+            for (qint64 c = 0; c < chunks; ++c) {
+                const qint64 lo = c * chunk, len = qMin(chunk, pixels - lo);
+                auto slice = [&](int k) { return reinterpret_cast<const short*>(data + k * st2) + lo; };
+                if (mode == 2) {
+                    for (int k = first; k < end; ++k)
+                        kestrel::internal::accumulateS16(acc.data() + lo, slice(k), len);
+                    kestrel::internal::divideToS16(out + lo, acc.data() + lo, len, count);
+                } else {
+                    std::memcpy(out + lo, slice(first), size_t(len) * 2);
+                    for (int k = first + 1; k < end; ++k) {
+                        if (mode == 1)
+                            kestrel::internal::minInPlaceS16(out + lo, slice(k), len);
+                        else
+                            kestrel::internal::maxInPlaceS16(out + lo, slice(k), len);
+                    }
+                }
+            }
+            return true;
+        }
+#pragma omp parallel for schedule(static) if (parallel)
+        for (int j = 0; j < h; ++j)
+            for (int i = 0; i < w; ++i) {
+                const char* p = data + i * st0 + j * st1;
+                qint32 sum = 0;
+                short v = voxelAt(p + first * st2);
+                for (int k = first; k < end; ++k) {
+                    const short x = voxelAt(p + k * st2);
+                    sum += x;
+                    v = mode == 1 ? qMin(v, x) : qMax(v, x);
+                }
+                out[qint64(j) * w + i] = mode == 2 ? short(sum / count) : v;
+            }
+        return true;
+    }
+
+    if (axis == AxisJ) {
+        // Output row r is slice k = r, column c is voxel i = c.
+#pragma omp parallel for schedule(static) if (parallel)
+        for (int k = 0; k < h; ++k) {
+            short* row = out + qint64(k) * w;
+            std::vector<qint32> acc(mode == 2 ? size_t(w) : 0, 0);
+            // The coronal maximum starts from 0, so it never shows values below 0; the coronal
+            // views are windowed on that floor and rely on it.
+            const short start = mode == 1 ? short(32767) : short(0);
+            if (mode != 2)
+                std::fill(row, row + w, start);
+            for (int j = first; j < end; ++j) {
+                const char* src = data + k * st2 + j * st1;
+                if (st0 == 2) {
+                    const short* line = reinterpret_cast<const short*>(src);
+                    if (mode == 2)
+                        kestrel::internal::accumulateS16(acc.data(), line, w);
+                    else if (mode == 1)
+                        kestrel::internal::minInPlaceS16(row, line, w);
+                    else
+                        kestrel::internal::maxInPlaceS16(row, line, w);
+                } else {
+                    for (int i = 0; i < w; ++i) {
+                        const short x = voxelAt(src + i * st0);
+                        if (mode == 2)
+                            acc[size_t(i)] += x;
+                        else
+                            row[i] = mode == 1 ? qMin(row[i], x) : qMax(row[i], x);
+                    }
+                }
+            }
+            if (mode == 2)
+                kestrel::internal::divideToS16(row, acc.data(), w, count);
+        }
+        return true;
+    }
+
+    // Axis i: output row r is slice k = r, column c is row j = c.
+#pragma omp parallel for schedule(static) if (parallel)
+    for (int k = 0; k < h; ++k)
+        for (int j = 0; j < w; ++j) {
+            const char* p = data + k * st2 + j * st1;
+            short v = voxelAt(p + first * st0);
+            qint32 sum = 0;
+            for (int i = first; i < end; ++i) {
+                const short x = voxelAt(p + i * st0);
+                sum += x;
+                v = mode == 1 ? qMin(v, x) : qMax(v, x);
+            }
+            out[qint64(k) * w + j] = mode == 2 ? short(sum / count) : v;
+        }
+    return true;
+}
+
+short NVolume::MIPProject(QList<short> values)
+{
+    if (values.isEmpty())
+        return 0;
+    short v = values.first();
+    for (short x : values)
+        if (x > v)
+            v = x;
+    return v;
+}
+
+short NVolume::mIP(QList<short> values)
+{
+    if (values.isEmpty())
+        return 0;
+    short v = values.first();
+    for (short x : values)
+        if (x < v)
+            v = x;
+    return v;
+}
+
+short NVolume::aIP(QList<short> values)
+{
+    if (values.isEmpty())
+        return 0;
+    // A 16-bit sum that wraps: the list projections of the measurement tools were calibrated on it.
+    short sum = 0;
+    for (short x : values)
+        sum = short(sum + x);
+    return short(sum / values.size());
+}
+
+namespace {
+
+// Width and height codes of the display tables: +-1 = voxel axis i, +-2 = j, +-3 = k, negative when
+// the image runs against the axis.
+void displayCodes(int fixedAxis, const int* view, const double* o, int& W, int& H)
+{
+    auto pick = [](bool positive, int code) { return positive ? code : -code; };
+    if (fixedAxis == 3) {
+        if (view[2] == 2) {
+            if (view[0] != 0) {
+                W = pick(o[1] > 0, 2);
+                H = pick(o[3] > 0, 1);
+            } else {
+                W = pick(o[0] > 0, 1);
+                H = pick(o[4] > 0, 2);
+            }
+        } else if (view[2] == 1) {
+            if (view[0] != 0) {
+                W = pick(!(o[2] > 0), 2);
+                H = pick(o[3] > 0, 1);
+            } else {
+                W = pick(o[0] > 0, 1);
+                H = pick(!(o[5] > 0), 2);
+            }
+        } else if (view[0] == 1) {
+            W = pick(o[1] > 0, 1);
+            H = pick(!(o[5] > 0), 2);
+        } else if (view[0] == 2) {
+            W = pick(o[2] > 0, 2);
+            H = pick(o[4] > 0, 1);
+        } else {
+            W = 1;
+            H = 2;
+        }
+    } else if (fixedAxis == 1) {
+        if (view[0] == 2) {
+            if (view[1] != 1) {
+                W = pick(!(o[4] > 0), 3);
+                H = pick(o[6] > 0, 2);
+            } else {
+                W = pick(o[3] > 0, 2);
+                H = pick(!(o[7] > 0), 3);
+            }
+        } else if (view[0] == 1) {
+            if (view[1] != 1) {
+                W = pick(o[5] > 0, 3);
+                H = pick(o[6] > 0, 2);
+            } else {
+                W = pick(o[3] > 0, 2);
+                H = pick(o[8] > 0, 3);
+            }
+        } else if (view[1] == 1) {
+            W = pick(o[4] > 0, 2);
+            H = pick(o[8] > 0, 3);
+        } else {
+            W = pick(!(o[5] > 0), 3);
+            H = pick(o[7] > 0, 2);
+        }
+    } else {
+        if (view[1] == 2) {
+            if (view[0] != 0) {
+                W = pick(o[6] > 0, 3);
+                H = pick(o[1] > 0, 1);
+            } else {
+                W = pick(o[0] > 0, 1);
+                H = pick(o[7] > 0, 3);
+            }
+        } else if (view[1] == 1) {
+            if (view[0] != 0) {
+                W = pick(!(o[2] > 0), 3);
+                H = pick(o[6] > 0, 1);
+            } else {
+                W = pick(o[0] > 0, 1);
+                H = pick(!(o[8] > 0), 3);
+            }
+        } else if (view[0] == 1) {
+            W = pick(o[1] > 0, 1);
+            H = pick(!(o[8] > 0), 3);
+        } else {
+            W = pick(!(o[2] > 0), 3);
+            H = pick(o[7] > 0, 1);
+        }
+    }
+}
+
+} // namespace
+
+bool NVolume::reorientedPlane(NDicomImage& image, int index, int thickness, int fixedAxis, int* view,
+                              RenderType render)
+{
+    const int* n = m_head.volumesize;
+    const double* vs = m_head.voxelspace;
+    const double* o = m_head.orientation;
+    if (index < 0 || index >= n[fixedAxis - 1])
+        return false;
+    if (fixedAxis == 1 && !view)
+        return getDicomImagePlane(image, index, thickness, AxisI, render);
+
+    image.setSlopeAndIntercept(m_head.RescaleSlope, m_head.RescaleIntercept);
+    NDicomImage raw;
+    if (!getDicomImagePlane(raw, index, thickness, EMainAxis(fixedAxis), render))
+        return false;
+    image.setThickness(raw.getThickness());
+    image.setOriThickness(vs[fixedAxis - 1]);
+
+    // Voxel axes along the raw plane's columns and rows.
+    const int rawX = fixedAxis == 1 ? 2 : 1;
+    const int rawY = fixedAxis == 3 ? 2 : 3;
+    int W = rawX, H = rawY;
+    if (view)
+        displayCodes(fixedAxis, view, o, W, H);
+    const int aw = std::abs(W), ah = std::abs(H);
+    const int width = n[aw - 1], height = n[ah - 1];
+    image.setImage(width, height, 2);
+    image.setPixelSpace(vs[aw - 1], vs[ah - 1]);
+    if (!((aw == rawX && ah == rawY) || (aw == rawY && ah == rawX)) || !image.data())
+        return true;
+
+    // Pixel (0,0) is the voxel at the start of both directions.
+    int start[3];
+    start[fixedAxis - 1] = index;
+    start[aw - 1] = W > 0 ? 0 : n[aw - 1] - 1;
+    start[ah - 1] = H > 0 ? 0 : n[ah - 1] - 1;
+    const double* p = getPointXYZ(start[0], start[1], start[2]);
+    image.setPosition(p[0], p[1], p[2]);
+    // A reversed direction is flipped on its dominant component (getReverse), as the viewers'
+    // orientation labels expect.
+    double row[3], col[3];
+    std::memcpy(row, W > 0 ? o + 3 * (aw - 1) : getReverse(o[3 * (aw - 1)], o[3 * (aw - 1) + 1], o[3 * (aw - 1) + 2]),
+                sizeof row);
+    std::memcpy(col, H > 0 ? o + 3 * (ah - 1) : getReverse(o[3 * (ah - 1)], o[3 * (ah - 1) + 1], o[3 * (ah - 1) + 2]),
+                sizeof col);
+    image.setOriention(row[0], row[1], row[2], col[0], col[1], col[2]);
+
+    const int sw = W > 0 ? 1 : -1, sh = H > 0 ? 1 : -1;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            int c[3];
+            c[aw - 1] = start[aw - 1] + sw * x;
+            c[ah - 1] = start[ah - 1] + sh * y;
+            image.setValue16u(x, y, raw.getValue16u(c[rawX - 1], c[rawY - 1]));
+        }
+    return true;
+}
+
+bool NVolume::getDicomImagePlaneI(NDicomImage& image, int index, int thickness, int* view, RenderType render)
+{
+    return reorientedPlane(image, index, thickness, 1, view, render);
+}
+
+bool NVolume::getDicomImagePlaneJ(NDicomImage& image, int index, int thickness, int* view, RenderType render)
+{
+    return reorientedPlane(image, index, thickness, 2, view, render);
+}
+
+bool NVolume::getDicomImagePlaneK(NDicomImage& image, int index, int thickness, int* view, RenderType render)
+{
+    return reorientedPlane(image, index, thickness, 3, view, render);
 }

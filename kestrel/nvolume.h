@@ -18,6 +18,11 @@ enum EMainAxis { AxisI = 1, AxisJ = 2, AxisK = 3 };
 // Projection rule over a slab: 1 = minimum, 2 = average, anything else = maximum.
 enum RenderType { RenderMax = 0, RenderMin = 1, RenderAverage = 2 };
 
+// The voxel value at fractional voxel position (x, y, z) by trilinear interpolation in 9-bit
+// fixed point. STEPS holds the byte strides per voxel, row and slice; the position must lie one
+// voxel short of each far edge. A blend whose weighted sum is negative gives 32767.
+KESTREL_EXPORT short voxel_valued_sse4_s16(char* data, int* steps, float x, float y, float z);
+
 // A three-dimensional (optionally time-resolved) volume of signed 16-bit voxels: one owned buffer
 // (header block, then the frames), its VolumeHead, a table of slice pointers and the geometry that
 // maps voxel indices (i, j, k) to patient millimetres.
@@ -89,6 +94,14 @@ public:
     static void maskVolume(NVolume* volume, NBitVolume* mask);
     void getUID(qint64 seriesPk);
 
+    // Planes and slabs. The raw plane across AXIS at INDEX, reduced over THICKNESS planes by
+    // RENDER, in voxel index order; then the same reoriented for display by VIEW (the patient
+    // axis, 0 = x, 1 = y, 2 = z, that each voxel axis i, j, k is closest to; null: raw plane).
+    bool getDicomImagePlane(NDicomImage& image, int index, int thickness, EMainAxis axis, RenderType render);
+    bool getDicomImagePlaneI(NDicomImage& image, int index, int thickness, int* view, RenderType render);
+    bool getDicomImagePlaneJ(NDicomImage& image, int index, int thickness, int* view, RenderType render);
+    bool getDicomImagePlaneK(NDicomImage& image, int index, int thickness, int* view, RenderType render);
+
     // Rotation and standardisation of the 3-D view, handed to the rendering companion; false
     // when the volume has none.
     bool StandardImage(NDicomImage& image, bool flag);
@@ -101,6 +114,12 @@ public:
 
 protected:
     void initVelIVolume();
+    short MIPProject(QList<short> values);
+    short mIP(QList<short> values);
+    short aIP(QList<short> values);
+    // Display reorientation shared by the three plane cutters.
+    bool reorientedPlane(NDicomImage& image, int index, int thickness, int fixedAxis, int* view,
+                         RenderType render);
     // Releases the buffer; ALLOCATE bytes are then owned, with the voxels at OFFSET.
     bool allocateBuffer(qint64 length, int offset);
     void releaseBuffer();

@@ -1,4 +1,6 @@
 #include "internal/volumeheadtext.h"
+#include "internal/volumesimd.h"
+#include "ndicomimage.h"
 #include "nbitvolume.h"
 #include "ndicomvolume.h"
 #include "nvolume.h"
@@ -67,6 +69,49 @@ bool writeFile(const QString& path, const QByteArray& bytes)
     return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
 }
 
+// The slab rules written out plainly: the reference the cutters are checked against.
+QVector<short> naivePlane(const VolumeHead& h, const QByteArray& voxels, int axis, int index, int thickness,
+                          int render, int& width, int& height)
+{
+    const int* n = h.volumesize;
+    auto at = [&](int i, int j, int k) {
+        short v;
+        std::memcpy(&v, voxels.constData() + (qint64(k) * n[1] + j) * n[0] * 2 + i * 2, 2);
+        return v;
+    };
+    const int t = std::max(thickness, 1);
+    const int first = std::max(index - (t - 1) / 2, 0);
+    const int end = std::min(index + 1 + t / 2, n[axis - 1]);
+    width = axis == 1 ? n[1] : n[0];
+    height = axis == 3 ? n[1] : n[2];
+    QVector<short> out;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            QVector<short> values;
+            for (int s = first; s < end; ++s)
+                values << (axis == 3 ? at(x, y, s) : axis == 2 ? at(x, s, y) : at(s, x, y));
+            int v = values.first();
+            if (axis == 2 && render != 2)
+                v = render == 1 ? 32767 : 0; // the coronal fold starts from a constant
+            long sum = 0;
+            for (short value : values) {
+                sum += value;
+                v = render == 1 ? std::min<int>(v, value) : std::max<int>(v, value);
+            }
+            out << short(render == 2 ? sum / long(values.size()) : v);
+        }
+    return out;
+}
+
+QVector<short> pixels(NDicomImage& image)
+{
+    QVector<short> out;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            out << short(image.getValue16u(x, y));
+    return out;
+}
+
 } // namespace
 
 class TestVolume : public QObject
@@ -86,6 +131,11 @@ private slots:
     void axisQueries();
     void histogramAndMask();
     void companion();
+    void simdKernels();
+    void trilinearSample();
+    void slabReductions();
+    void displayTables();
+    void axialCoronalSagittalChoice();
 };
 
 void TestVolume::headString()
@@ -504,13 +554,232 @@ void TestVolume::companion()
     NVolume plain;
     QCOMPARE(plain.loadVolume(path), 1);
     QVERIFY(!plain.getVelIVolume());
+    NDicomImage image;
+    QVERIFY(!plain.rotateX(30, image));
+    QVERIFY(!plain.StandardImage(image, true));
 
     qputenv("KESTREL_VOLUME_PLUGIN", KESTREL_TEST_VOLUME_PLUGIN);
     NVolume bound;
     QCOMPARE(bound.loadVolume(path), 1);
     QVERIFY(bound.getVelIVolume());
     QCOMPARE(bound.property("companionCalls").toStringList(), QStringList{"setVolume"});
+    QVERIFY(bound.rotateX(30, image));
+    QVERIFY(bound.rotateY(-15, image));
+    QVERIFY(bound.rotateZ(2.5, image));
+    QVERIFY(bound.rotateWXYZ(45, 0, 0, 1, image));
+    QVERIFY(bound.getRotateImage(10, 1, 0, 0, image));
+    QVERIFY(bound.shake(5, image));
+    QVERIFY(bound.StandardImage(image, true));
+    QCOMPARE(bound.property("companionCalls").toStringList(),
+             QStringList({"setVolume", "rotateX 30", "rotateY -15", "rotateZ 2.5", "rotateWXYZ 45 0 0 1",
+                          "getRotateImage 10 1 0 0", "shake 5", "StandardImage 1"}));
     qunsetenv("KESTREL_VOLUME_PLUGIN");
+}
+
+void TestVolume::simdKernels()
+{
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> dist(-32768, 32767);
+    for (int n : {0, 7, 8, 9, 1003}) {
+        QVector<short> a(n), b(n);
+        for (int i = 0; i < n; ++i) {
+            a[i] = short(dist(rng));
+            b[i] = short(dist(rng));
+        }
+        QVector<short> simd = a, scalar = a;
+        maxInPlaceS16(simd.data(), b.constData(), n);
+        maxInPlaceS16Scalar(scalar.data(), b.constData(), n);
+        QCOMPARE(simd, scalar);
+        simd = a, scalar = a;
+        minInPlaceS16(simd.data(), b.constData(), n);
+        minInPlaceS16Scalar(scalar.data(), b.constData(), n);
+        QCOMPARE(simd, scalar);
+        QVector<qint32> accSimd(n, -5), accScalar(n, -5);
+        accumulateS16(accSimd.data(), a.constData(), n);
+        accumulateS16(accSimd.data(), b.constData(), n);
+        accumulateS16Scalar(accScalar.data(), a.constData(), n);
+        accumulateS16Scalar(accScalar.data(), b.constData(), n);
+        QCOMPARE(accSimd, accScalar);
+        divideToS16(simd.data(), accSimd.constData(), n, 3);
+        divideToS16Scalar(scalar.data(), accScalar.constData(), n, 3);
+        QCOMPARE(simd, scalar);
+    }
+}
+
+void TestVolume::trilinearSample()
+{
+    // 4 x 3 x 3 voxels; strides 2, 8, 24.
+    QVector<short> v(36);
+    std::mt19937 rng(11);
+    std::uniform_int_distribution<int> dist(-3000, 3000);
+    for (short& x : v)
+        x = short(dist(rng));
+    v[0] = -10;
+    v[1] = 10;
+    v[5] = 1234;
+    int steps[3] = {2, 8, 24};
+    char* data = reinterpret_cast<char*>(v.data());
+    QCOMPARE(voxel_valued_sse4_s16(data, steps, 1, 1, 0), short(1234));
+    QCOMPARE(voxel_valued_sse4_s16(data, steps, 0.5f, 0, 0), short(0));
+    QCOMPARE(voxel_valued_sse4_s16(data, steps, 0.25f, 0, 0), short(32767));
+    const short near10 = voxel_valued_sse4_s16(data, steps, 0.75f, 0, 0);
+    QVERIFY(near10 > 0 && near10 <= 10);
+    for (int n = 0; n < 500; ++n) {
+        std::uniform_real_distribution<float> fx(0, 2.999f), fyz(0, 1.999f);
+        const float x = fx(rng), y = fyz(rng), z = fyz(rng);
+        QCOMPARE(voxel_valued_sse4_s16(data, steps, x, y, z), voxelValuedScalarS16(data, steps, x, y, z));
+    }
+}
+
+void TestVolume::slabReductions()
+{
+    // Odd sizes exercise the vector tails; the larger volume takes the threaded path.
+    for (const auto& size : {std::array<int, 3>{37, 29, 23}, std::array<int, 3>{128, 96, 48}}) {
+        VolumeHead h = makeHead(size[0], size[1], size[2]);
+        const QByteArray voxels = randomVoxels(h.totallen - 512, unsigned(size[0]));
+        NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+        for (int axis = 1; axis <= 3; ++axis) {
+            const int n = size[axis - 1];
+            const std::array<int, 2> cases[] = {{0, 1}, {0, 4}, {n - 1, 4}, {n / 2, 1}, {n / 2, 7},
+                                                {n - 2, 0}, {1, n}, {n / 2, 2 * n}};
+            for (const auto& c : cases)
+                for (int render : {0, 1, 2}) {
+                    NDicomImage image;
+                    QVERIFY(v.getDicomImagePlane(image, c[0], c[1], EMainAxis(axis), RenderType(render)));
+                    int w, hgt;
+                    const QVector<short> expected = naivePlane(h, voxels, axis, c[0], c[1], render, w, hgt);
+                    QCOMPARE(image.width(), w);
+                    QCOMPARE(image.height(), hgt);
+                    QVERIFY2(pixels(image) == expected,
+                             qPrintable(QString("axis %1 index %2 thickness %3 render %4")
+                                            .arg(axis).arg(c[0]).arg(c[1]).arg(render)));
+                }
+            NDicomImage image;
+            QVERIFY(!v.getDicomImagePlane(image, n, 1, EMainAxis(axis), RenderMax));
+            QVERIFY(!v.getDicomImagePlane(image, -1, 3, EMainAxis(axis), RenderAverage));
+        }
+    }
+
+    // All values negative: only the coronal maximum is floored at 0.
+    VolumeHead h = makeHead(9, 8, 7);
+    QByteArray voxels(int(h.totallen - 512), '\0');
+    for (int i = 0; i < voxels.size(); i += 2) {
+        const qint16 value = qint16(-5 - (i / 2) % 11);
+        std::memcpy(voxels.data() + i, &value, 2);
+    }
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    NDicomImage image;
+    QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisJ, RenderMax));
+    QCOMPARE(pixels(image), QVector<short>(9 * 7, 0));
+    QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisK, RenderMax));
+    const QVector<short> axial = pixels(image);
+    QCOMPARE(*std::max_element(axial.cbegin(), axial.cend()), short(-5));
+    QVERIFY(v.getDicomImagePlane(image, 3, 2, EMainAxis(4), RenderMax)); // no such axis: untouched
+    QCOMPARE(image.width(), 9);
+    QCOMPARE(image.getThickness(), 100.0);
+}
+
+void TestVolume::displayTables()
+{
+    // Every axis-aligned orientation (signed permutations), each plane: pixel (x, y) must be the
+    // voxel found at position + x * spacing * row + y * spacing * column.
+    VolumeHead h = makeHead(7, 6, 5);
+    h.voxelspace[0] = 0.5;
+    h.voxelspace[1] = 0.75;
+    h.voxelspace[2] = 2;
+    h.topxyz[0] = 10;
+    h.topxyz[1] = -20;
+    h.topxyz[2] = 30;
+    h.RescaleIntercept = -1024;
+    QByteArray voxels = randomVoxels(h.totallen - 512, 5);
+    const int perms[6][3] = {{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}};
+    int checked = 0;
+    for (const auto& perm : perms)
+        for (int signs = 0; signs < 8; ++signs) {
+            std::memset(h.orientation, 0, sizeof h.orientation);
+            int view[3];
+            for (int a = 0; a < 3; ++a) {
+                h.orientation[3 * a + perm[a]] = (signs >> a) & 1 ? -1 : 1;
+                view[a] = perm[a];
+            }
+            NDicomVolume v(&h, voxels.data(), voxels.size());
+            for (int fixed = 1; fixed <= 3; ++fixed) {
+                NDicomImage image;
+                const int index = 2;
+                // The minimum rule on one plane gives the voxels themselves on every axis.
+                const bool ok = fixed == 1 ? v.getDicomImagePlaneI(image, index, 1, view, RenderMin)
+                    : fixed == 2           ? v.getDicomImagePlaneJ(image, index, 1, view, RenderMin)
+                                           : v.getDicomImagePlaneK(image, index, 1, view, RenderMin);
+                QVERIFY(ok);
+                QCOMPARE(image.getIntercept(), -1024.0);
+                const double* pos = image.getPosition();
+                const double* row = image.getOrientation(0);
+                const double* col = image.getOrientation(1);
+                const double* sp = image.getPixelSpacing();
+                for (int y = 0; y < image.height(); ++y)
+                    for (int x = 0; x < image.width(); ++x) {
+                        double p[3];
+                        for (int c = 0; c < 3; ++c)
+                            p[c] = pos[c] + x * sp[0] * row[c] + y * sp[1] * col[c];
+                        const float* f = v.getPointFIJK(p[0], p[1], p[2]);
+                        const int ijk[3] = {int(std::lround(f[0])), int(std::lround(f[1])), int(std::lround(f[2]))};
+                        QCOMPARE(ijk[fixed - 1], index);
+                        QVERIFY2(image.getValue16u(x, y) == v.getVoxel(ijk[0], ijk[1], ijk[2]),
+                                 qPrintable(QString("fixed %1 view %2 %3 %4 signs %5 pixel %6,%7")
+                                                .arg(fixed).arg(view[0]).arg(view[1]).arg(view[2]).arg(signs).arg(x).arg(y)));
+                    }
+                ++checked;
+            }
+        }
+    QCOMPARE(checked, 144);
+
+    // Identity geometry: the axial image is the raw slice, rows along +x, columns along +y.
+    std::memset(h.orientation, 0, sizeof h.orientation);
+    h.orientation[0] = h.orientation[4] = h.orientation[8] = 1;
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    int view[3] = {0, 1, 2};
+    NDicomImage image;
+    QVERIFY(v.getDicomImagePlaneK(image, 4, 3, view, RenderAverage));
+    NDicomImage raw;
+    QVERIFY(v.getDicomImagePlane(raw, 4, 3, AxisK, RenderAverage));
+    QCOMPARE(pixels(image), pixels(raw));
+    QCOMPARE(image.getOrientation(0)[0], 1.0);
+    QCOMPARE(image.getOrientation(1)[1], 1.0);
+    QCOMPARE(image.getThickness(), 6.0);
+    QCOMPARE(image.getOriThickness(), 2.0);
+    QVERIFY(!v.getDicomImagePlaneK(image, 5, 1, view, RenderMax));
+    QVERIFY(!v.getDicomImagePlaneI(image, 7, 1, nullptr, RenderMax));
+    QVERIFY(v.getDicomImagePlaneI(image, 6, 1, nullptr, RenderMax));
+    QCOMPARE(image.width(), 6);
+    QCOMPARE(image.height(), 5);
+}
+
+void TestVolume::axialCoronalSagittalChoice()
+{
+    VolumeHead h = makeHead(8, 7, 6);
+    // Slices along x (sagittal acquisition): i = +y, j = -z, k = +x.
+    std::memset(h.orientation, 0, sizeof h.orientation);
+    h.orientation[1] = 1;
+    h.orientation[5] = -1;
+    h.orientation[6] = 1;
+    QByteArray voxels = randomVoxels(h.totallen - 512, 9);
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    NDicomImage image;
+    // Axial: across j (dominated by z); its width runs along i (y) or k (x).
+    QVERIFY(v.getDicomImagePlaneAxi(image, 3, 1, RenderMax));
+    QCOMPARE(image.width() * image.height(), 8 * 6);
+    QCOMPARE(std::fabs(image.getOrientation(0)[2]) + std::fabs(image.getOrientation(1)[2]), 0.0);
+    QVERIFY(!v.getDicomImagePlaneAxi(image, 7, 1, RenderMax)); // j has 7 planes
+    // Sagittal: the raw k plane.
+    QVERIFY(v.getDicomImagePlaneSag(image, 5, 1, RenderMin));
+    QCOMPARE(std::fabs(image.getOrientation(0)[0]) + std::fabs(image.getOrientation(1)[0]), 0.0);
+    // Coronal: across i (dominated by y).
+    QVERIFY(v.getDicomImagePlaneCor(image, 0, 1, RenderAverage));
+    QCOMPARE(image.width() * image.height(), 7 * 6);
+
+    QVERIFY(!v.getDicomImagePlaneByIndex(image, 0));
+    QCOMPARE(image.width(), 8);
+    QCOMPARE(image.height(), 7);
 }
 
 QTEST_GUILESS_MAIN(TestVolume)
