@@ -3,12 +3,13 @@
 # MariaDB server for the MySQL tests, runs every CTest suite, and stops the server again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+ROOT=$PWD
 export KESTREL_WERROR=1
 scripts/setup.sh
 BUILD_DIR=${BUILD_DIR:-build}
 
 server_dir=$(mktemp -d /tmp/kestrel-mariadb.XXXXXX)
-cleanup() { scripts/mariadb-test-server.sh stop "$server_dir" || true; rm -rf "$server_dir"; }
+cleanup() { "$ROOT"/scripts/mariadb-test-server.sh stop "$server_dir" || true; rm -rf "$server_dir"; }
 trap cleanup EXIT
 echo "== Starting the MariaDB test server"
 export KESTREL_TEST_MYSQL_SOCKET=$(scripts/mariadb-test-server.sh start "$server_dir")

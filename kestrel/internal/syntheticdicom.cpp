@@ -1,4 +1,4 @@
-#include "syntheticdicom.h"
+#include "internal/syntheticdicom.h"
 
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "kestrel_global.h"
+
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+class QInstance;
+class QPatient;
+class QSeries;
+class QStudy;
+
+// Answers a stored advanced search over the whole catalogue: builds one joined SELECT from the
+// conditions of `andvancequiry` and the display tables `query*user`, runs it and turns the flat
+// result into a tree of QPatient/QStudy/QSeries/QInstance whose dynamic properties hold the
+// selected columns.
+class KESTREL_EXPORT QPatients : public QObject
+{
+    Q_OBJECT
+public:
+    explicit QPatients(QObject* parent = nullptr);
+    ~QPatients() override;
+
+    QList<QPatient*> getAllPatient() const { return m_patients; }
+    QList<QStudy*> getAllStudy() const { return m_studies; }
+    QList<QSeries*> getAllSeries() const { return m_series; }
+    QList<QInstance*> getAllInstance() const { return m_instances; }
+    QStringList getPatientTitleList() const { return m_patientTitles; }
+    QStringList getStudyTitleList() const { return m_studyTitles; }
+    QStringList getSeriesTitleList() const { return m_seriesTitles; }
+    QStringList getImageTitleList() const { return m_imageTitles; }
+    // Element at list position I (not a key); callers pass a valid position.
+    QPatient* getPatient(long long i) const { return m_patients.at(int(i)); }
+    QStudy* getStudy(long long i) const { return m_studies.at(int(i)); }
+    QSeries* getSeries(long long i) const { return m_series.at(int(i)); }
+    bool getPaPK() const { return m_patientKeyHidden; }
+    bool getStPK() const { return m_studyKeyHidden; }
+    bool getSePK() const { return m_seriesKeyHidden; }
+    // The last statement built by advanceQueryByName (or given to advanceQuery).
+    QString getQueryString() const { return m_queryString; }
+
+public slots:
+    void advanceQueryByName(QString queryname);
+    void advanceQuery(QString querystring);
+
+private:
+    QList<QPatient*> m_patients;
+    QList<QStudy*> m_studies;
+    QList<QSeries*> m_series;
+    QList<QInstance*> m_instances;
+    QStringList m_patientTitles;
+    QStringList m_studyTitles;
+    QStringList m_seriesTitles;
+    QStringList m_imageTitles;
+    QString m_queryString;
+    QString m_queryName;
+    bool m_patientKeyHidden = false;
+    bool m_studyKeyHidden = false;
+    bool m_seriesKeyHidden = false;
+};
