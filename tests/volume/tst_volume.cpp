@@ -1,12 +1,24 @@
+#include "internal/dcmvalues.h"
 #include "internal/volumeheadtext.h"
 #include "internal/volumesimd.h"
 #include "ndicomimage.h"
 #include "nbitvolume.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "syntheticdicom.h"
+#include "testcatalog.h"
 #include "ndicomvolume.h"
 #include "nvolume.h"
 #include "velivolume.h"
 
+#include <QDir>
 #include <QFile>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSqlQuery>
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -112,6 +124,43 @@ QVector<short> pixels(NDicomImage& image)
     return out;
 }
 
+// A series object for FILES as the catalogue would give it (geometry read from the files).
+QSeries* seriesFromFiles(const QStringList& files, QObject* parent = nullptr)
+{
+    auto* series = new QSeries(parent);
+    series->setSeriesPK(42);
+    for (const QString& file : files) {
+        DcmFileFormat format;
+        if (format.loadFile(QFile::encodeName(file).constData()).bad())
+            continue;
+        DcmDataset* ds = format.getDataset();
+        auto* instance = new QInstance(series);
+        instance->setFilePath(file);
+        instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
+        instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
+        instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));
+        instance->setImageSize(dcmInt(ds, DCM_Rows), dcmInt(ds, DCM_Columns));
+        instance->setBitsAllocated(dcmInt(ds, DCM_BitsAllocated));
+        series->setSeriesUID(dcmString(ds, DCM_SeriesInstanceUID));
+        series->setSeriesBase(dcmString(ds, DCM_SeriesInstanceUID) + "#0");
+        series->addInstance(instance);
+    }
+    return series;
+}
+
+// Voxel (0, 0, k) must sit at slice k's ImagePositionPatient.
+void checkSlicePositions(NDicomVolume& v, QSeries* volumeSeries)
+{
+    const QList<QInstance*>& slices = volumeSeries->getInstances();
+    QCOMPARE(slices.size(), v.geSize()[2]);
+    for (int k = 0; k < slices.size(); ++k) {
+        const double* p = v.getPointXYZ(0, 0, k);
+        const double* q = slices[k]->getPosition();
+        for (int c = 0; c < 3; ++c)
+            QVERIFY2(std::fabs(p[c] - q[c]) < 0.01, qPrintable(QString("slice %1 axis %2: %3 vs %4").arg(k).arg(c).arg(p[c]).arg(q[c])));
+    }
+}
+
 } // namespace
 
 class TestVolume : public QObject
@@ -136,6 +185,13 @@ private slots:
     void slabReductions();
     void displayTables();
     void axialCoronalSagittalChoice();
+    void seriesToVolume();
+    void signedAndOddSeries();
+    void fourDimensions();
+    void cacheCycle_data() { TestCatalog::addBackendRows(); }
+    void cacheCycle();
+    void realSeries_data();
+    void realSeries();
 };
 
 void TestVolume::headString()
@@ -780,6 +836,268 @@ void TestVolume::axialCoronalSagittalChoice()
     QVERIFY(!v.getDicomImagePlaneByIndex(image, 0));
     QCOMPARE(image.width(), 8);
     QCOMPARE(image.height(), 7);
+}
+
+void TestVolume::seriesToVolume()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    SyntheticImage base;
+    base.rows = 12;
+    base.columns = 16;
+    base.rowSpacing = 0.8;
+    base.columnSpacing = 0.6;
+    base.position = {-10, 20, 30};
+    base.pixel = [](int x, int y, int) { return 100 * y + x; };
+    const QStringList files = writeSyntheticSeries(dir.path(), base, 5, {0, 0, 5});
+    QCOMPARE(files.size(), 5);
+    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+
+    NDicomVolume v;
+    QSignalSpy progress(&v, &NDicomVolume::processBar);
+    v.loadSeries(series.get());
+    QVERIFY(v.isValid());
+    QCOMPARE(progress.count(), 5);
+    QCOMPARE(progress.last().at(0).toInt(), 100);
+    const VolumeHead& h = *v.getHead();
+    QCOMPARE(QByteArray(h.magic, 4), QByteArray("DCVM"));
+    QCOMPARE(h.volumesize[0], 16);
+    QCOMPARE(h.volumesize[1], 12);
+    QCOMPARE(h.volumesize[2], 5);
+    QCOMPARE(h.totallen, qint64(16 * 12 * 5 * 2 + 512));
+    QCOMPARE(h.voxelspace[0], 0.8); // Pixel Spacing values in their stored order
+    QCOMPARE(h.voxelspace[1], 0.6);
+    QCOMPARE(h.voxelspace[2], 5.0);
+    QCOMPARE(std::fabs(h.orientation[8]), 1.0);
+    QCOMPARE(std::memcmp(h.orientation, v.getWorkingOrientation(), sizeof h.orientation), 0);
+    QCOMPARE(h.WindowWidth, 2000.0);
+    QCOMPARE(h.SEPK, qint64(42));
+    QCOMPARE(std::memcmp(v.getData() - 512, &h, sizeof h), 0);
+    for (int k = 0; k < 5; ++k)
+        QCOMPARE(v.getVoxel(15, 11, k), quint16(1115));
+    checkSlicePositions(v, v.getVolumeSeries());
+    QCOMPARE(v.getSliceIndexByPosition(-10, 20, 30 + 5 * (v.getHead()->isOrder == 1 ? 3 : 1)), 3);
+    QCOMPARE(v.getSliceIndexByPosition(500, 20, 40), 0);
+
+    // A series of one image builds nothing.
+    std::unique_ptr<QSeries> single(seriesFromFiles(files.mid(0, 1)));
+    NDicomVolume none;
+    none.loadSeries(single.get());
+    QVERIFY(!none.isValid());
+
+    // Reversed slices are put back in increasing order by the standard form.
+    // Column direction -y: the slice normal, and so the k direction, is -z.
+    SyntheticImage flipped = base;
+    flipped.orientation = {1, 0, 0, 0, -1, 0};
+    std::unique_ptr<QSeries> reversed(
+        seriesFromFiles(writeSyntheticSeries(dir.filePath("down"), flipped, 3, normalStep(flipped, 5))));
+    NDicomVolume down;
+    down.loadSeries(reversed.get());
+    QVERIFY(down.isValid());
+    QCOMPARE(down.getHead()->orientation[8], -1.0);
+    const int order = down.getHead()->isOrder;
+    const double lowest = down.getPointXYZ(0, 0, 2)[2];
+    down.getStandardDicomVolume();
+    QCOMPARE(down.getHead()->orientation[8], 1.0);
+    QCOMPARE(down.getHead()->isOrder, -order);
+    QCOMPARE(down.getPointXYZ(0, 0, 0)[2], lowest);
+}
+
+void TestVolume::signedAndOddSeries()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    // CT-like signed data: -1024..3071 in every slice becomes 0..4095 with intercept -1024.
+    SyntheticImage ct;
+    ct.modality = "CT";
+    ct.rows = ct.columns = 64;
+    ct.bitsStored = 16;
+    ct.pixelRepresentation = 1;
+    ct.pixel = [](int x, int y, int) { return -1024 + (y * 64 + x); };
+    std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(dir.filePath("ct"), ct, 3)));
+    NDicomVolume v;
+    v.loadSeries(series.get());
+    QVERIFY(v.isValid());
+    QCOMPARE(v.getHead()->RescaleIntercept, -1024.0);
+    QCOMPARE(v.getHead()->RescaleSlope, 1.0);
+    QCOMPARE(v.getVoxel(0, 0, 2), quint16(0));
+    QCOMPARE(v.getVoxel(63, 63, 2), quint16(4095));
+
+    // Signed declared, minimum 0: the shift starts from -1.
+    SyntheticImage positive = ct;
+    positive.pixel = [](int x, int, int) { return x; };
+    std::unique_ptr<QSeries> pos(seriesFromFiles(writeSyntheticSeries(dir.filePath("pos"), positive, 2)));
+    NDicomVolume p;
+    p.loadSeries(pos.get());
+    QCOMPARE(p.getHead()->RescaleIntercept, -1.0);
+    QCOMPARE(p.getVoxel(0, 0, 0), quint16(1));
+
+    // Missing and mismatched slice files are skipped: later slices move up, the last stays black.
+    SyntheticImage plain;
+    plain.pixel = [](int x, int, int) { return x + 1; };
+    QStringList files = writeSyntheticSeries(dir.filePath("gaps"), plain, 4);
+    SyntheticImage bigger = plain;
+    bigger.rows = 40;
+    bigger.position = {0, 0, 2};
+    QVERIFY(writeSyntheticImage(files[2], bigger));
+    std::unique_ptr<QSeries> gaps(seriesFromFiles(files));
+    gaps->getInstances()[2]->setImageSize(32, 32); // the catalogue still says 32 x 32
+    QFile::remove(files[1]);
+    gaps->getInstances().insert(1, new QInstance(gaps.get()));
+    QInstance* lost = gaps->getInstances()[1];
+    lost->setFilePath(files[1]);
+    lost->setPosition("0\\0\\1");
+    lost->setOrientation("1\\0\\0\\0\\1\\0");
+    lost->setImageSize(32, 32);
+    lost->setPixelSpacing("1\\1");
+    NDicomVolume g;
+    g.loadSeries(gaps.get());
+    QCOMPARE(g.geSize()[2], 4);
+    QCOMPARE(g.getVoxel(5, 5, 0), quint16(6));
+    QCOMPARE(g.getVoxel(5, 5, 1), quint16(6)); // slice 3's pixels
+    QCOMPARE(g.getVoxel(5, 5, 2), quint16(0));
+    QCOMPARE(g.getVoxel(5, 5, 3), quint16(0));
+
+    // 8-bit data is widened to 16-bit voxels.
+    SyntheticImage bytes = plain;
+    bytes.bitsAllocated = bytes.bitsStored = 8;
+    bytes.pixel = [](int x, int y, int) { return (x * 8 + y) & 0xff; };
+    std::unique_ptr<QSeries> narrow(seriesFromFiles(writeSyntheticSeries(dir.filePath("u8"), bytes, 2)));
+    NDicomVolume b;
+    b.loadSeries(narrow.get());
+    QVERIFY(b.isValid());
+    QCOMPARE(b.getHead()->volumestep[0], 2);
+    QCOMPARE(b.getVoxel(31, 7, 1), quint16((31 * 8 + 7) & 0xff));
+    NDicomImage axial;
+    QVERIFY(b.getDicomImagePlaneAxi(axial, 1, 1, RenderMax));
+    QCOMPARE(axial.getValue16u(31, 7), quint16((31 * 8 + 7) & 0xff));
+}
+
+void TestVolume::fourDimensions()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QList<QSeries*> list;
+    QObject owner;
+    for (int t = 0; t < 3; ++t) {
+        SyntheticImage base;
+        base.rows = base.columns = 8;
+        base.pixel = [t](int x, int y, int) { return 1000 * t + 10 * y + x; };
+        list << seriesFromFiles(writeSyntheticSeries(dir.filePath(QString::number(t)), base, 4), &owner);
+    }
+    NDicomVolume v;
+    v.loadSeries(list);
+    QVERIFY(v.isValid());
+    const VolumeHead& h = *v.getHead();
+    QCOMPARE(h.timeNum, 3);
+    QCOMPARE(h.totallen, qint64(h.volumestep[3]) * 3 + 512);
+    QCOMPARE(h.volumestep[3], 8 * 8 * 4 * 2);
+    for (int t = 0; t < 3; ++t) {
+        v.setTimeIndex(t);
+        QCOMPARE(v.getData(), reinterpret_cast<char*>(v.getLayers()[0]));
+        QCOMPARE(v.getVoxel(7, 6, 3), quint16(1000 * t + 67));
+    }
+}
+
+void TestVolume::cacheCycle()
+{
+    QFETCH(QString, backend);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    // The cache folder comes from ../config/cache.ini relative to the working directory.
+    QVERIFY(QDir().mkpath(catalog.path("work")));
+    QVERIFY(QDir().mkpath(catalog.path("config")));
+    {
+        QSettings ini(catalog.path("config/cache.ini"), QSettings::IniFormat);
+        ini.setValue("registration/cachepath", catalog.path("cache"));
+    }
+    const QString previous = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(catalog.path("work")));
+    auto restore = qScopeGuard([&] { QDir::setCurrent(previous); });
+
+    SyntheticImage base;
+    base.rows = 64;
+    base.columns = 128;
+    const QStringList files = writeSyntheticSeries(catalog.path("dicom"), base, 10);
+    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    const QString key = series->getSeriesBase();
+    const QString where = QString("SeriesInstanceUID = '%1'").arg(key);
+
+    NDicomVolume built;
+    QSignalSpy builtInfo(&built, &NDicomVolume::registrationInfo);
+    QVERIFY(built.getVolumeFromSeriesUID(series.get()));
+    QCOMPARE(builtInfo.takeFirst().at(0).toInt(), 0);
+    const QString file = catalog.path("cache") + "/" + key + ".data";
+    QCOMPARE(built.getCurVolumeDataPath(), file);
+    QVERIFY(QFile::exists(file));
+    QCOMPARE(TestCatalog::count("registration", where), 1);
+    {
+        QSqlQuery q("SELECT VolumeHead, ServerAddress FROM registration");
+        QVERIFY(q.next());
+        QCOMPARE(q.value(0).toString(), built.volumeHeadtoString(*built.getHead()));
+        QCOMPARE(q.value(1).toString(), QString(""));
+    }
+
+    NDicomVolume cached;
+    QSignalSpy hitInfo(&cached, &NDicomVolume::registrationInfo);
+    QVERIFY(cached.getVolumeFromSeriesUID(series.get()));
+    QCOMPARE(hitInfo.takeFirst().at(0).toInt(), 1);
+    QCOMPARE(cached.getCurVolumeDataPath(), file);
+    QCOMPARE(std::memcmp(cached.getHead(), built.getHead(), sizeof(VolumeHead)), 0);
+    QCOMPARE(QByteArray(cached.getData(), built.getHead()->volumestep[3]),
+             QByteArray(built.getData(), built.getHead()->volumestep[3]));
+    QCOMPARE(TestCatalog::count("registration", where), 1);
+
+    // The registered file is gone: unregistered, rebuilt and registered again.
+    QVERIFY(QFile::remove(file));
+    NDicomVolume rebuilt;
+    QVERIFY(rebuilt.getVolumeFromSeriesUID(series.get()));
+    QVERIFY(QFile::exists(file));
+    QCOMPARE(TestCatalog::count("registration", where), 1);
+    QCOMPARE(rebuilt.getVoxel(5, 6, 7), built.getVoxel(5, 6, 7));
+}
+
+void TestVolume::realSeries_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<bool>("axialOnly");
+    QTest::newRow("siemens_t1_sag") << "siemens_t1_sag" << false;
+    QTest::newRow("ct_ge_3slice") << "ct_ge_3slice" << false;
+    QTest::newRow("ge_localizer_3plane axial") << "ge_localizer_3plane" << true;
+}
+
+void TestVolume::realSeries()
+{
+    QFETCH(QString, folder);
+    QFETCH(bool, axialOnly);
+    const QString path = sharedDataPath(folder);
+    if (path.isEmpty())
+        QSKIP("the shared DICOM data is not present");
+    QStringList files;
+    for (const QString& name : QDir(path).entryList(QDir::Files, QDir::Name)) {
+        const QString file = QDir(path).filePath(name);
+        if (axialOnly) {
+            DcmFileFormat format;
+            if (format.loadFile(QFile::encodeName(file).constData()).bad())
+                continue;
+            const QVector<double> iop = dcmDoubles(format.getDataset(), DCM_ImageOrientationPatient);
+            if (iop.size() < 6 || std::fabs(iop[0]) < 0.9 || std::fabs(iop[4]) < 0.9)
+                continue;
+        }
+        files << file;
+    }
+    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    NDicomVolume v;
+    v.loadSeries(series.get());
+    QVERIFY(v.isValid());
+    checkSlicePositions(v, v.getVolumeSeries());
+    for (auto cut : {&NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getDicomImagePlaneCor,
+                     &NDicomVolume::getDicomImagePlaneSag}) {
+        NDicomImage image;
+        QVERIFY((v.*cut)(image, 1, 1, RenderMax));
+        QVERIFY(image.width() > 1 && image.height() > 1);
+    }
+    if (folder == "ct_ge_3slice")
+        QCOMPARE(v.getHead()->RescaleIntercept < 0, true);
 }
 
 QTEST_GUILESS_MAIN(TestVolume)
