@@ -60,19 +60,55 @@ NDicomVolume::~NDicomVolume()
     delete m_volumeSeries;
 }
 
-bool NDicomVolume::planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target)
+int NDicomVolume::viewAxis(int target) const
 {
     // Patient axis (0 = x, 1 = y, 2 = z) that each voxel axis i, j, k is closest to.
     int view[3];
     for (int a = 0; a < 3; ++a)
         view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
     if (view[2] == target)
-        return getDicomImagePlaneK(image, index, thickness, view, render);
+        return 3;
     if (view[1] == target)
-        return getDicomImagePlaneJ(image, index, thickness, view, render);
+        return 2;
     if (view[0] == target)
+        return 1;
+    return 0;
+}
+
+bool NDicomVolume::planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target)
+{
+    int view[3];
+    for (int a = 0; a < 3; ++a)
+        view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
+    switch (viewAxis(target)) {
+    case 3:
+        return getDicomImagePlaneK(image, index, thickness, view, render);
+    case 2:
+        return getDicomImagePlaneJ(image, index, thickness, view, render);
+    case 1:
         return getDicomImagePlaneI(image, index, thickness, view, render);
-    return getDicomImagePlaneK(image, index, thickness, nullptr, RenderMax);
+    default:
+        // No voxel axis is closest to the wanted one: the raw k plane, maximum rule.
+        return getDicomImagePlaneK(image, index, thickness, nullptr, RenderMax);
+    }
+}
+
+int NDicomVolume::getAxiSliceNum()
+{
+    const int axis = viewAxis(2);
+    return m_head.volumesize[axis == 0 ? 2 : axis - 1];
+}
+
+int NDicomVolume::getCorSliceNum()
+{
+    const int axis = viewAxis(1);
+    return m_head.volumesize[axis == 0 ? 2 : axis - 1];
+}
+
+int NDicomVolume::getSagSliceNum()
+{
+    const int axis = viewAxis(0);
+    return m_head.volumesize[axis == 0 ? 2 : axis - 1];
 }
 
 bool NDicomVolume::getDicomImagePlaneAxi(NDicomImage& image, int index, int thickness, RenderType render)

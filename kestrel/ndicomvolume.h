@@ -51,6 +51,11 @@ public:
     bool getDicomImagePlaneAxi(NDicomImage& image, int index, int thickness, RenderType render);
     bool getDicomImagePlaneCor(NDicomImage& image, int index, int thickness, RenderType render);
     bool getDicomImagePlaneSag(NDicomImage& image, int index, int thickness, RenderType render);
+    // Number of planes of the axial, coronal and sagittal views (the size of the voxel axis each
+    // view is cut across).
+    int getAxiSliceNum();
+    int getCorSliceNum();
+    int getSagSliceNum();
     // Placeholder: sizes the image like a k plane and copies no pixels; always false.
     bool getDicomImagePlaneByIndex(NDicomImage& image, int index);
 
@@ -60,6 +65,8 @@ signals:
     void seUID(QString seriesUid);
 
 private:
+    // Voxel axis (1 = i, 2 = j, 3 = k) that the view towards patient axis TARGET is cut across.
+    int viewAxis(int target) const;
     bool planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target);
     // Loads FILE as fillHead does; null when it cannot be read.
     static DcmFileFormat* loadFile(const QString& file);

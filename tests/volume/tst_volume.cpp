@@ -833,6 +833,10 @@ void TestVolume::axialCoronalSagittalChoice()
     QVERIFY(v.getDicomImagePlaneCor(image, 0, 1, RenderAverage));
     QCOMPARE(image.width() * image.height(), 7 * 6);
 
+    QCOMPARE(v.getAxiSliceNum(), 7);
+    QCOMPARE(v.getCorSliceNum(), 8);
+    QCOMPARE(v.getSagSliceNum(), 6);
+
     QVERIFY(!v.getDicomImagePlaneByIndex(image, 0));
     QCOMPARE(image.width(), 8);
     QCOMPARE(image.height(), 7);
