@@ -521,8 +521,8 @@ inline short voxelAt(const char* p)
     return v;
 }
 
-// Rows of output handled per OpenMP chunk; small planes stay on one thread.
-constexpr qint64 kParallelVoxels = qint64(1) << 18;
+// Slabs of fewer voxels stay on one thread: waking the second costs more than it saves.
+constexpr qint64 kParallelVoxels = qint64(1) << 22;
 
 } // namespace
 
@@ -657,6 +657,13 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
     for (int k = 0; k < h; ++k)
         for (int j = 0; j < w; ++j) {
             const char* p = data + k * st2 + j * st1;
+            if (st0 == 2) {
+                const short* run = reinterpret_cast<const short*>(p) + first;
+                out[qint64(k) * w + j] = mode == 2 ? short(kestrel::internal::reduceSumS16(run, count) / count)
+                    : mode == 1                    ? kestrel::internal::reduceMinS16(run, count)
+                                                   : kestrel::internal::reduceMaxS16(run, count);
+                continue;
+            }
             short v = voxelAt(p + first * st0);
             qint32 sum = 0;
             for (int i = first; i < end; ++i) {

@@ -57,6 +57,83 @@ void divideToS16(short* dst, const qint32* acc, qint64 n, int count)
         dst[i] = short(acc[i] / count);
 }
 
+short reduceMaxS16(const short* src, qint64 n)
+{
+    short result = src[0];
+    qint64 i = 0;
+    if (n >= 8) {
+        __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+        for (i = 8; i + 8 <= n; i += 8)
+            m = _mm_max_epi16(m, _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
+        m = _mm_max_epi16(m, _mm_shuffle_epi32(m, _MM_SHUFFLE(1, 0, 3, 2)));
+        m = _mm_max_epi16(m, _mm_shuffle_epi32(m, _MM_SHUFFLE(2, 3, 0, 1)));
+        m = _mm_max_epi16(m, _mm_shufflelo_epi16(m, _MM_SHUFFLE(2, 3, 0, 1)));
+        result = short(_mm_extract_epi16(m, 0));
+    }
+    for (; i < n; ++i)
+        if (src[i] > result)
+            result = src[i];
+    return result;
+}
+
+short reduceMinS16(const short* src, qint64 n)
+{
+    short result = src[0];
+    qint64 i = 0;
+    if (n >= 8) {
+        __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+        for (i = 8; i + 8 <= n; i += 8)
+            m = _mm_min_epi16(m, _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
+        m = _mm_min_epi16(m, _mm_shuffle_epi32(m, _MM_SHUFFLE(1, 0, 3, 2)));
+        m = _mm_min_epi16(m, _mm_shuffle_epi32(m, _MM_SHUFFLE(2, 3, 0, 1)));
+        m = _mm_min_epi16(m, _mm_shufflelo_epi16(m, _MM_SHUFFLE(2, 3, 0, 1)));
+        result = short(_mm_extract_epi16(m, 0));
+    }
+    for (; i < n; ++i)
+        if (src[i] < result)
+            result = src[i];
+    return result;
+}
+
+qint32 reduceSumS16(const short* src, qint64 n)
+{
+    qint64 i = 0;
+    __m128i acc = _mm_setzero_si128();
+    const __m128i ones = _mm_set1_epi16(1);
+    for (; i + 8 <= n; i += 8)
+        acc = _mm_add_epi32(acc, _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)), ones));
+    acc = _mm_add_epi32(acc, _mm_shuffle_epi32(acc, _MM_SHUFFLE(1, 0, 3, 2)));
+    acc = _mm_add_epi32(acc, _mm_shuffle_epi32(acc, _MM_SHUFFLE(2, 3, 0, 1)));
+    qint32 sum = _mm_cvtsi128_si32(acc);
+    for (; i < n; ++i)
+        sum += src[i];
+    return sum;
+}
+
+short reduceMaxS16Scalar(const short* src, qint64 n)
+{
+    short result = src[0];
+    for (qint64 i = 1; i < n; ++i)
+        result = src[i] > result ? src[i] : result;
+    return result;
+}
+
+short reduceMinS16Scalar(const short* src, qint64 n)
+{
+    short result = src[0];
+    for (qint64 i = 1; i < n; ++i)
+        result = src[i] < result ? src[i] : result;
+    return result;
+}
+
+qint32 reduceSumS16Scalar(const short* src, qint64 n)
+{
+    qint32 sum = 0;
+    for (qint64 i = 0; i < n; ++i)
+        sum += src[i];
+    return sum;
+}
+
 void maxInPlaceS16Scalar(short* dst, const short* src, qint64 n)
 {
     for (qint64 i = 0; i < n; ++i)

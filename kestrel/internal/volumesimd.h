@@ -16,6 +16,15 @@ KESTREL_EXPORT void accumulateS16(qint32* acc, const short* src, qint64 n);
 // dst[n] = acc[n] / count, truncated toward zero, stored as 16 bits.
 KESTREL_EXPORT void divideToS16(short* dst, const qint32* acc, qint64 n, int count);
 
+// Maximum, minimum and 32-bit sum of N (> 0) contiguous values.
+KESTREL_EXPORT short reduceMaxS16(const short* src, qint64 n);
+KESTREL_EXPORT short reduceMinS16(const short* src, qint64 n);
+KESTREL_EXPORT qint32 reduceSumS16(const short* src, qint64 n);
+
+KESTREL_EXPORT short reduceMaxS16Scalar(const short* src, qint64 n);
+KESTREL_EXPORT short reduceMinS16Scalar(const short* src, qint64 n);
+KESTREL_EXPORT qint32 reduceSumS16Scalar(const short* src, qint64 n);
+
 KESTREL_EXPORT void maxInPlaceS16Scalar(short* dst, const short* src, qint64 n);
 KESTREL_EXPORT void minInPlaceS16Scalar(short* dst, const short* src, qint64 n);
 KESTREL_EXPORT void accumulateS16Scalar(qint32* acc, const short* src, qint64 n);
