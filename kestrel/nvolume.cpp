@@ -16,6 +16,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 using namespace kestrel::internal;
@@ -64,6 +65,14 @@ int NVolume::framesAvailable() const
 
 int NVolume::initVolume16u(int x, int y, int z)
 {
+    // Sizes whose strides do not fit the head's 32-bit fields give an empty volume.
+    if (x < 0 || y < 0 || z < 0 || qint64(2) * x * y * z > std::numeric_limits<qint32>::max()) {
+        releaseBuffer();
+        std::memset(m_head.volumesize, 0, sizeof m_head.volumesize);
+        std::memset(m_head.volumestep, 0, sizeof m_head.volumestep);
+        m_head.totallen = 0;
+        return 0;
+    }
     m_head.volumesize[0] = x;
     m_head.volumesize[1] = y;
     m_head.volumesize[2] = z;
@@ -530,6 +539,10 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
 {
     if (axis < AxisI || axis > AxisK)
         return true;
+    // A head that does not describe the buffer (a bad head string) gives nothing, not even an
+    // image of its sizes.
+    if (!m_data || framesAvailable() < 1)
+        return false;
     const int* n = m_head.volumesize;
     const double* vs = m_head.voxelspace;
     // A slab is at least the plane itself, so the average never divides by zero.

@@ -494,6 +494,14 @@ void TestVolume::voxelAccessAndFrames()
     QVERIFY(init.isValid());
     QCOMPARE(init.getHead()->volumestep[2], 24);
     QCOMPARE(init.getHead()->totallen, qint64(120 + 368));
+    // A head string with impossible sizes: cloning it gives an empty volume, not an overflow.
+    NVolume bogus;
+    bogus.stringToVolumeHead(QString(init.volumeHeadtoString(*init.getHead())).replace("volumesize:3,4,5", "volumesize:100000,100000,9"));
+    NVolume fromBogus;
+    fromBogus.clone(&bogus);
+    QVERIFY(!fromBogus.isValid());
+    NDicomImage none;
+    QVERIFY(!bogus.getDicomImagePlane(none, 0, 1, AxisK, RenderMax));
 }
 
 void TestVolume::transforms()
