@@ -16,25 +16,23 @@ public:
         m_volume = volume;
         record("setVolume");
     }
-    void StandardImage(NDicomImage&, bool flag) override { record(QString("StandardImage %1").arg(flag)); }
-    void shake(double a, NDicomImage&) override { record(QString("shake %1").arg(a)); }
+    void StandardImage(NDicomImage&, bool flag) override { record("StandardImage", {double(flag)}); }
+    void shake(double a, NDicomImage&) override { record("shake", {a}); }
     void getRotateImage(double a, double x, double y, double z, NDicomImage&) override
     {
-        record(QString("getRotateImage %1 %2 %3 %4").arg(a).arg(x).arg(y).arg(z));
+        record("getRotateImage", {a, x, y, z});
     }
-    void rotateX(double a, NDicomImage&) override { record(QString("rotateX %1").arg(a)); }
-    void rotateY(double a, NDicomImage&) override { record(QString("rotateY %1").arg(a)); }
-    void rotateZ(double a, NDicomImage&) override { record(QString("rotateZ %1").arg(a)); }
-    void rotateWXYZ(double a, double x, double y, double z, NDicomImage&) override
-    {
-        record(QString("rotateWXYZ %1 %2 %3 %4").arg(a).arg(x).arg(y).arg(z));
-    }
+    void rotateX(double a, NDicomImage&) override { record("rotateX", {a}); }
+    void rotateY(double a, NDicomImage&) override { record("rotateY", {a}); }
+    void rotateZ(double a, NDicomImage&) override { record("rotateZ", {a}); }
+    void rotateWXYZ(double a, double x, double y, double z, NDicomImage&) override { record("rotateWXYZ", {a, x, y, z}); }
 
 private:
-    void record(const QString& call)
+    void record(QString call, std::initializer_list<double> args = {})
     {
-        if (m_volume)
-            m_volume->setProperty("companionCalls", m_volume->property("companionCalls").toStringList() << call);
+        for (double v : args)
+            call += ' ' + QString::number(v);
+        m_volume->setProperty("companionCalls", m_volume->property("companionCalls").toStringList() << call);
     }
     NVolume* m_volume = nullptr;
 };

@@ -170,14 +170,11 @@ class TestVolume : public QObject
 private slots:
     void headString();
     void headStringRoundTrip();
-    void headStringByPosition();
     void fileSizeRefusal();
     void saveAndLoadIdentity();
     void bitMask();
-    void bitMaskReaders();
     void voxelAccessAndFrames();
     void transforms();
-    void axisQueries();
     void histogramAndMask();
     void companion();
     void simdKernels();
@@ -227,102 +224,59 @@ void TestVolume::headStringRoundTrip()
     std::memcpy(h.SEUID, uid64.constData(), 64);
     std::strcpy(h.STUID, "2.25.1");
     h.topxyz[0] = -123.456789;
-    h.orientation[0] = 0.99999;
     h.orientation[1] = 0.0044721;
-    h.RescaleIntercept = -1024;
-    h.HighBit = 15;
     h.isOrder = -1;
-    h.padding = 0;
 
     NVolume v;
     const QString text = v.volumeHeadtoString(h);
     v.stringToVolumeHead(text);
-    const VolumeHead& r = *v.getHead();
-    QCOMPARE(QByteArray(r.magic, 8), QByteArray("DCVM\0\0\0\0", 8));
-    QCOMPARE(r.totallen, h.totallen);
-    QCOMPARE(r.SEPK, h.SEPK);
-    QCOMPARE(QByteArray(r.SEUID, 64), uid64);
-    QCOMPARE(QByteArray(r.STUID), QByteArray("2.25.1"));
-    QCOMPARE(std::memcmp(r.volumesize, h.volumesize, sizeof h.volumesize), 0);
-    QCOMPARE(std::memcmp(r.volumestep, h.volumestep, sizeof h.volumestep), 0);
-    QCOMPARE(r.topxyz[0], -123.457);
-    QCOMPARE(r.orientation[0], 0.99999);
-    QCOMPARE(r.orientation[1], 0.0044721);
-    QCOMPARE(r.RescaleIntercept, -1024.0);
-    QCOMPARE(r.HighBit, 15);
-    QCOMPARE(r.isOrder, -1);
-    QCOMPARE(r.timeNum, 2);
-    QCOMPARE(v.volumeHeadtoString(*v.getHead()), text);
+    VolumeHead r = *v.getHead();
+    QCOMPARE(r.topxyz[0], -123.457); // doubles keep 6 significant digits
+    r.topxyz[0] = h.topxyz[0];
+    QCOMPARE(std::memcmp(&r, &h, sizeof h), 0); // everything else exactly
 
     // A shorter UID replaces only the bytes it covers.
     v.stringToVolumeHead(QString(text).replace(QString::fromLatin1(uid64), "9.9"));
     QCOMPARE(QByteArray(v.getHead()->SEUID, 4), QByteArray("9.9."));
-}
-
-void TestVolume::headStringByPosition()
-{
-    VolumeHead h = makeHead(4, 5, 6);
-    h.HighBit = 11;
-    h.BitsAllocated = 16;
-    NVolume v;
-    QString text = v.volumeHeadtoString(h);
-    // Keys are ignored: swapping two items swaps the values between the fields.
-    text.replace("BitsAllocated:16;HighBit:11;", "HighBit:11;BitsAllocated:16;");
-    v.stringToVolumeHead(text);
+    // Keys are ignored: swapped items swap their values.
+    v.stringToVolumeHead(QString(text).replace("BitsAllocated:16;HighBit:11;", "HighBit:11;BitsAllocated:16;"));
     QCOMPARE(v.getHead()->BitsAllocated, 11);
-    QCOMPARE(v.getHead()->HighBit, 16);
     // Numbers that do not convert become 0; a short text leaves later fields alone.
     v.stringToVolumeHead("magic:DCVM;totallen:abc;SEPK:5");
-    QCOMPARE(v.getHead()->totallen, qint64(0));
-    QCOMPARE(v.getHead()->SEPK, qint64(5));
-    QCOMPARE(v.getHead()->HighBit, 16);
+    QVERIFY(v.getHead()->totallen == 0 && v.getHead()->SEPK == 5 && v.getHead()->BitsAllocated == 11);
 }
 
 void TestVolume::fileSizeRefusal()
 {
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
     // 255 x 256 x 1 voxels: 130560 bytes + 512 = 131072, the largest size refused.
     VolumeHead h = makeHead(255, 256, 1);
     QByteArray file(int(h.totallen), '\0');
     std::memcpy(file.data(), &h, sizeof h);
-    const QString exact = dir.filePath("exact.data");
-    QVERIFY(writeFile(exact, file));
+    QVERIFY(writeFile(dir.filePath("exact.data"), file));
     NVolume v;
-    QCOMPARE(v.loadVolume(exact), -1);
-    QVERIFY(!v.isValid());
+    QCOMPARE(v.loadVolume(dir.filePath("exact.data")), -1);
 
     // One byte more, with a totallen of the file's size, loads.
     h.totallen = file.size() + 1;
     std::memcpy(file.data(), &h, sizeof h);
     file.append('\x01');
-    const QString bigger = dir.filePath("bigger.data");
-    QVERIFY(writeFile(bigger, file));
-    QCOMPARE(v.loadVolume(bigger), 1);
-    QCOMPARE(v.geSize()[0], 255);
-    QCOMPARE(v.getWorkingSize()[1], 256);
+    QVERIFY(writeFile(dir.filePath("bigger.data"), file));
+    QCOMPARE(v.loadVolume(dir.filePath("bigger.data")), 1);
+    QCOMPARE(v.getWorkingSize()[0], 255);
 
-    // Refused without allocating: totallen past the end, below the header block, geometry past
-    // the buffer; a missing file.
-    auto refused = [&](VolumeHead bad, const char* name) {
-        QByteArray bytes = file;
-        std::memcpy(bytes.data(), &bad, sizeof bad);
-        const QString path = dir.filePath(name);
-        return writeFile(path, bytes) && NVolume().loadVolume(path) == -1;
-    };
-    VolumeHead bad = h;
-    bad.totallen = file.size() + 1;
-    QVERIFY(refused(bad, "long.data"));
-    bad.totallen = 100;
-    QVERIFY(refused(bad, "short.data"));
-    bad = h;
-    bad.volumesize[2] = 2;
-    QVERIFY(refused(bad, "geometry.data"));
-    bad = h;
-    bad.volumestep[1] = -4;
-    QVERIFY(refused(bad, "negative.data"));
-    QCOMPARE(v.loadVolume(dir.filePath("missing.data")), -1);
-    QCOMPARE(v.geSize()[0], 255); // the loaded volume is kept
+    // Refused before allocating: totallen past the end, geometry past the buffer.
+    for (int bad = 0; bad < 2; ++bad) {
+        VolumeHead head = h;
+        if (bad == 0)
+            head.totallen += 1;
+        else
+            head.volumesize[2] += 1;
+        std::memcpy(file.data(), &head, sizeof head);
+        QVERIFY(writeFile(dir.filePath("bad.data"), file));
+        QCOMPARE(v.loadVolume(dir.filePath("bad.data")), -1);
+    }
+    QCOMPARE(v.geSize()[2], 1); // the loaded volume is kept
 }
 
 void TestVolume::saveAndLoadIdentity()
@@ -367,81 +321,42 @@ void TestVolume::bitMask()
     NBitVolume m(33, 4, 3);
     QCOMPARE(m.GetElementRow(), 2);
     m.SetAll();
-    QCOMPARE(m.CountVoxNum(true), 33 * 4 * 3);
-    QCOMPARE(m.CountVoxNum(false), 0);
-    QCOMPARE(m.GetDataBottomX(), 32);
+    QCOMPARE(m.CountVoxNum(true), 33 * 4 * 3); // padding bits are not counted
     m.ClearAll();
     m.setBit(32, 3, 2);
     m.SetVoxel(0, 1, 1, true);
-    QVERIFY(m.GetVoxel(32, 3, 2) && m.getBit(0, 1, 1) && !m.GetVoxel(31, 3, 2));
     QCOMPARE(m.GetBuffer()[2][3 * 2 + 1], 1u); // bit 0 of the row's second word
-    QCOMPARE(m.CalcVoxNumSlice(2), 1);
     QVERIFY(!m.SafeGetVoxel(33, 0, 0) && !m.CheckVox(-1, 0, 0) && m.CheckVox(32, 3, 2));
     m.CalcBoundingBox();
-    QCOMPARE(m.GetDataTopX(), 0);
-    QCOMPARE(m.GetDataTopY(), 1);
-    QCOMPARE(m.GetDataBottomX(), 32);
-    QCOMPARE(m.GetDataBottomZ(), 2);
-
+    QCOMPARE(QVector<int>({m.GetDataTopX(), m.GetDataTopY(), m.GetDataBottomX(), m.GetDataBottomZ()}),
+             QVector<int>({0, 1, 32, 2}));
     NBitVolume other(m);
     other.unsetBit(32, 3, 2);
-    NBitVolume both(m);
-    both.XOR(other);
-    QCOMPARE(both.CountVoxNum(true), 1);
-    both.AND(other);
-    QCOMPARE(both.CountVoxNum(true), 0);
-    both.OR(m);
-    QCOMPARE(both.CountVoxNum(true), 2);
-    ~both;
-    QCOMPARE(both.CountVoxNum(true), 33 * 4 * 3 - 2);
+    other.XOR(m);
+    QCOMPARE(other.CountVoxNum(true), 1);
+    ~other;
+    QCOMPARE(other.CountVoxNum(true), 33 * 4 * 3 - 1);
 
     NBitVolume fresh(8, 8, 8);
     fresh.RecalcDataTopXYZ(-5, 2, 3);
-    QCOMPARE(fresh.GetDataTopX(), 0);
-    QCOMPARE(fresh.GetDataTopY(), 0);
-    fresh.RecalcDataBottomXYZ(20, 2, 3);
-    QCOMPARE(fresh.GetDataBottomX(), 7);
-
-    // The linear index matches (i, j, k) on square slices.
+    QCOMPARE(fresh.GetDataTopX() + fresh.GetDataTopY(), 0);
     fresh.ClearAll();
-    fresh.setBit(5 * 64 + 3 * 8 + 6);
-    QVERIFY(fresh.GetVoxel(6, 3, 5));
-    QVERIFY(fresh.getBit(5 * 64 + 3 * 8 + 6));
-    QCOMPARE(fresh.CountVoxNum(true), 1);
-}
+    fresh.setBit(5 * 64 + 3 * 8 + 6); // the linear index matches (i, j, k) on square slices
+    QVERIFY(fresh.GetVoxel(6, 3, 5) && fresh.CountVoxNum(true) == 1);
 
-void TestVolume::bitMaskReaders()
-{
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
     int size[3] = {5, 3, 2};
     QByteArray bytes(30, '\0');
     bytes[(1 * 3 + 2) * 5 + 4] = 7; // voxel (4, 2, 1)
     bytes[1] = 1;                   // voxel (1, 0, 0)
-    NBitVolume m;
-    m.ReadFromMemory(reinterpret_cast<const unsigned char*>(bytes.constData()), size);
-    QVERIFY(m.GetVoxel(4, 2, 1) && m.GetVoxel(1, 0, 0));
-    QCOMPARE(m.CountVoxNum(true), 2);
-    QVector<unsigned short> words(30, 0);
-    words[29] = 300;
-    m.ReadFromMemory(words.constData(), size);
-    QVERIFY(m.GetVoxel(4, 2, 1) && !m.GetVoxel(1, 0, 0));
-
-    QVERIFY(writeFile(dir.filePath("mask.dat"), bytes));
-    QVERIFY(writeFile(dir.filePath("mask.txt"), "5 3 2"));
-    NBitVolume r(5, 3, 2);
+    QVERIFY(writeFile(dir.filePath("mask.dat"), bytes) && writeFile(dir.filePath("mask.txt"), "5 3 2"));
+    NBitVolume r(5, 3, 2), wrongSize(4, 3, 2), raw;
     QVERIFY(r.ReadFromFile(QFile::encodeName(dir.filePath("mask.txt")).constData()));
-    QCOMPARE(r.CountVoxNum(true), 2);
-    NBitVolume wrongSize(4, 3, 2);
+    QVERIFY(r.GetVoxel(4, 2, 1) && r.GetVoxel(1, 0, 0) && r.CountVoxNum(true) == 2);
     QVERIFY(!wrongSize.ReadFromFile(QFile::encodeName(dir.filePath("mask.txt")).constData()));
-    QVERIFY(!r.ReadFromFile(QFile::encodeName(dir.filePath("none.txt")).constData()));
-    NBitVolume raw;
     QVERIFY(raw.ReadFromRawFile(QFile::encodeName(dir.filePath("mask.dat")).constData(), size));
-    QVERIFY(raw.GetVoxel(1, 0, 0) && raw.GetVoxel(4, 2, 1));
     QCOMPARE(raw.CountVoxNum(true), 2);
-
-    const QByteArray out = QFile::encodeName(dir.filePath("out.dat"));
-    QVERIFY(!raw.WriteToFile(out.constData()));
+    QVERIFY(!raw.WriteToFile(QFile::encodeName(dir.filePath("out.dat")).constData()));
     QVERIFY(!QFile::exists(dir.filePath("out.dat")));
 }
 
@@ -483,20 +398,12 @@ void TestVolume::voxelAccessAndFrames()
     // clone copies the source's current frame into a 368-byte-header volume.
     NVolume copy;
     copy.clone(&v);
-    QCOMPARE(copy.getHead()->totallen, qint64(h.volumestep[3]) + 368);
-    QCOMPARE(copy.getHead()->timeNum, 2);
+    QVERIFY(copy.getHead()->totallen == h.volumestep[3] + 368 && copy.getHead()->timeNum == 2);
     QCOMPARE(QByteArray(copy.getData(), h.volumestep[3]), QByteArray(v.getData(), h.volumestep[3]));
-    QCOMPARE(copy.getVoxel(1, 2, 3), quint16(40000));
 
-    NVolume init;
-    QVERIFY(!init.isValid());
-    QCOMPARE(init.initVolume16u(3, 4, 5), 1);
-    QVERIFY(init.isValid());
-    QCOMPARE(init.getHead()->volumestep[2], 24);
-    QCOMPARE(init.getHead()->totallen, qint64(120 + 368));
     // A head string with impossible sizes: cloning it gives an empty volume, not an overflow.
     NVolume bogus;
-    bogus.stringToVolumeHead(QString(init.volumeHeadtoString(*init.getHead())).replace("volumesize:3,4,5", "volumesize:100000,100000,9"));
+    bogus.stringToVolumeHead(v.volumeHeadtoString(h).replace("volumesize:6,5,4", "volumesize:100000,100000,9"));
     NVolume fromBogus;
     fromBogus.clone(&bogus);
     QVERIFY(!fromBogus.isValid());
@@ -512,63 +419,35 @@ void TestVolume::transforms()
     const double r[9] = {std::cos(a), std::sin(a), 0, -std::sin(a) * std::cos(b), std::cos(a) * std::cos(b),
                          std::sin(b), std::sin(a) * std::sin(b), -std::cos(a) * std::sin(b), std::cos(b)};
     std::memcpy(h.orientation, r, sizeof r);
-    h.voxelspace[0] = 0.7;
-    h.voxelspace[1] = 0.9;
-    h.voxelspace[2] = 3.5;
-    h.topxyz[0] = -120.25;
-    h.topxyz[1] = 35.5;
-    h.topxyz[2] = 60;
+    const double s[3] = {0.7, 0.9, 3.5}, t[3] = {-120.25, 35.5, 60};
+    std::memcpy(h.voxelspace, s, sizeof s);
+    std::memcpy(h.topxyz, t, sizeof t);
     const QByteArray voxels(int(h.totallen - 512), '\0');
     NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
     for (const auto& ijk : {std::array<int, 3>{0, 0, 0}, {19, 29, 9}, {7, 3, 5}, {0, 29, 2}}) {
         const double* p = v.getPointXYZ(ijk[0], ijk[1], ijk[2]);
-        for (int c = 0; c < 3; ++c) {
-            const double expected = h.topxyz[c] + ijk[0] * 0.7 * r[c] + ijk[1] * 0.9 * r[3 + c] + ijk[2] * 3.5 * r[6 + c];
-            QVERIFY(std::fabs(p[c] - expected) < 1e-9);
-        }
+        for (int c = 0; c < 3; ++c)
+            QVERIFY(std::fabs(p[c] - (t[c] + ijk[0] * s[0] * r[c] + ijk[1] * s[1] * r[3 + c] + ijk[2] * s[2] * r[6 + c])) < 1e-9);
         const float* f = v.getPointFIJK(p[0], p[1], p[2]);
         for (int c = 0; c < 3; ++c)
             QVERIFY2(std::fabs(f[c] - ijk[c]) < 1e-3, qPrintable(QString("axis %1: %2").arg(c).arg(f[c])));
     }
-
     v.getCubeEightTopPosition();
-    const double* cube = v.getTopPointFirstLeftandUp();
-    const double* last = v.getPointXYZ(19, 29, 0);
-    QCOMPARE(cube[7 * 3 + 2], last[2]);
-    const double* first = v.getPointXYZ(0, 0, 9);
-    QCOMPARE(cube[0], first[0]);
+    QCOMPARE(v.getTopPointFirstLeftandUp()[7 * 3 + 2], v.getPointXYZ(19, 29, 0)[2]);
 
     VolumeHead id = makeHead(10, 20, 30);
     const QByteArray none(int(id.totallen - 512), '\0');
     NDicomVolume plain(&id, const_cast<char*>(none.constData()), none.size());
     double x, y, z;
     plain.getCenterPoint(x, y, z);
-    QCOMPARE(x, -5.0);
-    QCOMPARE(y, -10.0);
-    QCOMPARE(z, -15.0);
+    QVERIFY(x == -5 && y == -10 && z == -15);
 
-    // Working copies follow updateCal and the setters, never the head.
-    plain.updateCal();
-    plain.settopxyz(1, 2, 3);
-    plain.setvolumeorientation(0, 1, 0, 1, 0, 0, 0, 0, -1);
-    QCOMPARE(plain.getWorkingOrigin()[2], 3.0);
-    QCOMPARE(plain.getWorkingOrientation()[8], -1.0);
-    QCOMPARE(plain.getTopLeft()[2], 0.0);
-    QCOMPARE(plain.getWorkingSize()[2], 30);
-}
-
-void TestVolume::axisQueries()
-{
-    NVolume v;
-    const double* r = v.getReverse(1, -2, 2);
-    QCOMPARE(QVector<double>(r, r + 3), QVector<double>({1, -2, 2}));
-    r = v.getReverse(0.1, 0.2, -0.9);
-    QCOMPARE(QVector<double>(r, r + 3), QVector<double>({0.1, 0.2, 0.9}));
-    QCOMPARE(v.getPosiOrNegativeOrien(0, 0, -1), -1);
-    QCOMPARE(v.getPosiOrNegativeOrien(0.9, 0.1, 0), 1);
-    QCOMPARE(v.getmainz(0.2, 0.9, 0.1), 2);
-    QCOMPARE(v.getmainz(-0.2, 0.1, -0.95), 3);
-    QCOMPARE(v.getmainz(-0.8, 0.1, 0.5), 1);
+    const double* rev = v.getReverse(1, -2, 2); // a tie: unchanged
+    QCOMPARE(QVector<double>(rev, rev + 3), QVector<double>({1, -2, 2}));
+    rev = v.getReverse(0.1, 0.2, -0.9);
+    QCOMPARE(QVector<double>(rev, rev + 3), QVector<double>({0.1, 0.2, 0.9}));
+    QVERIFY(v.getPosiOrNegativeOrien(0, 0, -1) == -1 && v.getPosiOrNegativeOrien(0.9, 0.1, 0) == 1);
+    QVERIFY(v.getmainz(0.2, 0.9, 0.1) == 2 && v.getmainz(-0.2, 0.1, -0.95) == 3);
 }
 
 void TestVolume::histogramAndMask()
@@ -643,35 +522,26 @@ void TestVolume::companion()
 void TestVolume::simdKernels()
 {
     std::mt19937 rng(7);
-    std::uniform_int_distribution<int> dist(-32768, 32767);
-    for (int n : {0, 1, 7, 8, 9, 17, 1003}) {
+    for (int n : {1, 7, 8, 9, 17, 1003}) {
         QVector<short> a(n), b(n);
-        for (int i = 0; i < n; ++i) {
-            a[i] = short(dist(rng));
-            b[i] = short(dist(rng));
-        }
+        for (int i = 0; i < n; ++i)
+            a[i] = short(rng()), b[i] = short(rng());
         QVector<short> simd = a, scalar = a;
         maxInPlaceS16(simd.data(), b.constData(), n);
         maxInPlaceS16Scalar(scalar.data(), b.constData(), n);
-        QCOMPARE(simd, scalar);
-        simd = a, scalar = a;
-        minInPlaceS16(simd.data(), b.constData(), n);
-        minInPlaceS16Scalar(scalar.data(), b.constData(), n);
+        minInPlaceS16(simd.data(), a.constData(), n);
+        minInPlaceS16Scalar(scalar.data(), a.constData(), n);
         QCOMPARE(simd, scalar);
         QVector<qint32> accSimd(n, -5), accScalar(n, -5);
-        accumulateS16(accSimd.data(), a.constData(), n);
         accumulateS16(accSimd.data(), b.constData(), n);
-        accumulateS16Scalar(accScalar.data(), a.constData(), n);
         accumulateS16Scalar(accScalar.data(), b.constData(), n);
         QCOMPARE(accSimd, accScalar);
-        if (n > 0) {
-            QCOMPARE(reduceMaxS16(a.constData(), n), reduceMaxS16Scalar(a.constData(), n));
-            QCOMPARE(reduceMinS16(a.constData(), n), reduceMinS16Scalar(a.constData(), n));
-            QCOMPARE(reduceSumS16(a.constData(), n), reduceSumS16Scalar(a.constData(), n));
-        }
         divideToS16(simd.data(), accSimd.constData(), n, 3);
         divideToS16Scalar(scalar.data(), accScalar.constData(), n, 3);
         QCOMPARE(simd, scalar);
+        QCOMPARE(reduceMaxS16(a.constData(), n), reduceMaxS16Scalar(a.constData(), n));
+        QCOMPARE(reduceMinS16(a.constData(), n), reduceMinS16Scalar(a.constData(), n));
+        QCOMPARE(reduceSumS16(a.constData(), n), reduceSumS16Scalar(a.constData(), n));
     }
 }
 
@@ -806,25 +676,17 @@ void TestVolume::displayTables()
         }
     QCOMPARE(checked, 144);
 
-    // Identity geometry: the axial image is the raw slice, rows along +x, columns along +y.
+    // Identity geometry: the axial image is the raw slice, with the slab's thickness.
     std::memset(h.orientation, 0, sizeof h.orientation);
     h.orientation[0] = h.orientation[4] = h.orientation[8] = 1;
     NDicomVolume v(&h, voxels.data(), voxels.size());
     int view[3] = {0, 1, 2};
-    NDicomImage image;
+    NDicomImage image, raw;
     QVERIFY(v.getDicomImagePlaneK(image, 4, 3, view, RenderAverage));
-    NDicomImage raw;
     QVERIFY(v.getDicomImagePlane(raw, 4, 3, AxisK, RenderAverage));
     QCOMPARE(pixels(image), pixels(raw));
-    QCOMPARE(image.getOrientation(0)[0], 1.0);
-    QCOMPARE(image.getOrientation(1)[1], 1.0);
-    QCOMPARE(image.getThickness(), 6.0);
-    QCOMPARE(image.getOriThickness(), 2.0);
-    QVERIFY(!v.getDicomImagePlaneK(image, 5, 1, view, RenderMax));
-    QVERIFY(!v.getDicomImagePlaneI(image, 7, 1, nullptr, RenderMax));
-    QVERIFY(v.getDicomImagePlaneI(image, 6, 1, nullptr, RenderMax));
-    QCOMPARE(image.width(), 6);
-    QCOMPARE(image.height(), 5);
+    QVERIFY(image.getThickness() == 6 && image.getOriThickness() == 2);
+    QVERIFY(!v.getDicomImagePlaneK(image, 5, 1, view, RenderMax) && !v.getDicomImagePlaneI(image, 7, 1, nullptr, RenderMax));
 }
 
 void TestVolume::axialCoronalSagittalChoice()
@@ -881,18 +743,13 @@ void TestVolume::seriesToVolume()
     QCOMPARE(progress.count(), 5);
     QCOMPARE(progress.last().at(0).toInt(), 100);
     const VolumeHead& h = *v.getHead();
-    QCOMPARE(QByteArray(h.magic, 4), QByteArray("DCVM"));
-    QCOMPARE(h.volumesize[0], 16);
-    QCOMPARE(h.volumesize[1], 12);
-    QCOMPARE(h.volumesize[2], 5);
+    QVERIFY(QByteArray(h.magic, 4) == "DCVM" && h.SEPK == 42 && h.WindowWidth == 2000);
+    QVERIFY(h.volumesize[0] == 16 && h.volumesize[1] == 12 && h.volumesize[2] == 5);
     QCOMPARE(h.totallen, qint64(16 * 12 * 5 * 2 + 512));
-    QCOMPARE(h.voxelspace[0], 0.8); // Pixel Spacing values in their stored order
-    QCOMPARE(h.voxelspace[1], 0.6);
-    QCOMPARE(h.voxelspace[2], 5.0);
+    // Pixel Spacing values in their stored order; slice spacing from the positions.
+    QVERIFY(h.voxelspace[0] == 0.8 && h.voxelspace[1] == 0.6 && h.voxelspace[2] == 5);
     QCOMPARE(std::fabs(h.orientation[8]), 1.0);
     QCOMPARE(std::memcmp(h.orientation, v.getWorkingOrientation(), sizeof h.orientation), 0);
-    QCOMPARE(h.WindowWidth, 2000.0);
-    QCOMPARE(h.SEPK, qint64(42));
     QCOMPARE(std::memcmp(v.getData() - 512, &h, sizeof h), 0);
     for (int k = 0; k < 5; ++k)
         QCOMPARE(v.getVoxel(15, 11, k), quint16(1115));
