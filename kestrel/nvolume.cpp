@@ -672,6 +672,10 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
             const char* p = data + k * st2 + j * st1;
             if (st0 == 2) {
                 const short* run = reinterpret_cast<const short*>(p) + first;
+                // Short runs far apart: fetch the rows ahead, the hardware does not guess them.
+                const char* ahead = p + 8 * st1 + first * 2;
+                __builtin_prefetch(ahead);
+                __builtin_prefetch(ahead + 2 * qint64(count) - 1);
                 out[qint64(k) * w + j] = mode == 2 ? short(kestrel::internal::reduceSumS16(run, count) / count)
                     : mode == 1                    ? kestrel::internal::reduceMinS16(run, count)
                                                    : kestrel::internal::reduceMaxS16(run, count);
