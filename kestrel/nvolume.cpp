@@ -530,8 +530,11 @@ inline short voxelAt(const char* p)
     return v;
 }
 
-// Slabs of fewer voxels stay on one thread: waking the second costs more than it saves.
-constexpr qint64 kParallelVoxels = qint64(1) << 22;
+// Slabs of fewer voxels (32M) stay on one thread: one core already saturates the memory bus on
+// them, and waking or spinning the second costs more than it saves. Work is
+// handed out dynamically so that a thread that is not scheduled (a busy machine) never holds
+// the others up at the end of the loop.
+constexpr qint64 kParallelVoxels = qint64(1) << 25;
 
 } // namespace
 
@@ -592,7 +595,7 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
             // Whole slices are contiguous: fold them in chunks, eight voxels per instruction.
             const qint64 chunk = 16384;
             const qint64 chunks = (pixels + chunk - 1) / chunk;
-#pragma omp parallel for schedule(static) if (parallel)
+#pragma omp parallel for schedule(dynamic) if (parallel)
             for (qint64 c = 0; c < chunks; ++c) {
                 const qint64 lo = c * chunk, len = qMin(chunk, pixels - lo);
                 auto slice = [&](int k) { return reinterpret_cast<const short*>(data + k * st2) + lo; };
@@ -612,7 +615,7 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
             }
             return true;
         }
-#pragma omp parallel for schedule(static) if (parallel)
+#pragma omp parallel for schedule(dynamic) if (parallel)
         for (int j = 0; j < h; ++j)
             for (int i = 0; i < w; ++i) {
                 const char* p = data + i * st0 + j * st1;
@@ -630,7 +633,7 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
 
     if (axis == AxisJ) {
         // Output row r is slice k = r, column c is voxel i = c.
-#pragma omp parallel for schedule(static) if (parallel)
+#pragma omp parallel for schedule(dynamic) if (parallel)
         for (int k = 0; k < h; ++k) {
             short* row = out + qint64(k) * w;
             std::vector<qint32> acc(mode == 2 ? size_t(w) : 0, 0);
@@ -666,7 +669,7 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
     }
 
     // Axis i: output row r is slice k = r, column c is row j = c.
-#pragma omp parallel for schedule(static) if (parallel)
+#pragma omp parallel for schedule(dynamic) if (parallel)
     for (int k = 0; k < h; ++k)
         for (int j = 0; j < w; ++j) {
             const char* p = data + k * st2 + j * st1;

@@ -574,8 +574,8 @@ void TestVolume::slabReductions()
 {
     // Odd sizes exercise the vector tails; whole-volume slabs of the largest take the threaded path.
     for (const auto& size : {std::array<int, 3>{37, 29, 23}, std::array<int, 3>{128, 96, 48},
-                             std::array<int, 3>{256, 256, 64}}) {
-        const bool large = size[2] == 64;
+                             std::array<int, 3>{512, 256, 256}}) {
+        const bool large = size[2] == 256;
         VolumeHead h = makeHead(size[0], size[1], size[2]);
         const QByteArray voxels = randomVoxels(h.totallen - 512, unsigned(size[0]));
         NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
