@@ -1,0 +1,129 @@
+// kestrel volume --series PK --out DIR [--index I] [--thickness T] [--render max|min|avg]:
+// builds (or loads from the cache) a series' volume and writes its three planes as PNG.
+#include "command.h"
+
+#include "kestrelpaths.h"
+#include "ndicomimage.h"
+#include "ndicomvolume.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "veldatabaseconnection.h"
+
+#include <QCommandLineParser>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QImage>
+#include <QSqlDatabase>
+#include <QTextStream>
+
+#include <cstring>
+#include <vector>
+
+namespace {
+
+bool openCatalog()
+{
+    if (!createConnection())
+        return false;
+    return QSqlDatabase::database().isOpen() || (createConnection() && QSqlDatabase::database().isOpen());
+}
+
+bool writePng(NDicomImage& image, const VolumeHead& head, const QString& file)
+{
+    if (image.width() <= 0 || image.height() <= 0)
+        return false;
+    std::vector<unsigned int> grey(size_t(image.width()) * size_t(image.height()));
+    image.getGrayImage32(head.WindowWidth, head.WindowCenter, grey.data());
+    QImage out(image.width(), image.height(), QImage::Format_RGB32);
+    for (int y = 0; y < image.height(); ++y)
+        std::memcpy(out.scanLine(y), grey.data() + size_t(y) * size_t(image.width()), size_t(image.width()) * 4);
+    return out.save(file, "PNG");
+}
+
+int runVolume(const QStringList& args)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Builds a series' volume (or loads it from the volume cache) and writes its "
+                                     "axial, coronal and sagittal planes as PNG.");
+    parser.addHelpOption();
+    parser.addOption({"series", "Key (pk) of the series.", "PK"});
+    parser.addOption({"out", "Folder for axial.png, coronal.png and sagittal.png.", "DIR"});
+    parser.addOption({"index", "Plane index (default: the middle plane of each view).", "I"});
+    parser.addOption({"thickness", "Slab thickness in planes (default 1).", "T", "1"});
+    parser.addOption({"render", "Slab rule: max, min or avg (default max).", "RULE", "max"});
+    if (!parser.parse(QStringList{"kestrel volume"} + args))
+        return app::fail("volume", parser.errorText());
+    if (parser.isSet("help")) {
+        QTextStream(stdout) << parser.helpText();
+        return 0;
+    }
+    bool ok = false;
+    const qint64 pk = parser.value("series").toLongLong(&ok);
+    if (!parser.isSet("series") || !ok)
+        return app::fail("volume", "--series PK is required (a number)");
+    if (!parser.isSet("out"))
+        return app::fail("volume", "--out DIR is required");
+    const int thickness = parser.value("thickness").toInt(&ok);
+    if (!ok)
+        return app::fail("volume", "--thickness needs a number");
+    const QString rule = parser.value("render");
+    if (rule != "max" && rule != "min" && rule != "avg")
+        return app::fail("volume", "--render is max, min or avg");
+    const RenderType render = rule == "min" ? RenderMin : (rule == "avg" ? RenderAverage : RenderMax);
+    int index = -1;
+    if (parser.isSet("index")) {
+        index = parser.value("index").toInt(&ok);
+        if (!ok || index < 0)
+            return app::fail("volume", "--index needs a number >= 0");
+    }
+    if (!openCatalog())
+        return app::fail("volume", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
+
+    QSeries series(pk);
+    series.searchSeriesInfo();
+    series.searchInstance();
+    for (QInstance* instance : series.getInstances())
+        instance->searchInstanceInfo();
+    if (series.getInstances().size() < 2)
+        return app::fail("volume", QString("series %1 has fewer than two images").arg(pk));
+
+    NDicomVolume volume;
+    QElapsedTimer timer;
+    timer.start();
+    volume.getVolumeFromSeriesUID(&series);
+    const double ms = timer.nsecsElapsed() / 1e6;
+    if (!volume.isValid())
+        return app::fail("volume", QString("no volume could be built from series %1").arg(pk));
+    QTextStream out(stdout);
+    out << volume.volumeHeadtoString(*volume.getHead()) << "\n";
+    out << "cache: " << volume.getCurVolumeDataPath() << "\n";
+    out << QString("volume ready in %1 ms\n").arg(ms, 0, 'f', 1);
+
+    const QDir dir(parser.value("out"));
+    if (!QDir().mkpath(dir.path()))
+        return app::fail("volume", "cannot create " + dir.path());
+    struct View {
+        const char* name;
+        bool (NDicomVolume::*cut)(NDicomImage&, int, int, RenderType);
+        int (NDicomVolume::*planes)();
+    } views[] = {{"axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum},
+                 {"coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum},
+                 {"sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum}};
+    int status = 0;
+    for (const View& view : views) {
+        NDicomImage image;
+        const int plane = index >= 0 ? index : (volume.*view.planes)() / 2;
+        const bool cut = (volume.*view.cut)(image, plane, thickness, render);
+        const QString file = dir.filePath(QString(view.name) + ".png");
+        if (!cut || !writePng(image, *volume.getHead(), file)) {
+            status = app::fail("volume", QString("cannot write the %1 plane (index past the end?)").arg(view.name));
+            continue;
+        }
+        out << file << QString(": %1x%2\n").arg(image.width()).arg(image.height());
+    }
+    return status;
+}
+
+} // namespace
+
+KESTREL_COMMAND("volume", "build a series' volume and write its three planes as PNG", runVolume);

@@ -1,0 +1,8 @@
+#include "velivolume.h"
+
+VelIVolume::VelIVolume(QObject* parent)
+    : QObject(parent)
+{
+}
+
+VelIVolume::~VelIVolume() = default;

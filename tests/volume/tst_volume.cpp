@@ -1,0 +1,982 @@
+#include "internal/dcmvalues.h"
+#include "internal/volumeheadtext.h"
+#include "internal/volumesimd.h"
+#include "ndicomimage.h"
+#include "nbitvolume.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "syntheticdicom.h"
+#include "testcatalog.h"
+#include "ndicomvolume.h"
+#include "nvolume.h"
+#include "velivolume.h"
+
+#include <QDir>
+#include <QFile>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSqlQuery>
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+using namespace kestrel::internal;
+
+namespace {
+
+// A single-frame head of X*Y*Z 16-bit voxels with the invariants of a volume built from a series.
+VolumeHead makeHead(int x, int y, int z, int frames = 1)
+{
+    VolumeHead h;
+    std::memset(&h, 0, sizeof h);
+    std::memcpy(h.magic, "DCVM", 4);
+    h.volumesize[0] = x;
+    h.volumesize[1] = y;
+    h.volumesize[2] = z;
+    h.volumestep[0] = 2;
+    h.volumestep[1] = 2 * x;
+    h.volumestep[2] = 2 * x * y;
+    h.volumestep[3] = 2 * x * y * z;
+    h.timeNum = frames;
+    h.totallen = qint64(h.volumestep[3]) * frames + 512;
+    h.voxelspace[0] = h.voxelspace[1] = h.voxelspace[2] = 1;
+    h.orientation[0] = h.orientation[4] = h.orientation[8] = 1;
+    h.BitsAllocated = 16;
+    h.HighBit = 11;
+    h.SamplesPerPixel = 1;
+    h.PhotometricInterpretation = 1;
+    h.RescaleSlope = 1;
+    h.isOrder = 1;
+    return h;
+}
+
+QByteArray randomVoxels(qint64 bytes, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> dist(-32768, 32767);
+    QByteArray data(int(bytes), Qt::Uninitialized);
+    for (qint64 i = 0; i + 1 < bytes; i += 2) {
+        const qint16 v = qint16(dist(rng));
+        std::memcpy(data.data() + i, &v, 2);
+    }
+    return data;
+}
+
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
+
+// The slab rules written out plainly: the reference the cutters are checked against.
+QVector<short> naivePlane(const VolumeHead& h, const QByteArray& voxels, int axis, int index, int thickness,
+                          int render, int& width, int& height)
+{
+    const int* n = h.volumesize;
+    auto at = [&](int i, int j, int k) {
+        short v;
+        std::memcpy(&v, voxels.constData() + (qint64(k) * n[1] + j) * n[0] * 2 + i * 2, 2);
+        return v;
+    };
+    const int t = std::max(thickness, 1);
+    const int first = std::max(index - (t - 1) / 2, 0);
+    const int end = std::min(index + 1 + t / 2, n[axis - 1]);
+    width = axis == 1 ? n[1] : n[0];
+    height = axis == 3 ? n[1] : n[2];
+    QVector<short> out;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            QVector<short> values;
+            for (int s = first; s < end; ++s)
+                values << (axis == 3 ? at(x, y, s) : axis == 2 ? at(x, s, y) : at(s, x, y));
+            int v = values.first();
+            if (axis == 2 && render != 2)
+                v = render == 1 ? 32767 : 0; // the coronal fold starts from a constant
+            long sum = 0;
+            for (short value : values) {
+                sum += value;
+                v = render == 1 ? std::min<int>(v, value) : std::max<int>(v, value);
+            }
+            out << short(render == 2 ? sum / long(values.size()) : v);
+        }
+    return out;
+}
+
+QVector<short> pixels(NDicomImage& image)
+{
+    QVector<short> out;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            out << short(image.getValue16u(x, y));
+    return out;
+}
+
+// A series object for FILES as the catalogue would give it (geometry read from the files).
+QSeries* seriesFromFiles(const QStringList& files, QObject* parent = nullptr)
+{
+    auto* series = new QSeries(parent);
+    series->setSeriesPK(42);
+    for (const QString& file : files) {
+        DcmFileFormat format;
+        if (format.loadFile(QFile::encodeName(file).constData()).bad())
+            continue;
+        DcmDataset* ds = format.getDataset();
+        auto* instance = new QInstance(series);
+        instance->setFilePath(file);
+        instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
+        instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
+        instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));
+        instance->setImageSize(dcmInt(ds, DCM_Rows), dcmInt(ds, DCM_Columns));
+        instance->setBitsAllocated(dcmInt(ds, DCM_BitsAllocated));
+        series->setSeriesUID(dcmString(ds, DCM_SeriesInstanceUID));
+        series->setSeriesBase(dcmString(ds, DCM_SeriesInstanceUID) + "#0");
+        series->addInstance(instance);
+    }
+    return series;
+}
+
+// Voxel (0, 0, k) must sit at slice k's ImagePositionPatient.
+void checkSlicePositions(NDicomVolume& v, QSeries* volumeSeries)
+{
+    const QList<QInstance*>& slices = volumeSeries->getInstances();
+    QCOMPARE(slices.size(), v.geSize()[2]);
+    for (int k = 0; k < slices.size(); ++k) {
+        const double* p = v.getPointXYZ(0, 0, k);
+        const double* q = slices[k]->getPosition();
+        for (int c = 0; c < 3; ++c)
+            QVERIFY2(std::fabs(p[c] - q[c]) < 0.01, qPrintable(QString("slice %1 axis %2: %3 vs %4").arg(k).arg(c).arg(p[c]).arg(q[c])));
+    }
+}
+
+} // namespace
+
+class TestVolume : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void headString();
+    void headStringRoundTrip();
+    void fileSizeRefusal();
+    void saveAndLoadIdentity();
+    void bitMask();
+    void voxelAccessAndFrames();
+    void transforms();
+    void histogramAndMask();
+    void companion();
+    void simdKernels();
+    void trilinearSample();
+    void slabReductions();
+    void displayTables();
+    void axialCoronalSagittalChoice();
+    void seriesToVolume();
+    void signedAndOddSeries();
+    void fourDimensions();
+    void cacheCycle_data() { TestCatalog::addBackendRows(); }
+    void cacheCycle();
+    void realSeries_data();
+    void realSeries();
+};
+
+void TestVolume::headString()
+{
+    VolumeHead h = makeHead(256, 256, 136);
+    QCOMPARE(h.totallen, qint64(17826304));
+    h.SEPK = -7;
+    std::strcpy(h.SEUID, "1.2.3");
+    h.voxelspace[0] = 0.9765625;
+    h.voxelspace[1] = 1.015625; // printf rounds the tie to even: 1.01562
+    h.topxyz[0] = -125.5;
+    h.topxyz[1] = -0.0;
+    h.thinkness = 1e-6;
+    h.WindowWidth = 2000;
+    NVolume v;
+    QCOMPARE(v.volumeHeadtoString(h),
+             QString("magic:DCVM;totallen:17826304;SEPK:-7;SEUID:1.2.3;STUID:;volumesize:256,256,136;"
+                     "volumestep:2,512,131072,17825792;voxelspace:0.976562,1.01562,1;thinkness:1e-06;"
+                     "topxyz:-125.5,-0,0;orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;"
+                     "PhotometricInterpretation:1;BitsAllocated:16;HighBit:11;RescaleIntercept:0;"
+                     "RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+    QCOMPARE(photometricCode("YBR_RCT", 1), 12);
+    QCOMPARE(photometricCode("MONOCHROME1", 1), 0);
+    QCOMPARE(photometricCode("NOT ONE", 5), 5);
+}
+
+void TestVolume::headStringRoundTrip()
+{
+    VolumeHead h = makeHead(17, 9, 3, 2);
+    h.SEPK = 9007199254740993LL;
+    // A full-length UID has no terminator in its field.
+    const QByteArray uid64 = QByteArray("1.2.840.") + QByteArray(56, '7');
+    std::memcpy(h.SEUID, uid64.constData(), 64);
+    std::strcpy(h.STUID, "2.25.1");
+    h.topxyz[0] = -123.456789;
+    h.orientation[1] = 0.0044721;
+    h.isOrder = -1;
+
+    NVolume v;
+    const QString text = v.volumeHeadtoString(h);
+    v.stringToVolumeHead(text);
+    VolumeHead r = *v.getHead();
+    QCOMPARE(r.topxyz[0], -123.457); // doubles keep 6 significant digits
+    r.topxyz[0] = h.topxyz[0];
+    QCOMPARE(std::memcmp(&r, &h, sizeof h), 0); // everything else exactly
+
+    // A shorter UID replaces only the bytes it covers.
+    v.stringToVolumeHead(QString(text).replace(QString::fromLatin1(uid64), "9.9"));
+    QCOMPARE(QByteArray(v.getHead()->SEUID, 4), QByteArray("9.9."));
+    // Keys are ignored: swapped items swap their values.
+    v.stringToVolumeHead(QString(text).replace("BitsAllocated:16;HighBit:11;", "HighBit:11;BitsAllocated:16;"));
+    QCOMPARE(v.getHead()->BitsAllocated, 11);
+    // Numbers that do not convert become 0; a short text leaves later fields alone.
+    v.stringToVolumeHead("magic:DCVM;totallen:abc;SEPK:5");
+    QVERIFY(v.getHead()->totallen == 0 && v.getHead()->SEPK == 5 && v.getHead()->BitsAllocated == 11);
+}
+
+void TestVolume::fileSizeRefusal()
+{
+    QTemporaryDir dir;
+    // 255 x 256 x 1 voxels: 130560 bytes + 512 = 131072, the largest size refused.
+    VolumeHead h = makeHead(255, 256, 1);
+    QByteArray file(int(h.totallen), '\0');
+    std::memcpy(file.data(), &h, sizeof h);
+    QVERIFY(writeFile(dir.filePath("exact.data"), file));
+    NVolume v;
+    QCOMPARE(v.loadVolume(dir.filePath("exact.data")), -1);
+
+    // One byte more, with a totallen of the file's size, loads.
+    h.totallen = file.size() + 1;
+    std::memcpy(file.data(), &h, sizeof h);
+    file.append('\x01');
+    QVERIFY(writeFile(dir.filePath("bigger.data"), file));
+    QCOMPARE(v.loadVolume(dir.filePath("bigger.data")), 1);
+    QCOMPARE(v.getWorkingSize()[0], 255);
+
+    // Refused before allocating: totallen past the end, geometry past the buffer.
+    for (int bad = 0; bad < 2; ++bad) {
+        VolumeHead head = h;
+        if (bad == 0)
+            head.totallen += 1;
+        else
+            head.volumesize[2] += 1;
+        std::memcpy(file.data(), &head, sizeof head);
+        QVERIFY(writeFile(dir.filePath("bad.data"), file));
+        QCOMPARE(v.loadVolume(dir.filePath("bad.data")), -1);
+    }
+    QCOMPARE(v.geSize()[2], 1); // the loaded volume is kept
+}
+
+void TestVolume::saveAndLoadIdentity()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    VolumeHead h = makeHead(64, 30, 20, 2);
+    std::strcpy(h.SEUID, "1.2.3.4");
+    const QByteArray voxels = randomVoxels(h.totallen - 512, 1);
+    NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    QVERIFY(v.isValid());
+    QCOMPARE(v.getHead()->totallen, h.totallen);
+    const QString path = dir.filePath("a.data");
+    QVERIFY(v.getStrVolumeHead().isEmpty());
+    QVERIFY(v.saveAs(path));
+    QCOMPARE(v.getStrVolumeHead(), v.volumeHeadtoString(h));
+
+    const QByteArray written = readAll(path);
+    QCOMPARE(written.size(), int(h.totallen));
+    QCOMPARE(written.left(368), QByteArray(reinterpret_cast<const char*>(&h), 368));
+    QCOMPARE(written.mid(368, 144), QByteArray(144, '\0'));
+    QCOMPARE(written.mid(512), voxels);
+
+    NVolume loaded;
+    QCOMPARE(loaded.loadVolume(path), 1);
+    QCOMPARE(std::memcmp(loaded.getHead(), &h, sizeof h), 0);
+    QCOMPARE(QByteArray(loaded.getData(), voxels.size()), voxels);
+    const QString again = dir.filePath("b.data");
+    QVERIFY(loaded.saveAs(again));
+    QCOMPARE(readAll(again), written);
+
+    // No buffer: true, no file, but the head string is set.
+    NDicomVolume empty(nullptr, nullptr, 0);
+    QVERIFY(!empty.isValid());
+    QVERIFY(empty.saveAs(dir.filePath("none.data")));
+    QVERIFY(!QFile::exists(dir.filePath("none.data")));
+    QVERIFY(empty.getStrVolumeHead().startsWith("magic:DCVM;totallen:0;"));
+}
+
+void TestVolume::bitMask()
+{
+    NBitVolume m(33, 4, 3);
+    QCOMPARE(m.GetElementRow(), 2);
+    m.SetAll();
+    QCOMPARE(m.CountVoxNum(true), 33 * 4 * 3); // padding bits are not counted
+    m.ClearAll();
+    m.setBit(32, 3, 2);
+    m.SetVoxel(0, 1, 1, true);
+    QCOMPARE(m.GetBuffer()[2][3 * 2 + 1], 1u); // bit 0 of the row's second word
+    QVERIFY(!m.SafeGetVoxel(33, 0, 0) && !m.CheckVox(-1, 0, 0) && m.CheckVox(32, 3, 2));
+    m.CalcBoundingBox();
+    QCOMPARE(QVector<int>({m.GetDataTopX(), m.GetDataTopY(), m.GetDataBottomX(), m.GetDataBottomZ()}),
+             QVector<int>({0, 1, 32, 2}));
+    NBitVolume other(m);
+    other.unsetBit(32, 3, 2);
+    other.XOR(m);
+    QCOMPARE(other.CountVoxNum(true), 1);
+    ~other;
+    QCOMPARE(other.CountVoxNum(true), 33 * 4 * 3 - 1);
+
+    NBitVolume fresh(8, 8, 8);
+    fresh.RecalcDataTopXYZ(-5, 2, 3);
+    QCOMPARE(fresh.GetDataTopX() + fresh.GetDataTopY(), 0);
+    fresh.ClearAll();
+    fresh.setBit(5 * 64 + 3 * 8 + 6); // the linear index matches (i, j, k) on square slices
+    QVERIFY(fresh.GetVoxel(6, 3, 5) && fresh.CountVoxNum(true) == 1);
+
+    QTemporaryDir dir;
+    int size[3] = {5, 3, 2};
+    QByteArray bytes(30, '\0');
+    bytes[(1 * 3 + 2) * 5 + 4] = 7; // voxel (4, 2, 1)
+    bytes[1] = 1;                   // voxel (1, 0, 0)
+    QVERIFY(writeFile(dir.filePath("mask.dat"), bytes) && writeFile(dir.filePath("mask.txt"), "5 3 2"));
+    NBitVolume r(5, 3, 2), wrongSize(4, 3, 2), raw;
+    QVERIFY(r.ReadFromFile(QFile::encodeName(dir.filePath("mask.txt")).constData()));
+    QVERIFY(r.GetVoxel(4, 2, 1) && r.GetVoxel(1, 0, 0) && r.CountVoxNum(true) == 2);
+    QVERIFY(!wrongSize.ReadFromFile(QFile::encodeName(dir.filePath("mask.txt")).constData()));
+    QVERIFY(raw.ReadFromRawFile(QFile::encodeName(dir.filePath("mask.dat")).constData(), size));
+    QCOMPARE(raw.CountVoxNum(true), 2);
+    QVERIFY(!raw.WriteToFile(QFile::encodeName(dir.filePath("out.dat")).constData()));
+    QVERIFY(!QFile::exists(dir.filePath("out.dat")));
+}
+
+void TestVolume::voxelAccessAndFrames()
+{
+    VolumeHead h = makeHead(6, 5, 4, 2);
+    const QByteArray voxels = randomVoxels(h.totallen - 512, 2);
+    NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    auto naive = [&](int t, int i, int j, int k) {
+        quint16 value;
+        std::memcpy(&value, voxels.constData() + t * h.volumestep[3] + k * 60 + j * 12 + i * 2, 2);
+        return value;
+    };
+    QCOMPARE(v.getVoxel(5, 4, 3), naive(0, 5, 4, 3));
+    unsigned char** layers = v.getLayers();
+    QVERIFY(reinterpret_cast<char*>(layers[2]) == v.getData() + 120);
+    const char* frame0 = v.getData();
+    const QVector<unsigned char*> before(layers, layers + 4);
+
+    v.setTimeIndex(2); // timeNum: no change
+    QVERIFY(v.getData() == frame0);
+    v.setTimeIndex(1);
+    QCOMPARE(v.getTimeIndex(), 1);
+    QVERIFY(v.getData() == frame0 + h.volumestep[3]);
+    layers = v.getLayers();
+    for (int k = 0; k < 4; ++k)
+        QVERIFY(layers[k] == before[k] + h.volumestep[3]);
+    QCOMPARE(v.getVoxel(1, 2, 3), naive(1, 1, 2, 3));
+    v.setVoxelValue16u(1, 2, 3, 40000);
+    QCOMPARE(v.getVoxel(1, 2, 3), quint16(40000));
+
+    // A head claiming more frames than the buffer holds never moves past it.
+    VolumeHead lying = h;
+    lying.timeNum = 5;
+    NDicomVolume short_(&lying, const_cast<char*>(voxels.constData()), voxels.size());
+    short_.setTimeIndex(2);
+    QCOMPARE(short_.getTimeIndex(), 0);
+
+    // clone copies the source's current frame into a 368-byte-header volume.
+    NVolume copy;
+    copy.clone(&v);
+    QVERIFY(copy.getHead()->totallen == h.volumestep[3] + 368 && copy.getHead()->timeNum == 2);
+    QCOMPARE(QByteArray(copy.getData(), h.volumestep[3]), QByteArray(v.getData(), h.volumestep[3]));
+
+    // A head string with impossible sizes: cloning it gives an empty volume, not an overflow.
+    NVolume bogus;
+    bogus.stringToVolumeHead(v.volumeHeadtoString(h).replace("volumesize:6,5,4", "volumesize:100000,100000,9"));
+    NVolume fromBogus;
+    fromBogus.clone(&bogus);
+    QVERIFY(!fromBogus.isValid());
+    NDicomImage none;
+    QVERIFY(!bogus.getDicomImagePlane(none, 0, 1, AxisK, RenderMax));
+}
+
+void TestVolume::transforms()
+{
+    // Oblique geometry: axes rotated about two axes, anisotropic spacing.
+    VolumeHead h = makeHead(20, 30, 10);
+    const double a = 0.3, b = -0.7;
+    const double r[9] = {std::cos(a), std::sin(a), 0, -std::sin(a) * std::cos(b), std::cos(a) * std::cos(b),
+                         std::sin(b), std::sin(a) * std::sin(b), -std::cos(a) * std::sin(b), std::cos(b)};
+    std::memcpy(h.orientation, r, sizeof r);
+    const double s[3] = {0.7, 0.9, 3.5}, t[3] = {-120.25, 35.5, 60};
+    std::memcpy(h.voxelspace, s, sizeof s);
+    std::memcpy(h.topxyz, t, sizeof t);
+    const QByteArray voxels(int(h.totallen - 512), '\0');
+    NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    for (const auto& ijk : {std::array<int, 3>{0, 0, 0}, {19, 29, 9}, {7, 3, 5}, {0, 29, 2}}) {
+        const double* p = v.getPointXYZ(ijk[0], ijk[1], ijk[2]);
+        for (int c = 0; c < 3; ++c)
+            QVERIFY(std::fabs(p[c] - (t[c] + ijk[0] * s[0] * r[c] + ijk[1] * s[1] * r[3 + c] + ijk[2] * s[2] * r[6 + c])) < 1e-9);
+        const float* f = v.getPointFIJK(p[0], p[1], p[2]);
+        for (int c = 0; c < 3; ++c)
+            QVERIFY2(std::fabs(f[c] - ijk[c]) < 1e-3, qPrintable(QString("axis %1: %2").arg(c).arg(f[c])));
+    }
+    v.getCubeEightTopPosition();
+    QCOMPARE(v.getTopPointFirstLeftandUp()[7 * 3 + 2], v.getPointXYZ(19, 29, 0)[2]);
+
+    VolumeHead id = makeHead(10, 20, 30);
+    const QByteArray none(int(id.totallen - 512), '\0');
+    NDicomVolume plain(&id, const_cast<char*>(none.constData()), none.size());
+    double x, y, z;
+    plain.getCenterPoint(x, y, z);
+    QVERIFY(x == -5 && y == -10 && z == -15);
+
+    const double* rev = v.getReverse(1, -2, 2); // a tie: unchanged
+    QCOMPARE(QVector<double>(rev, rev + 3), QVector<double>({1, -2, 2}));
+    rev = v.getReverse(0.1, 0.2, -0.9);
+    QCOMPARE(QVector<double>(rev, rev + 3), QVector<double>({0.1, 0.2, 0.9}));
+    QVERIFY(v.getPosiOrNegativeOrien(0, 0, -1) == -1 && v.getPosiOrNegativeOrien(0.9, 0.1, 0) == 1);
+    QVERIFY(v.getmainz(0.2, 0.9, 0.1) == 2 && v.getmainz(-0.2, 0.1, -0.95) == 3);
+}
+
+void TestVolume::histogramAndMask()
+{
+    // 64 x 64 x 16 zero voxels: counter 0 wraps back to 0.
+    VolumeHead h = makeHead(64, 64, 16);
+    QByteArray voxels(int(h.totallen - 512), '\0');
+    const qint16 minusOne = -1;
+    std::memcpy(voxels.data() + 2 * 7, &minusOne, 2);
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    QVector<unsigned short> counters(65536, 0);
+    v.getpixels(counters.data());
+    QCOMPARE(int(counters[0]), 65535);
+    QCOMPARE(int(counters[65535]), 1);
+
+    VolumeHead small = makeHead(35, 3, 2);
+    const QByteArray data = randomVoxels(small.totallen - 512, 3);
+    NDicomVolume m(&small, const_cast<char*>(data.constData()), data.size());
+    NBitVolume mask(35, 3, 2);
+    mask.SetAll();
+    NVolume::maskVolume(&m, &mask);
+    QCOMPARE(QByteArray(m.getData(), data.size()), data);
+    mask.ClearAll();
+    mask.setBit(33, 2, 1);
+    NVolume::maskVolume(&m, &mask);
+    for (int k = 0; k < 2; ++k)
+        for (int j = 0; j < 3; ++j)
+            for (int i = 0; i < 35; ++i) {
+                quint16 expected = 0;
+                if (i == 33 && j == 2 && k == 1)
+                    std::memcpy(&expected, data.constData() + (k * 3 + j) * 70 + i * 2, 2);
+                QCOMPARE(m.getVoxel(i, j, k), expected);
+            }
+}
+
+void TestVolume::companion()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    VolumeHead h = makeHead(256, 256, 2);
+    const QByteArray voxels = randomVoxels(h.totallen - 512, 4);
+    NDicomVolume source(&h, const_cast<char*>(voxels.constData()), voxels.size());
+    const QString path = dir.filePath("c.data");
+    QVERIFY(source.saveAs(path));
+
+    qputenv("KESTREL_VOLUME_PLUGIN", QFile::encodeName(dir.filePath("no-such-plugin.so")));
+    NVolume plain;
+    QCOMPARE(plain.loadVolume(path), 1);
+    QVERIFY(!plain.getVelIVolume());
+    NDicomImage image;
+    QVERIFY(!plain.rotateX(30, image));
+    QVERIFY(!plain.StandardImage(image, true));
+
+    qputenv("KESTREL_VOLUME_PLUGIN", KESTREL_TEST_VOLUME_PLUGIN);
+    NVolume bound;
+    QCOMPARE(bound.loadVolume(path), 1);
+    QVERIFY(bound.getVelIVolume());
+    QCOMPARE(bound.property("companionCalls").toStringList(), QStringList{"setVolume"});
+    QVERIFY(bound.rotateX(30, image));
+    QVERIFY(bound.rotateY(-15, image));
+    QVERIFY(bound.rotateZ(2.5, image));
+    QVERIFY(bound.rotateWXYZ(45, 0, 0, 1, image));
+    QVERIFY(bound.getRotateImage(10, 1, 0, 0, image));
+    QVERIFY(bound.shake(5, image));
+    QVERIFY(bound.StandardImage(image, true));
+    QCOMPARE(bound.property("companionCalls").toStringList(),
+             QStringList({"setVolume", "rotateX 30", "rotateY -15", "rotateZ 2.5", "rotateWXYZ 45 0 0 1",
+                          "getRotateImage 10 1 0 0", "shake 5", "StandardImage 1"}));
+    qunsetenv("KESTREL_VOLUME_PLUGIN");
+}
+
+void TestVolume::simdKernels()
+{
+    std::mt19937 rng(7);
+    for (int n : {1, 7, 8, 9, 17, 1003}) {
+        QVector<short> a(n), b(n);
+        for (int i = 0; i < n; ++i)
+            a[i] = short(rng()), b[i] = short(rng());
+        QVector<short> simd = a, scalar = a;
+        maxInPlaceS16(simd.data(), b.constData(), n);
+        maxInPlaceS16Scalar(scalar.data(), b.constData(), n);
+        minInPlaceS16(simd.data(), a.constData(), n);
+        minInPlaceS16Scalar(scalar.data(), a.constData(), n);
+        QCOMPARE(simd, scalar);
+        QVector<qint32> accSimd(n, -5), accScalar(n, -5);
+        accumulateS16(accSimd.data(), b.constData(), n);
+        accumulateS16Scalar(accScalar.data(), b.constData(), n);
+        QCOMPARE(accSimd, accScalar);
+        divideToS16(simd.data(), accSimd.constData(), n, 3);
+        divideToS16Scalar(scalar.data(), accScalar.constData(), n, 3);
+        QCOMPARE(simd, scalar);
+        QCOMPARE(reduceMaxS16(a.constData(), n), reduceMaxS16Scalar(a.constData(), n));
+        QCOMPARE(reduceMinS16(a.constData(), n), reduceMinS16Scalar(a.constData(), n));
+        QCOMPARE(reduceSumS16(a.constData(), n), reduceSumS16Scalar(a.constData(), n));
+    }
+}
+
+void TestVolume::trilinearSample()
+{
+    // 4 x 3 x 3 voxels; strides 2, 8, 24.
+    QVector<short> v(36);
+    std::mt19937 rng(11);
+    std::uniform_int_distribution<int> dist(-3000, 3000);
+    for (short& x : v)
+        x = short(dist(rng));
+    v[0] = -10;
+    v[1] = 10;
+    v[5] = 1234;
+    int steps[3] = {2, 8, 24};
+    char* data = reinterpret_cast<char*>(v.data());
+    QCOMPARE(voxel_valued_sse4_s16(data, steps, 1, 1, 0), short(1234));
+    QCOMPARE(voxel_valued_sse4_s16(data, steps, 0.5f, 0, 0), short(0));
+    QCOMPARE(voxel_valued_sse4_s16(data, steps, 0.25f, 0, 0), short(32767));
+    const short near10 = voxel_valued_sse4_s16(data, steps, 0.75f, 0, 0);
+    QVERIFY(near10 > 0 && near10 <= 10);
+    for (int n = 0; n < 500; ++n) {
+        std::uniform_real_distribution<float> fx(0, 2.999f), fyz(0, 1.999f);
+        const float x = fx(rng), y = fyz(rng), z = fyz(rng);
+        QCOMPARE(voxel_valued_sse4_s16(data, steps, x, y, z), voxelValuedScalarS16(data, steps, x, y, z));
+    }
+}
+
+void TestVolume::slabReductions()
+{
+    // Odd sizes exercise the vector tails; whole-volume slabs of the largest take the threaded path.
+    for (const auto& size : {std::array<int, 3>{37, 29, 23}, std::array<int, 3>{128, 96, 48},
+                             std::array<int, 3>{512, 256, 256}}) {
+        const bool large = size[2] == 256;
+        VolumeHead h = makeHead(size[0], size[1], size[2]);
+        const QByteArray voxels = randomVoxels(h.totallen - 512, unsigned(size[0]));
+        NDicomVolume v(&h, const_cast<char*>(voxels.constData()), voxels.size());
+        for (int axis = 1; axis <= 3; ++axis) {
+            const int n = size[axis - 1];
+            const std::array<int, 2> cases[] = {{0, 1}, {0, 4}, {n - 1, 4}, {n / 2, 1}, {n / 2, 7},
+                                                {n - 2, 0}, {1, n}, {n / 2, 2 * n}};
+            for (const auto& c : cases)
+                for (int render : {0, 1, 2}) {
+                    if (large && c[1] != 2 * n)
+                        continue;
+                    NDicomImage image;
+                    QVERIFY(v.getDicomImagePlane(image, c[0], c[1], EMainAxis(axis), RenderType(render)));
+                    int w, hgt;
+                    const QVector<short> expected = naivePlane(h, voxels, axis, c[0], c[1], render, w, hgt);
+                    QCOMPARE(image.width(), w);
+                    QCOMPARE(image.height(), hgt);
+                    QVERIFY2(pixels(image) == expected,
+                             qPrintable(QString("axis %1 index %2 thickness %3 render %4")
+                                            .arg(axis).arg(c[0]).arg(c[1]).arg(render)));
+                }
+            NDicomImage image;
+            QVERIFY(!v.getDicomImagePlane(image, n, 1, EMainAxis(axis), RenderMax));
+            QVERIFY(!v.getDicomImagePlane(image, -1, 3, EMainAxis(axis), RenderAverage));
+        }
+    }
+
+    // All values negative: only the coronal maximum is floored at 0.
+    VolumeHead h = makeHead(9, 8, 7);
+    QByteArray voxels(int(h.totallen - 512), '\0');
+    for (int i = 0; i < voxels.size(); i += 2) {
+        const qint16 value = qint16(-5 - (i / 2) % 11);
+        std::memcpy(voxels.data() + i, &value, 2);
+    }
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    NDicomImage image;
+    QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisJ, RenderMax));
+    QCOMPARE(pixels(image), QVector<short>(9 * 7, 0));
+    QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisK, RenderMax));
+    const QVector<short> axial = pixels(image);
+    QCOMPARE(*std::max_element(axial.cbegin(), axial.cend()), short(-5));
+    QVERIFY(v.getDicomImagePlane(image, 3, 2, EMainAxis(4), RenderMax)); // no such axis: untouched
+    QCOMPARE(image.width(), 9);
+    QCOMPARE(image.getThickness(), 100.0);
+}
+
+void TestVolume::displayTables()
+{
+    // Every axis-aligned orientation (signed permutations), each plane: pixel (x, y) must be the
+    // voxel found at position + x * spacing * row + y * spacing * column.
+    VolumeHead h = makeHead(7, 6, 5);
+    h.voxelspace[0] = 0.5;
+    h.voxelspace[1] = 0.75;
+    h.voxelspace[2] = 2;
+    h.topxyz[0] = 10;
+    h.topxyz[1] = -20;
+    h.topxyz[2] = 30;
+    h.RescaleIntercept = -1024;
+    QByteArray voxels = randomVoxels(h.totallen - 512, 5);
+    const int perms[6][3] = {{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}};
+    int checked = 0;
+    for (const auto& perm : perms)
+        for (int signs = 0; signs < 8; ++signs) {
+            std::memset(h.orientation, 0, sizeof h.orientation);
+            int view[3];
+            for (int a = 0; a < 3; ++a) {
+                h.orientation[3 * a + perm[a]] = (signs >> a) & 1 ? -1 : 1;
+                view[a] = perm[a];
+            }
+            NDicomVolume v(&h, voxels.data(), voxels.size());
+            for (int fixed = 1; fixed <= 3; ++fixed) {
+                NDicomImage image;
+                const int index = 2;
+                // The minimum rule on one plane gives the voxels themselves on every axis.
+                const bool ok = fixed == 1 ? v.getDicomImagePlaneI(image, index, 1, view, RenderMin)
+                    : fixed == 2           ? v.getDicomImagePlaneJ(image, index, 1, view, RenderMin)
+                                           : v.getDicomImagePlaneK(image, index, 1, view, RenderMin);
+                QVERIFY(ok);
+                QCOMPARE(image.getIntercept(), -1024.0);
+                const double* pos = image.getPosition();
+                const double* row = image.getOrientation(0);
+                const double* col = image.getOrientation(1);
+                const double* sp = image.getPixelSpacing();
+                for (int y = 0; y < image.height(); ++y)
+                    for (int x = 0; x < image.width(); ++x) {
+                        double p[3];
+                        for (int c = 0; c < 3; ++c)
+                            p[c] = pos[c] + x * sp[0] * row[c] + y * sp[1] * col[c];
+                        const float* f = v.getPointFIJK(p[0], p[1], p[2]);
+                        const int ijk[3] = {int(std::lround(f[0])), int(std::lround(f[1])), int(std::lround(f[2]))};
+                        QCOMPARE(ijk[fixed - 1], index);
+                        QVERIFY2(image.getValue16u(x, y) == v.getVoxel(ijk[0], ijk[1], ijk[2]),
+                                 qPrintable(QString("fixed %1 view %2 %3 %4 signs %5 pixel %6,%7")
+                                                .arg(fixed).arg(view[0]).arg(view[1]).arg(view[2]).arg(signs).arg(x).arg(y)));
+                    }
+                ++checked;
+            }
+        }
+    QCOMPARE(checked, 144);
+
+    // Identity geometry: the axial image is the raw slice, with the slab's thickness.
+    std::memset(h.orientation, 0, sizeof h.orientation);
+    h.orientation[0] = h.orientation[4] = h.orientation[8] = 1;
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    int view[3] = {0, 1, 2};
+    NDicomImage image, raw;
+    QVERIFY(v.getDicomImagePlaneK(image, 4, 3, view, RenderAverage));
+    QVERIFY(v.getDicomImagePlane(raw, 4, 3, AxisK, RenderAverage));
+    QCOMPARE(pixels(image), pixels(raw));
+    QVERIFY(image.getThickness() == 6 && image.getOriThickness() == 2);
+    QVERIFY(!v.getDicomImagePlaneK(image, 5, 1, view, RenderMax) && !v.getDicomImagePlaneI(image, 7, 1, nullptr, RenderMax));
+}
+
+void TestVolume::axialCoronalSagittalChoice()
+{
+    VolumeHead h = makeHead(8, 7, 6);
+    // Slices along x (sagittal acquisition): i = +y, j = -z, k = +x.
+    std::memset(h.orientation, 0, sizeof h.orientation);
+    h.orientation[1] = 1;
+    h.orientation[5] = -1;
+    h.orientation[6] = 1;
+    QByteArray voxels = randomVoxels(h.totallen - 512, 9);
+    NDicomVolume v(&h, voxels.data(), voxels.size());
+    NDicomImage image;
+    // Axial: across j (dominated by z); its width runs along i (y) or k (x).
+    QVERIFY(v.getDicomImagePlaneAxi(image, 3, 1, RenderMax));
+    QCOMPARE(image.width() * image.height(), 8 * 6);
+    QCOMPARE(std::fabs(image.getOrientation(0)[2]) + std::fabs(image.getOrientation(1)[2]), 0.0);
+    QVERIFY(!v.getDicomImagePlaneAxi(image, 7, 1, RenderMax)); // j has 7 planes
+    // Sagittal: the raw k plane.
+    QVERIFY(v.getDicomImagePlaneSag(image, 5, 1, RenderMin));
+    QCOMPARE(std::fabs(image.getOrientation(0)[0]) + std::fabs(image.getOrientation(1)[0]), 0.0);
+    // Coronal: across i (dominated by y).
+    QVERIFY(v.getDicomImagePlaneCor(image, 0, 1, RenderAverage));
+    QCOMPARE(image.width() * image.height(), 7 * 6);
+
+    QCOMPARE(v.getAxiSliceNum(), 7);
+    QCOMPARE(v.getCorSliceNum(), 8);
+    QCOMPARE(v.getSagSliceNum(), 6);
+
+    QVERIFY(!v.getDicomImagePlaneByIndex(image, 0));
+    QCOMPARE(image.width(), 8);
+    QCOMPARE(image.height(), 7);
+}
+
+void TestVolume::seriesToVolume()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    SyntheticImage base;
+    base.rows = 12;
+    base.columns = 16;
+    base.rowSpacing = 0.8;
+    base.columnSpacing = 0.6;
+    base.position = {-10, 20, 30};
+    base.pixel = [](int x, int y, int) { return 100 * y + x; };
+    const QStringList files = writeSyntheticSeries(dir.path(), base, 5, {0, 0, 5});
+    QCOMPARE(files.size(), 5);
+    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+
+    NDicomVolume v;
+    QSignalSpy progress(&v, &NDicomVolume::processBar);
+    v.loadSeries(series.get());
+    QVERIFY(v.isValid());
+    QCOMPARE(progress.count(), 5);
+    QCOMPARE(progress.last().at(0).toInt(), 100);
+    const VolumeHead& h = *v.getHead();
+    QVERIFY(QByteArray(h.magic, 4) == "DCVM" && h.SEPK == 42 && h.WindowWidth == 2000);
+    QVERIFY(h.volumesize[0] == 16 && h.volumesize[1] == 12 && h.volumesize[2] == 5);
+    QCOMPARE(h.totallen, qint64(16 * 12 * 5 * 2 + 512));
+    // Pixel Spacing values in their stored order; slice spacing from the positions.
+    QVERIFY(h.voxelspace[0] == 0.8 && h.voxelspace[1] == 0.6 && h.voxelspace[2] == 5);
+    QCOMPARE(std::fabs(h.orientation[8]), 1.0);
+    QCOMPARE(std::memcmp(h.orientation, v.getWorkingOrientation(), sizeof h.orientation), 0);
+    QCOMPARE(std::memcmp(v.getData() - 512, &h, sizeof h), 0);
+    for (int k = 0; k < 5; ++k)
+        QCOMPARE(v.getVoxel(15, 11, k), quint16(1115));
+    checkSlicePositions(v, v.getVolumeSeries());
+    QCOMPARE(v.getSliceIndexByPosition(-10, 20, 30 + 5 * (v.getHead()->isOrder == 1 ? 3 : 1)), 3);
+    QCOMPARE(v.getSliceIndexByPosition(500, 20, 40), 0);
+
+    // A series of one image builds nothing.
+    std::unique_ptr<QSeries> single(seriesFromFiles(files.mid(0, 1)));
+    NDicomVolume none;
+    none.loadSeries(single.get());
+    QVERIFY(!none.isValid());
+
+    // Reversed slices are put back in increasing order by the standard form.
+    // Column direction -y: the slice normal, and so the k direction, is -z.
+    SyntheticImage flipped = base;
+    flipped.orientation = {1, 0, 0, 0, -1, 0};
+    std::unique_ptr<QSeries> reversed(
+        seriesFromFiles(writeSyntheticSeries(dir.filePath("down"), flipped, 3, normalStep(flipped, 5))));
+    NDicomVolume down;
+    down.loadSeries(reversed.get());
+    QVERIFY(down.isValid());
+    QCOMPARE(down.getHead()->orientation[8], -1.0);
+    const int order = down.getHead()->isOrder;
+    const double lowest = down.getPointXYZ(0, 0, 2)[2];
+    down.getStandardDicomVolume();
+    QCOMPARE(down.getHead()->orientation[8], 1.0);
+    QCOMPARE(down.getHead()->isOrder, -order);
+    QCOMPARE(down.getPointXYZ(0, 0, 0)[2], lowest);
+}
+
+void TestVolume::signedAndOddSeries()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    // CT-like signed data: -1024..3071 in every slice becomes 0..4095 with intercept -1024.
+    SyntheticImage ct;
+    ct.modality = "CT";
+    ct.rows = ct.columns = 64;
+    ct.bitsStored = 16;
+    ct.pixelRepresentation = 1;
+    ct.pixel = [](int x, int y, int) { return -1024 + (y * 64 + x); };
+    std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(dir.filePath("ct"), ct, 3)));
+    NDicomVolume v;
+    v.loadSeries(series.get());
+    QVERIFY(v.isValid());
+    QCOMPARE(v.getHead()->RescaleIntercept, -1024.0);
+    QCOMPARE(v.getHead()->RescaleSlope, 1.0);
+    QCOMPARE(v.getVoxel(0, 0, 2), quint16(0));
+    QCOMPARE(v.getVoxel(63, 63, 2), quint16(4095));
+
+    // Signed declared, minimum 0: the shift starts from -1.
+    SyntheticImage positive = ct;
+    positive.pixel = [](int x, int, int) { return x; };
+    std::unique_ptr<QSeries> pos(seriesFromFiles(writeSyntheticSeries(dir.filePath("pos"), positive, 2)));
+    NDicomVolume p;
+    p.loadSeries(pos.get());
+    QCOMPARE(p.getHead()->RescaleIntercept, -1.0);
+    QCOMPARE(p.getVoxel(0, 0, 0), quint16(1));
+
+    // Missing and mismatched slice files are skipped: later slices move up, the last stays black.
+    SyntheticImage plain;
+    plain.pixel = [](int x, int, int) { return x + 1; };
+    QStringList files = writeSyntheticSeries(dir.filePath("gaps"), plain, 4);
+    SyntheticImage bigger = plain;
+    bigger.rows = 40;
+    bigger.position = {0, 0, 2};
+    QVERIFY(writeSyntheticImage(files[2], bigger));
+    std::unique_ptr<QSeries> gaps(seriesFromFiles(files));
+    gaps->getInstances()[2]->setImageSize(32, 32); // the catalogue still says 32 x 32
+    QFile::remove(files[1]);
+    gaps->getInstances().insert(1, new QInstance(gaps.get()));
+    QInstance* lost = gaps->getInstances()[1];
+    lost->setFilePath(files[1]);
+    lost->setPosition("0\\0\\1");
+    lost->setOrientation("1\\0\\0\\0\\1\\0");
+    lost->setImageSize(32, 32);
+    lost->setPixelSpacing("1\\1");
+    NDicomVolume g;
+    g.loadSeries(gaps.get());
+    QCOMPARE(g.geSize()[2], 4);
+    QCOMPARE(g.getVoxel(5, 5, 0), quint16(6));
+    QCOMPARE(g.getVoxel(5, 5, 1), quint16(6)); // slice 3's pixels
+    QCOMPARE(g.getVoxel(5, 5, 2), quint16(0));
+    QCOMPARE(g.getVoxel(5, 5, 3), quint16(0));
+
+    // 8-bit data is widened to 16-bit voxels.
+    SyntheticImage bytes = plain;
+    bytes.bitsAllocated = bytes.bitsStored = 8;
+    bytes.pixel = [](int x, int y, int) { return (x * 8 + y) & 0xff; };
+    std::unique_ptr<QSeries> narrow(seriesFromFiles(writeSyntheticSeries(dir.filePath("u8"), bytes, 2)));
+    NDicomVolume b;
+    b.loadSeries(narrow.get());
+    QVERIFY(b.isValid());
+    QCOMPARE(b.getHead()->volumestep[0], 2);
+    QCOMPARE(b.getVoxel(31, 7, 1), quint16((31 * 8 + 7) & 0xff));
+    NDicomImage axial;
+    QVERIFY(b.getDicomImagePlaneAxi(axial, 1, 1, RenderMax));
+    QCOMPARE(axial.getValue16u(31, 7), quint16((31 * 8 + 7) & 0xff));
+}
+
+void TestVolume::fourDimensions()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QList<QSeries*> list;
+    QObject owner;
+    for (int t = 0; t < 3; ++t) {
+        SyntheticImage base;
+        base.rows = base.columns = 8;
+        base.pixel = [t](int x, int y, int) { return 1000 * t + 10 * y + x; };
+        list << seriesFromFiles(writeSyntheticSeries(dir.filePath(QString::number(t)), base, 4), &owner);
+    }
+    NDicomVolume v;
+    v.loadSeries(list);
+    QVERIFY(v.isValid());
+    const VolumeHead& h = *v.getHead();
+    QCOMPARE(h.timeNum, 3);
+    QCOMPARE(h.totallen, qint64(h.volumestep[3]) * 3 + 512);
+    QCOMPARE(h.volumestep[3], 8 * 8 * 4 * 2);
+    for (int t = 0; t < 3; ++t) {
+        v.setTimeIndex(t);
+        QVERIFY(v.getData() == reinterpret_cast<char*>(v.getLayers()[0]));
+        QCOMPARE(v.getVoxel(7, 6, 3), quint16(1000 * t + 67));
+    }
+}
+
+void TestVolume::cacheCycle()
+{
+    QFETCH(QString, backend);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    // The cache folder comes from ../config/cache.ini relative to the working directory.
+    QVERIFY(QDir().mkpath(catalog.path("work")));
+    QVERIFY(QDir().mkpath(catalog.path("config")));
+    {
+        QSettings ini(catalog.path("config/cache.ini"), QSettings::IniFormat);
+        ini.setValue("registration/cachepath", catalog.path("cache"));
+    }
+    const QString previous = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(catalog.path("work")));
+    auto restore = qScopeGuard([&] { QDir::setCurrent(previous); });
+
+    SyntheticImage base;
+    base.rows = 64;
+    base.columns = 128;
+    const QStringList files = writeSyntheticSeries(catalog.path("dicom"), base, 10);
+    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    const QString key = series->getSeriesBase();
+    const QString where = QString("SeriesInstanceUID = '%1'").arg(key);
+
+    NDicomVolume built;
+    QSignalSpy builtInfo(&built, &NDicomVolume::registrationInfo);
+    QVERIFY(built.getVolumeFromSeriesUID(series.get()));
+    QCOMPARE(builtInfo.takeFirst().at(0).toInt(), 0);
+    const QString file = catalog.path("cache") + "/" + key + ".data";
+    QCOMPARE(built.getCurVolumeDataPath(), file);
+    QVERIFY(QFile::exists(file));
+    QCOMPARE(TestCatalog::count("registration", where), 1);
+    {
+        QSqlQuery q("SELECT VolumeHead, ServerAddress FROM registration");
+        QVERIFY(q.next());
+        QCOMPARE(q.value(0).toString(), built.volumeHeadtoString(*built.getHead()));
+        QCOMPARE(q.value(1).toString(), QString(""));
+    }
+
+    NDicomVolume cached;
+    QSignalSpy hitInfo(&cached, &NDicomVolume::registrationInfo);
+    QVERIFY(cached.getVolumeFromSeriesUID(series.get()));
+    QCOMPARE(hitInfo.takeFirst().at(0).toInt(), 1);
+    QCOMPARE(cached.getCurVolumeDataPath(), file);
+    QCOMPARE(std::memcmp(cached.getHead(), built.getHead(), sizeof(VolumeHead)), 0);
+    QCOMPARE(QByteArray(cached.getData(), built.getHead()->volumestep[3]),
+             QByteArray(built.getData(), built.getHead()->volumestep[3]));
+    QCOMPARE(TestCatalog::count("registration", where), 1);
+
+    // The registered file is gone: unregistered, rebuilt and registered again.
+    QVERIFY(QFile::remove(file));
+    NDicomVolume rebuilt;
+    QVERIFY(rebuilt.getVolumeFromSeriesUID(series.get()));
+    QVERIFY(QFile::exists(file));
+    QCOMPARE(TestCatalog::count("registration", where), 1);
+    QCOMPARE(rebuilt.getVoxel(5, 6, 7), built.getVoxel(5, 6, 7));
+}
+
+void TestVolume::realSeries_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<bool>("axialOnly");
+    QTest::newRow("siemens_t1_sag") << "siemens_t1_sag" << false;
+    QTest::newRow("ct_ge_3slice") << "ct_ge_3slice" << false;
+    QTest::newRow("ge_localizer_3plane axial") << "ge_localizer_3plane" << true;
+}
+
+void TestVolume::realSeries()
+{
+    QFETCH(QString, folder);
+    QFETCH(bool, axialOnly);
+    const QString path = sharedDataPath(folder);
+    if (path.isEmpty())
+        QSKIP("the shared DICOM data is not present");
+    QStringList files;
+    for (const QString& name : QDir(path).entryList(QDir::Files, QDir::Name)) {
+        const QString file = QDir(path).filePath(name);
+        if (axialOnly) {
+            DcmFileFormat format;
+            if (format.loadFile(QFile::encodeName(file).constData()).bad())
+                continue;
+            const QVector<double> iop = dcmDoubles(format.getDataset(), DCM_ImageOrientationPatient);
+            if (iop.size() < 6 || std::fabs(iop[0]) < 0.9 || std::fabs(iop[4]) < 0.9)
+                continue;
+        }
+        files << file;
+    }
+    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    NDicomVolume v;
+    v.loadSeries(series.get());
+    QVERIFY(v.isValid());
+    checkSlicePositions(v, v.getVolumeSeries());
+    for (auto cut : {&NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getDicomImagePlaneCor,
+                     &NDicomVolume::getDicomImagePlaneSag}) {
+        NDicomImage image;
+        QVERIFY((v.*cut)(image, 1, 1, RenderMax));
+        QVERIFY(image.width() > 1 && image.height() > 1);
+    }
+    if (folder == "ct_ge_3slice")
+        QCOMPARE(v.getHead()->RescaleIntercept < 0, true);
+}
+
+QTEST_GUILESS_MAIN(TestVolume)
+#include "tst_volume.moc"
