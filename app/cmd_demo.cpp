@@ -1,20 +1,139 @@
-// kestrel demo: the main job on the embedded catalogue. Writes a phantom study, catalogues it,
-// and shows what the library makes of it.
+// kestrel demo: the main job on the embedded catalogue. Writes a phantom MR study, catalogues
+// it, prints the tree, builds the axial volume through the cache and writes PNG planes, a MIP
+// slab and an overview with the MR overlay text.
+#include "catalog.h"
 #include "command.h"
 #include "phantom.h"
 
+#include "internal/dcmvalues.h"
 #include "kestrelpaths.h"
-#include "veldatabaseconnection.h"
+#include "ndicomimage.h"
+#include "ndicomvolume.h"
+#include "qdcmfiles.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "viewfourcornerinfoconfig.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdict.h>
+#include <dcmtk/dcmdata/dcdicent.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmdata/dctag.h>
 
 #include <QCommandLineParser>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
+#include <QImage>
+#include <QPainter>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QTextStream>
 #include <QVariant>
 
 namespace {
+
+struct Panel {
+    QString label;
+    QImage image;
+    double aspect; // physical height / width of one pixel
+};
+
+qint64 seriesKey(const QString& seriesUid)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    query.prepare("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?");
+    query.addBindValue(seriesUid);
+    return query.exec() && query.next() ? query.value(0).toLongLong() : -1;
+}
+
+bool isCached(const QString& seriesBase)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    query.prepare("SELECT Savepath FROM registration WHERE SeriesInstanceUID = ?");
+    query.addBindValue(seriesBase);
+    return query.exec() && query.next() && QFileInfo::exists(query.value(0).toString());
+}
+
+// The plane as a radiologist reads it: the head at the top. Planes whose rows run towards the
+// feet-to-head direction are shown mirrored top to bottom.
+QImage upright(NDicomImage& image, const QImage& picture)
+{
+    const double* column = image.getOrientation(1);
+    return column && column[2] > 0.5 ? picture.mirrored(false, true) : picture;
+}
+
+// The value of the DICOM keyword FIELD in DATASET, as text.
+QString fieldValue(DcmItem* dataset, const QString& field)
+{
+    const DcmDictEntry* entry = dcmDataDict.rdlock().findEntry(field.toLatin1().constData());
+    const DcmTagKey key = entry ? entry->getKey() : DcmTagKey();
+    dcmDataDict.rdunlock();
+    return entry ? kestrel::internal::dcmDecodedString(dataset, key) : QString();
+}
+
+// The overlay lines of one corner of the MR view, filled from the file's attributes.
+QStringList cornerLines(const QString& corner, DcmItem* dataset)
+{
+    std::shared_ptr<QSettings> settings = ViewFourCornerInfoConfig::getSetting("MR");
+    QStringList lines;
+    settings->beginGroup(corner);
+    QStringList keys = settings->childKeys();
+    std::sort(keys.begin(), keys.end());
+    for (const QString& key : keys) {
+        const QStringList parsed = ViewFourCornerInfoConfig::parse(settings->value(key).toString());
+        QString line = parsed.value(0);
+        for (int i = 1; i < parsed.size(); ++i)
+            line = line.arg(fieldValue(dataset, parsed.at(i)));
+        lines << line;
+    }
+    settings->endGroup();
+    return lines;
+}
+
+QImage overview(const QList<Panel>& panels, const QString& firstFile)
+{
+    const int height = 320, margin = 12, labelHeight = 28;
+    QList<QImage> scaled;
+    int width = margin;
+    for (const Panel& panel : panels) {
+        const double physicalWidth = panel.image.width();
+        const double physicalHeight = panel.image.height() * panel.aspect;
+        const int w = int(height * physicalWidth / physicalHeight + 0.5);
+        scaled << panel.image.scaled(w, height, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        width += w + margin;
+    }
+    QImage canvas(width, height + labelHeight + 2 * margin, QImage::Format_RGB32);
+    canvas.fill(QColor(24, 24, 28));
+    QPainter painter(&canvas);
+    painter.setRenderHint(QPainter::TextAntialiasing);
+    QFont font("DejaVu Sans");
+    font.setPixelSize(14);
+    painter.setFont(font);
+    int x = margin;
+    for (int i = 0; i < panels.size(); ++i) {
+        painter.drawImage(x, margin, scaled[i]);
+        painter.setPen(QColor(230, 230, 230));
+        painter.drawText(QRect(x, margin + height + 4, scaled[i].width(), labelHeight), Qt::AlignHCenter | Qt::AlignTop,
+                         panels[i].label);
+        x += scaled[i].width() + margin;
+    }
+
+    // The overlay text of the MR view in the corners of the first panel.
+    DcmFileFormat file;
+    if (file.loadFile(QFile::encodeName(firstFile).constData()).good()) {
+        font.setPixelSize(10);
+        painter.setFont(font);
+        painter.setPen(QColor(255, 220, 120));
+        const QRect area(margin + 4, margin + 2, scaled[0].width() - 8, height - 4);
+        const struct { const char* group; int align; } corners[] = {
+            {"TopLeft", Qt::AlignLeft | Qt::AlignTop}, {"TopRight", Qt::AlignRight | Qt::AlignTop},
+            {"BottomLeft", Qt::AlignLeft | Qt::AlignBottom}, {"BottomRight", Qt::AlignRight | Qt::AlignBottom}};
+        for (const auto& corner : corners)
+            painter.drawText(area, corner.align, cornerLines(corner.group, file.getDataset()).join('\n'));
+    }
+    return canvas;
+}
 
 int runDemo(const QStringList& args)
 {
@@ -34,19 +153,97 @@ int runDemo(const QStringList& args)
     QElapsedTimer timer;
     timer.start();
     const QString outDir = QDir(parser.value("out")).absolutePath();
-    QDir().mkpath(outDir);
+    if (!QDir().mkpath(outDir))
+        return app::fail("demo", "cannot create " + outDir);
 
     out << "== Phantom study\n";
     const app::PhantomStudy study = app::writePhantomStudy(outDir + "/phantom");
-    out << "  " << study.axialFiles.size() << " axial and " << study.sagittalFiles.size()
-        << " sagittal images in " << outDir + "/phantom" << '\n';
+    out << "  " << study.axialFiles.size() << " axial and " << study.sagittalFiles.size() << " sagittal images in "
+        << outDir + "/phantom\n";
 
-    out << "== Catalogue\n";
-    if (!createConnection() || !QSqlDatabase::database().isOpen())
+    out << "== Catalogue\n" << Qt::flush;
+    if (!app::openCatalog())
         return app::fail("demo", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
-    out << "  " << QSqlDatabase::database().driverName() << ' ' << QSqlDatabase::database().databaseName() << '\n';
+    out << "  " << QSqlDatabase::database().driverName() << "  " << QDir::cleanPath(QSqlDatabase::database().databaseName())
+        << '\n';
+    {
+        QDcmFiles importer;
+        importer.loadLocalFilesToDB(study.axialFiles + study.sagittalFiles, 0);
+        const QDcmFiles::RunCounts c = importer.lastRunCounts();
+        out << "  imported: " << c.patientsAdded << " patient, " << c.studiesAdded << " study, " << c.seriesAdded
+            << " series, " << c.imagesAdded << " images added; " << c.duplicates << " already catalogued\n";
+        if (!importer.lastImportSucceeded())
+            return app::fail("demo", "import failed: " + importer.lastError());
+    }
+    out << "== Tree\n";
+    app::printCatalogTree(out, false);
 
-    out << "== Done in " << timer.elapsed() << " ms; files under " << outDir << '\n';
+    out << "== Volume of the axial series\n" << Qt::flush;
+    const qint64 pk = seriesKey(app::phantomAxialSeriesUid());
+    if (pk < 0)
+        return app::fail("demo", "the axial series is not in the catalogue");
+    QSeries series(pk);
+    series.searchSeriesInfo();
+    series.searchInstance();
+    for (QInstance* instance : series.getInstances())
+        instance->searchInstanceInfo();
+    const bool cached = isCached(series.getSeriesBase());
+    NDicomVolume volume;
+    QElapsedTimer volumeTimer;
+    volumeTimer.start();
+    volume.getVolumeFromSeriesUID(&series);
+    if (!volume.isValid())
+        return app::fail("demo", "no volume could be built from the axial series");
+    const VolumeHead& head = *volume.getHead();
+    out << "  " << head.volumesize[0] << " x " << head.volumesize[1] << " x " << head.volumesize[2] << " voxels of "
+        << head.voxelspace[0] << " x " << head.voxelspace[1] << " x " << head.voxelspace[2] << " mm, "
+        << (cached ? "loaded from the volume cache" : "built from the files and cached") << " in "
+        << QString::number(volumeTimer.nsecsElapsed() / 1e6, 'f', 1) << " ms\n"
+        << "  cache file: " << volume.getCurVolumeDataPath() << '\n';
+
+    out << "== Pictures\n";
+    struct Cut {
+        const char* file;
+        QString label;
+        bool (NDicomVolume::*cut)(NDicomImage&, int, int, RenderType);
+        int (NDicomVolume::*planes)();
+        int thickness;
+        RenderType render;
+        double aspect;
+    };
+    const double sx = head.voxelspace[0], sz = head.voxelspace[2];
+    const Cut cuts[] = {
+        {"axial.png", "Axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum, 1, RenderMax, 1.0},
+        {"coronal.png", "Coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum, 1, RenderMax,
+         sz / sx},
+        {"sagittal.png", "Sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum, 1, RenderMax,
+         sz / sx},
+        {"axial-mip.png", "Axial MIP, 20 slices", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum,
+         20, RenderMax, 1.0},
+    };
+    QList<Panel> panels;
+    for (const Cut& cut : cuts) {
+        NDicomImage image;
+        const int middle = (volume.*cut.planes)() / 2;
+        if (!(volume.*cut.cut)(image, middle, cut.thickness, cut.render))
+            return app::fail("demo", QString("cannot cut the %1 plane").arg(cut.label));
+        const QImage picture = upright(image, app::windowedImage(image, head.WindowWidth, head.WindowCenter));
+        const QString file = outDir + "/" + cut.file;
+        if (!picture.save(file, "PNG"))
+            return app::fail("demo", "cannot write " + file);
+        panels << Panel{QString("%1 (%2)").arg(cut.label).arg(middle), picture, cut.aspect};
+        out << "  " << file << '\n';
+    }
+    const QString overviewFile = outDir + "/overview.png";
+    if (!overview(panels, study.axialFiles.value(study.axialFiles.size() / 2)).save(overviewFile, "PNG"))
+        return app::fail("demo", "cannot write " + overviewFile);
+    out << "  " << overviewFile << " (the four pictures side by side with the MR overlay)\n";
+
+    out << "== Done in " << QString::number(timer.elapsed() / 1000.0, 'f', 1) << " s\n"
+        << "  phantom files: " << outDir + "/phantom\n"
+        << "  pictures:      " << outDir << '\n'
+        << "  catalogue:     " << QDir::cleanPath(QSqlDatabase::database().databaseName()) << '\n'
+        << "  volume cache:  " << volume.getCurVolumeDataPath() << '\n';
     return 0;
 }
 

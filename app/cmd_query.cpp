@@ -1,4 +1,5 @@
 // kestrel query NAME: runs a stored advanced search and prints its result tree.
+#include "catalog.h"
 #include "command.h"
 
 #include "kestrelpaths.h"
@@ -17,12 +18,6 @@
 
 namespace {
 
-bool openCatalog()
-{
-    if (!createConnection())
-        return false;
-    return QSqlDatabase::database().isOpen() || (createConnection() && QSqlDatabase::database().isOpen());
-}
 
 QString columns(const QObject* object, const QStringList& titles)
 {
@@ -52,7 +47,7 @@ int runQuery(const QStringList& args)
     if (parser.positionalArguments().size() != 1)
         return app::fail("query", "needs exactly one stored search NAME");
     const QString name = parser.positionalArguments().first();
-    if (!openCatalog())
+    if (!app::openCatalog())
         return app::fail("query", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
     {
         QSqlQuery count(QSqlDatabase::database());

@@ -1,5 +1,6 @@
 // kestrel volume --series PK --out DIR [--index I] [--thickness T] [--render max|min|avg]:
 // builds (or loads from the cache) a series' volume and writes its three planes as PNG.
+#include "catalog.h"
 #include "command.h"
 
 #include "kestrelpaths.h"
@@ -20,25 +21,6 @@
 #include <vector>
 
 namespace {
-
-bool openCatalog()
-{
-    if (!createConnection())
-        return false;
-    return QSqlDatabase::database().isOpen() || (createConnection() && QSqlDatabase::database().isOpen());
-}
-
-bool writePng(NDicomImage& image, const VolumeHead& head, const QString& file)
-{
-    if (image.width() <= 0 || image.height() <= 0)
-        return false;
-    std::vector<unsigned int> grey(size_t(image.width()) * size_t(image.height()));
-    image.getGrayImage32(head.WindowWidth, head.WindowCenter, grey.data());
-    QImage out(image.width(), image.height(), QImage::Format_RGB32);
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(out.scanLine(y), grey.data() + size_t(y) * size_t(image.width()), size_t(image.width()) * 4);
-    return out.save(file, "PNG");
-}
 
 int runVolume(const QStringList& args)
 {
@@ -76,7 +58,7 @@ int runVolume(const QStringList& args)
         if (!ok || index < 0)
             return app::fail("volume", "--index needs a number >= 0");
     }
-    if (!openCatalog())
+    if (!app::openCatalog())
         return app::fail("volume", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
 
     QSeries series(pk);
@@ -115,7 +97,7 @@ int runVolume(const QStringList& args)
         const int plane = index >= 0 ? index : (volume.*view.planes)() / 2;
         const bool cut = (volume.*view.cut)(image, plane, thickness, render);
         const QString file = dir.filePath(QString(view.name) + ".png");
-        if (!cut || !writePng(image, *volume.getHead(), file)) {
+        if (!cut || !app::windowedImage(image, volume.getHead()->WindowWidth, volume.getHead()->WindowCenter).save(file, "PNG")) {
             status = app::fail("volume", QString("cannot write the %1 plane (index past the end?)").arg(view.name));
             continue;
         }

@@ -70,6 +70,11 @@ QStringList writeSeries(const QString& dir, SyntheticImage base, int count, doub
 
 } // namespace
 
+QString phantomAxialSeriesUid()
+{
+    return QString::fromLatin1(kAxialUid);
+}
+
 int phantomValue(double x, double y, double z)
 {
     if (ellipsoid(x, y, z, 0, 0, 0, 80, 100, 75) > 1.0)

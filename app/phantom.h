@@ -16,6 +16,9 @@ struct PhantomStudy {
 // Files already there are kept as they are, so a second run imports the same instances.
 PhantomStudy writePhantomStudy(const QString& dir, int size = 128, int axialSlices = 60);
 
+// Series instance UID of the phantom's axial series.
+QString phantomAxialSeriesUid();
+
 // Signal of the phantom at a patient position in millimetres (0 outside the head).
 int phantomValue(double x, double y, double z);
 
