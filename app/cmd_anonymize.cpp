@@ -1,5 +1,6 @@
 // kestrel anonymize [--settings INI] IN OUT and kestrel deanonymize IN OUT: a DICOM file, or every
 // file under a folder with the tree mirrored under OUT, through the catalogue's mapping tables.
+#include "catalog.h"
 #include "command.h"
 
 #include "qdcmanonymize.h"
@@ -21,15 +22,6 @@
 
 namespace {
 
-bool g_verbose = false;
-
-void messageFilter(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (!g_verbose && (type == QtDebugMsg || type == QtInfoMsg || type == QtWarningMsg))
-        return;
-    QTextStream(stderr) << text << '\n';
-}
-
 int run(const QStringList& args, bool restore)
 {
     const QString name = restore ? "deanonymize" : "anonymize";
@@ -45,12 +37,8 @@ int run(const QStringList& args, bool restore)
     parser.addOption({{"v", "verbose"}, "Show the library's diagnostic lines and DICOM parser warnings."});
     parser.addPositionalArgument("IN", "A DICOM file or a folder (walked with its sub-folders).");
     parser.addPositionalArgument("OUT", "The file to write, or the folder that receives the mirrored tree (may be IN itself).");
-    if (!parser.parse(QStringList{"kestrel " + name} + args))
-        return app::fail(name, parser.errorText(), 2);
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, name, args))
+        return *status;
     const QStringList paths = parser.positionalArguments();
     if (paths.size() != 2)
         return app::fail(name, QString("expected IN and OUT (see 'kestrel %1 --help')").arg(name), 2);
@@ -72,14 +60,13 @@ int run(const QStringList& args, bool restore)
     if (settings.status() != QSettings::NoError)
         return app::fail(name, "cannot read the settings file " + settingsPath, 2);
 
-    g_verbose = parser.isSet("verbose");
-    qInstallMessageHandler(messageFilter);
-    if (!g_verbose)
+    if (parser.isSet("verbose"))
+        app::setVerbose(true);
+    else
         OFLog::configure(OFLogger::FATAL_LOG_LEVEL);
 
     // A MySQL catalogue created on this call needs a second connect.
-    if (!createConnection() || (!QSqlDatabase::database().isOpen() && !createConnection()) ||
-        !QSqlDatabase::database().isOpen())
+    if (!app::openCatalog())
         return app::fail(name, "cannot open the catalogue of database.ini");
 
     int status = 0;

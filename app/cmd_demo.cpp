@@ -142,12 +142,8 @@ int runDemo(const QStringList& args)
                                      "config/database.ini, builds a volume and writes PNG planes.");
     parser.addHelpOption();
     parser.addOption({"out", "Folder for the phantom files and the pictures.", "DIR", "kestrel-demo"});
-    if (!parser.parse(QStringList{"kestrel demo"} + args))
-        return app::fail("demo", parser.errorText());
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "demo", args))
+        return *status;
 
     QTextStream out(stdout);
     QElapsedTimer timer;

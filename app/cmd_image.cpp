@@ -19,19 +19,15 @@ int runImage(const QStringList& args)
     parser.addPositionalArgument("FILE", "DICOM image file");
     parser.addOption({"png", "PNG file to write", "OUT.png"});
     parser.addOption({"window", "window WIDTH and CENTRE (two values; default: the file's window)", "WIDTH CENTRE"});
-    QStringList all = QStringList{"kestrel image"} + args;
+    QStringList all = args;
     // "--window W C" takes two values: join them so that the parser sees one.
-    for (int i = 1; i + 2 < all.size(); ++i)
+    for (int i = 0; i + 2 < all.size(); ++i)
         if (all[i] == "--window") {
             all[i + 1] = all[i + 1] + ' ' + all[i + 2];
             all.removeAt(i + 2);
         }
-    if (!parser.parse(all))
-        return app::fail("image", parser.errorText());
-    if (parser.isSet("help")) {
-        fputs(qPrintable(parser.helpText()), stdout);
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "image", all))
+        return *status;
     const QStringList positional = parser.positionalArguments();
     if (positional.size() != 1)
         return app::fail("image", "expected one DICOM file");

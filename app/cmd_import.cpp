@@ -1,4 +1,5 @@
 // kestrel import [--copy] PATH...: DICOM files and folders into the catalogue of database.ini.
+#include "catalog.h"
 #include "command.h"
 
 #include "qdcmfiles.h"
@@ -17,16 +18,6 @@
 #include <unistd.h>
 
 namespace {
-
-bool g_verbose = false;
-
-// The library's timing and diagnostic lines are for developers: shown with --verbose only.
-void messageFilter(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (!g_verbose && (type == QtDebugMsg || type == QtInfoMsg || type == QtWarningMsg))
-        return;
-    QTextStream(stderr) << text << '\n';
-}
 
 // A progress bar on a terminal, plain lines otherwise.
 class Progress
@@ -104,12 +95,8 @@ int runImport(const QStringList& args)
     parser.addOption({"copy", "Copy the files into the storage tree (datasavepath.ini) and catalogue the copies."});
     parser.addOption({{"v", "verbose"}, "Show the importer's timing lines and DICOM parser warnings."});
     parser.addPositionalArgument("PATH", "DICOM files or folders (walked with their sub-folders).", "PATH...");
-    if (!parser.parse(QStringList{"kestrel import"} + args))
-        return app::fail("import", parser.errorText(), 2);
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "import", args))
+        return *status;
     const QStringList paths = parser.positionalArguments();
     if (paths.isEmpty())
         return app::fail("import", "no PATH given (see 'kestrel import --help')", 2);
@@ -118,14 +105,13 @@ int runImport(const QStringList& args)
             return app::fail("import", "no such file or folder: " + path, 2);
     }
 
-    g_verbose = parser.isSet("verbose");
-    qInstallMessageHandler(messageFilter);
-    if (!g_verbose)
+    if (parser.isSet("verbose"))
+        app::setVerbose(true);
+    else
         OFLog::configure(OFLogger::FATAL_LOG_LEVEL);
 
     // A MySQL catalogue created on this call needs a second connect.
-    if (!createConnection() || (!QSqlDatabase::database().isOpen() && !createConnection()) ||
-        !QSqlDatabase::database().isOpen())
+    if (!app::openCatalog())
         return app::fail("import", "cannot open the catalogue of database.ini");
 
     const QList<QString> files = collectFiles(paths);

@@ -38,12 +38,8 @@ int runQuery(const QStringList& args)
     parser.addHelpOption();
     parser.addOption({"sql", "Also print the SELECT statement that was run."});
     parser.addPositionalArgument("NAME", "The stored search (InquiryName).");
-    if (!parser.parse(QStringList{"kestrel query"} + args))
-        return app::fail("query", parser.errorText());
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "query", args))
+        return *status;
     if (parser.positionalArguments().size() != 1)
         return app::fail("query", "needs exactly one stored search NAME");
     const QString name = parser.positionalArguments().first();

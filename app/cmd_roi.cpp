@@ -17,12 +17,8 @@ int runRoi(const QStringList& args)
     parser.addPositionalArgument("SHAPE", "rect X Y W H | ellipse X Y W H | line X1 Y1 X2 Y2");
     // Negative coordinates must not be taken for options.
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
-    if (!parser.parse(QStringList{"kestrel roi"} + args))
-        return app::fail("roi", parser.errorText());
-    if (parser.isSet("help")) {
-        fputs(qPrintable(parser.helpText()), stdout);
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "roi", args))
+        return *status;
     const QStringList p = parser.positionalArguments();
     if (p.size() != 6)
         return app::fail("roi", "usage: kestrel roi FILE rect|ellipse X Y W H, or FILE line X1 Y1 X2 Y2");

@@ -17,12 +17,8 @@ int runTree(const QStringList& args)
                                      "studies and series with their keys (pk).");
     parser.addHelpOption();
     parser.addOption({"all", "Also list every image with its instance number, position and file."});
-    if (!parser.parse(QStringList{"kestrel tree"} + args))
-        return app::fail("tree", parser.errorText());
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "tree", args))
+        return *status;
     if (!parser.positionalArguments().isEmpty())
         return app::fail("tree", "unexpected argument " + parser.positionalArguments().first());
     if (!app::openCatalog())

@@ -33,12 +33,8 @@ int runVolume(const QStringList& args)
     parser.addOption({"index", "Plane index (default: the middle plane of each view).", "I"});
     parser.addOption({"thickness", "Slab thickness in planes (default 1).", "T", "1"});
     parser.addOption({"render", "Slab rule: max, min or avg (default max).", "RULE", "max"});
-    if (!parser.parse(QStringList{"kestrel volume"} + args))
-        return app::fail("volume", parser.errorText());
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "volume", args))
+        return *status;
     bool ok = false;
     const qint64 pk = parser.value("series").toLongLong(&ok);
     if (!parser.isSet("series") || !ok)

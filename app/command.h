@@ -5,6 +5,9 @@
 
 #include <functional>
 #include <map>
+#include <optional>
+
+class QCommandLineParser;
 
 // Subcommands of the kestrel host. Each app/cmd_<name>.cpp registers one with KESTREL_COMMAND;
 // its function gets the arguments after the subcommand's name and returns the exit status.
@@ -25,6 +28,13 @@ struct CommandRegistration {
 
 // One-line failure on stderr ("kestrel NAME: reason"); returns the exit status to use.
 int fail(const QString& command, const QString& reason, int status = 1);
+
+// Parses the arguments of command NAME. With --help it prints the help and gives 0, on an error
+// the one-line failure (status 2); either way the command returns that value. No value: go on.
+std::optional<int> parseArguments(QCommandLineParser& parser, const QString& name, const QStringList& args);
+
+// Shows the library's warnings and debug lines on stderr (the global --verbose).
+void setVerbose(bool on);
 
 } // namespace app
 

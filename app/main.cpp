@@ -2,6 +2,7 @@
 
 #include "kestrelpaths.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QTextStream>
@@ -33,6 +34,30 @@ int fail(const QString& command, const QString& reason, int status)
 namespace {
 
 bool verboseDiagnostics = false;
+
+} // namespace
+
+namespace app {
+
+std::optional<int> parseArguments(QCommandLineParser& parser, const QString& name, const QStringList& args)
+{
+    if (!parser.parse(QStringList{"kestrel " + name} + args))
+        return fail(name, parser.errorText(), 2);
+    if (parser.isSet("help")) {
+        QTextStream(stdout) << parser.helpText();
+        return 0;
+    }
+    return std::nullopt;
+}
+
+void setVerbose(bool on)
+{
+    verboseDiagnostics = on;
+}
+
+} // namespace app
+
+namespace {
 
 // The library reports through Qt's logger; the host shows its warnings and debug lines only with
 // --verbose, and critical messages always.
