@@ -418,6 +418,74 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 2025, 10000);
     }
 
+    // The host's commands: listen until SIGTERM (recording the pending series first), a busy
+    // port, a fixed run time; send to storescp and to nobody.
+    void commandLine()
+    {
+        const QString kestrel = QCoreApplication::applicationDirPath() + "/kestrel";
+        if (!QFileInfo::exists(kestrel))
+            QSKIP("the kestrel host is not built");
+        KESTREL_OPEN_CATALOG(catalog, "sqlite");
+        QTemporaryDir dir;
+        const QStringList files = writeSyntheticSeries(dir.filePath("src"), SyntheticImage(), 2);
+        const int port = freePort();
+
+        QProcess listen;
+        listen.setProcessEnvironment(peerEnvironment());
+        listen.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet",
+                               "KESTREL", "--out", dir.filePath("recv")});
+        QString out;
+        auto readUntil = [&](const QString& text, int times = 1) {
+            QElapsedTimer clock;
+            clock.start();
+            while (out.count(text) < times && clock.elapsed() < 15000 && listen.state() != QProcess::NotRunning) {
+                listen.waitForReadyRead(100);
+                out += QString::fromUtf8(listen.readAllStandardOutput());
+            }
+            return out.count(text) >= times;
+        };
+        QVERIFY2(readUntil("listening on port"), qPrintable(out));
+        QCOMPARE(storescu(port, files), 0);
+        QVERIFY2(readUntil("stored ", 2), qPrintable(out));
+
+        QProcess second; // the port is taken by the first listener
+        second.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--out",
+                               dir.filePath("recv2")});
+        QVERIFY(second.waitForFinished(15000));
+        QCOMPARE(second.exitCode(), 1);
+        QVERIFY(QString::fromUtf8(second.readAllStandardError()).contains("kestrel listen:"));
+
+        listen.terminate();
+        QVERIFY(listen.waitForFinished(15000));
+        out += QString::fromUtf8(listen.readAllStandardOutput());
+        QCOMPARE(listen.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(listen.exitCode(), 0);
+        QVERIFY2(out.contains("recorded series ") && out.endsWith("stopped\n"), qPrintable(out));
+        QCOMPARE(TestCatalog::count("images"), 2);
+
+        QProcess timed;
+        timed.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(freePort()),
+                              "--out", dir.filePath("recv3"), "--seconds", "1"});
+        QVERIFY(timed.waitForFinished(15000));
+        QCOMPARE(timed.exitCode(), 0);
+
+        Storescp peer;
+        QVERIFY(QDir().mkpath(dir.filePath("peer")));
+        QVERIFY(peer.start(dir.filePath("peer")));
+        QProcess send;
+        send.start(kestrel, {"send", "--port", QString::number(peer.port), "--aet", "PEER", dir.filePath("src")});
+        QVERIFY(send.waitForFinished(30000));
+        const QString sent = QString::fromUtf8(send.readAllStandardOutput());
+        QCOMPARE(send.exitCode(), 0);
+        QVERIFY2(sent.contains("sent 1/2\nsent 2/2\n"), qPrintable(sent));
+        QCOMPARE(filesBelow(dir.filePath("peer")).size(), 2);
+
+        send.start(kestrel, {"send", "--port", QString::number(freePort()), "--aet", "PEER", files.first()});
+        QVERIFY(send.waitForFinished(30000));
+        QVERIFY(send.exitCode() != 0);
+        QVERIFY(QString::fromUtf8(send.readAllStandardError()).contains("kestrel send:"));
+    }
+
     // Our storage user against DCMTK's storescp: the send paths, the queue, refusing, aborting and
     // absent peers.
     void storageUser()
