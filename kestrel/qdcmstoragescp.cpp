@@ -93,6 +93,10 @@ int QDcmStorageSCP::listen()
     // Wait for connections a second at a time so that a stop is noticed while no sender is there.
     d->setConnectionBlockingMode(DUL_NOBLOCK);
     d->setConnectionTimeout(1);
+    // A sender that stays silent inside an association is dropped after a minute, so that a
+    // stop requested meanwhile is not held up forever.
+    d->setDIMSEBlockingMode(DIMSE_NONBLOCKING);
+    d->setDIMSETimeout(60);
 
     // The profile is kept for the caller; DCMTK's default profile name matches "Default".
     OFCondition cond = d->loadAssociationCfgFile(OFString(m_cfgFile.toUtf8().constData()));
@@ -119,8 +123,12 @@ void QDcmStorageSCP::onStopService()
     QMutexLocker locker(&m_lock);
     if (!d)
         return;
-    if (d->isConnected())
-        d->abortAssociation();
+    if (d->isConnected()) {
+        if (QThread::currentThread() == d->thread())
+            d->abortAssociation();
+        else
+            d->requestAbort();
+    }
     d->setStop(true);
 }
 

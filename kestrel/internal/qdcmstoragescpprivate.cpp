@@ -31,6 +31,16 @@ OFCondition QDcmStorageSCPPrivate::openListenPort()
     return cond;
 }
 
+OFCondition QDcmStorageSCPPrivate::handleIncomingCommand(T_DIMSE_Message* incomingMsg,
+                                                         const DcmPresentationContextInfo& presInfo)
+{
+    if (m_abortRequested.exchange(false)) {
+        // An error ends DCMTK's association loop, which then aborts the association itself.
+        return makeOFCondition(OFM_dcmnet, 0x3ff, OF_error, "association aborted: the provider is stopping");
+    }
+    return DcmStorageSCP::handleIncomingCommand(incomingMsg, presInfo);
+}
+
 void QDcmStorageSCPPrivate::notifyAssociationAcknowledge()
 {
     DcmStorageSCP::notifyAssociationAcknowledge();

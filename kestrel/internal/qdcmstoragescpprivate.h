@@ -25,6 +25,9 @@ public:
 
     // Ends the listen loop after the current association (or within a second when idle).
     void setStop(bool stop) { m_stop = stop; }
+    // Aborts the open association from the worker thread at its next message; DCMTK's
+    // association object must not be torn down under the thread that is reading from it.
+    void requestAbort() { m_abortRequested = true; }
     bool stopRequested() const { return m_stop; }
 
     QString seriesUID() const { return m_seriesUID; }
@@ -43,6 +46,7 @@ signals:
 
 protected:
     OFCondition openListenPort() override;
+    OFCondition handleIncomingCommand(T_DIMSE_Message* incomingMsg, const DcmPresentationContextInfo& presInfo) override;
     void notifyAssociationAcknowledge() override;
     void notifyReleaseRequest() override;
     void notifyAbortRequest() override;
@@ -57,4 +61,5 @@ protected:
 private:
     mutable QString m_seriesUID;
     std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_abortRequested{false};
 };

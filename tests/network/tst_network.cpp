@@ -416,6 +416,22 @@ private slots:
 
         QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("last"), SyntheticImage(), 1)), 0);
         QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 2025, 10000);
+
+        // Stopping in the middle of a transfer aborts the association from the worker thread; what
+        // was stored until then is announced, and the sender is told.
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+        QProcess sender;
+        sender.setProcessEnvironment(peerEnvironment());
+        sender.setStandardOutputFile(QProcess::nullDevice());
+        sender.setStandardErrorFile(QProcess::nullDevice());
+        sender.start("storescu", {"-aec", "KESTREL", "127.0.0.1", QString::number(provider.port), "+sd",
+                                  dir.filePath("many")});
+        QTRY_VERIFY_WITH_TIMEOUT(saved.count() >= 20, 20000);
+        provider.service->destroyAllstoreScp();
+        QTRY_VERIFY_WITH_TIMEOUT(sender.state() == QProcess::NotRunning, 20000);
+        QVERIFY(sender.exitCode() != 0 || saved.count() == 2000);
+        QVERIFY(!provider.service->isConnected());
+        QVERIFY(provider.service->providers().isEmpty());
     }
 
     // The host's commands: listen until SIGTERM (recording the pending series first), a busy
