@@ -29,32 +29,33 @@
 
 namespace {
 
+sockaddr_in loopback(int port)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(quint16(port));
+    return addr;
+}
+
 // A port that is free on the loopback right now.
 int freePort()
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
+    sockaddr_in addr = loopback(0);
     socklen_t len = sizeof addr;
-    int port = -1;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0
-        && ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-        port = ntohs(addr.sin_port);
+    const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0
+                    && ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
     ::close(fd);
-    return port;
+    return ok ? ntohs(addr.sin_port) : -1;
 }
 
 // Opens a TCP connection to PORT and writes BYTES (nothing when empty); true when it connected.
 bool pokePort(int port, const QByteArray& bytes = QByteArray())
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(quint16(port));
-    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    const sockaddr_in addr = loopback(port);
+    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
     if (ok && !bytes.isEmpty())
         (void)!::write(fd, bytes.constData(), size_t(bytes.size()));
     ::close(fd);
@@ -68,56 +69,58 @@ QProcessEnvironment peerEnvironment()
     return env;
 }
 
-// Runs a DCMTK peer to its end while the event loop keeps turning (queued signals arrive).
-int runPeer(const QString& program, const QStringList& args, int timeoutMs = 60000)
-{
-    QProcess process;
-    process.setProcessEnvironment(peerEnvironment());
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.start(program, args);
-    if (!process.waitForStarted(10000))
-        return -100;
-    QElapsedTimer clock;
-    clock.start();
-    while (process.state() != QProcess::NotRunning && clock.elapsed() < timeoutMs)
-        QTest::qWait(20);
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished(5000);
-        return -101;
+// A DCMTK peer with Nagle off and its output dropped; killed with the pointer.
+struct PeerProcess : QProcess {
+    PeerProcess(const QString& program, const QStringList& args)
+    {
+        setProcessEnvironment(peerEnvironment());
+        setStandardOutputFile(QProcess::nullDevice());
+        setStandardErrorFile(QProcess::nullDevice());
+        start(program, args);
+        waitForStarted(10000);
     }
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -102;
+    ~PeerProcess() override
+    {
+        kill();
+        waitForFinished(5000);
+    }
+    // Waits (event loop turning, so queued signals arrive) for the end; the exit code or < 0.
+    int finish(int timeoutMs = 60000)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (state() != QProcess::NotRunning && clock.elapsed() < timeoutMs)
+            QTest::qWait(20);
+        if (state() != QProcess::NotRunning)
+            return -1;
+        return exitStatus() == QProcess::NormalExit ? exitCode() : -2;
+    }
+};
+
+QStringList storescuArgs(int port, const QStringList& files, const QStringList& options = {})
+{
+    return options + QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files;
 }
 
 int storescu(int port, const QStringList& files, const QStringList& options = {})
 {
-    return runPeer("storescu", options + QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files);
+    return PeerProcess("storescu", storescuArgs(port, files, options)).finish();
 }
 
 // DCMTK's storescp receiving into DIR on a free port, ready when start() returns true.
 struct Storescp {
-    QProcess process;
+    std::unique_ptr<PeerProcess> process;
     int port = freePort();
     bool start(const QString& dir, const QStringList& options = {})
     {
-        process.setProcessEnvironment(peerEnvironment());
-        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.setStandardOutputFile(QProcess::nullDevice());
-        process.start("storescp", options + QStringList{"-aet", "PEER", "-od", dir, QString::number(port)});
-        if (!process.waitForStarted(10000))
-            return false;
+        process = std::make_unique<PeerProcess>(
+            "storescp", options + QStringList{"-aet", "PEER", "-od", dir, QString::number(port)});
         for (int i = 0; i < 100; ++i) {
             if (pokePort(port))
                 return true;
             QTest::qWait(50);
         }
         return false;
-    }
-    ~Storescp()
-    {
-        process.kill();
-        process.waitForFinished(5000);
     }
 };
 
@@ -379,21 +382,13 @@ private slots:
         QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("ct"), ct, 3), {"--abort"}), 0);
         QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 4, 10000);
 
-        QVector<std::shared_ptr<QProcess>> senders;
-        for (int i = 0; i < 4; ++i) {
-            auto process = std::make_shared<QProcess>();
-            process->setProcessEnvironment(peerEnvironment());
-            process->setStandardOutputFile(QProcess::nullDevice());
-            process->setStandardErrorFile(QProcess::nullDevice());
-            process->start("storescu", QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(provider.port)}
-                                           + writeSyntheticSeries(dir.filePath(QString("q%1").arg(i)),
-                                                                  SyntheticImage(), 5));
-            senders << process;
-        }
-        for (const auto& process : qAsConst(senders)) {
-            QTRY_VERIFY_WITH_TIMEOUT(process->state() == QProcess::NotRunning, 60000);
-            QCOMPARE(process->exitCode(), 0);
-        }
+        std::vector<std::unique_ptr<PeerProcess>> senders;
+        for (int i = 0; i < 4; ++i)
+            senders.push_back(std::make_unique<PeerProcess>(
+                "storescu", storescuArgs(provider.port, writeSyntheticSeries(dir.filePath(QString("q%1").arg(i)),
+                                                                             SyntheticImage(), 5))));
+        for (const auto& sender : senders)
+            QCOMPARE(sender->finish(), 0);
         QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 24, 10000);
 
         SyntheticImage small;
@@ -420,16 +415,11 @@ private slots:
         // Stopping in the middle of a transfer aborts the association from the worker thread; what
         // was stored until then is announced, and the sender is told.
         QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
-        QProcess sender;
-        sender.setProcessEnvironment(peerEnvironment());
-        sender.setStandardOutputFile(QProcess::nullDevice());
-        sender.setStandardErrorFile(QProcess::nullDevice());
-        sender.start("storescu", {"-aec", "KESTREL", "127.0.0.1", QString::number(provider.port), "+sd",
-                                  dir.filePath("many")});
+        PeerProcess sender("storescu", storescuArgs(provider.port, {"+sd", dir.filePath("many")}));
         QTRY_VERIFY_WITH_TIMEOUT(saved.count() >= 20, 20000);
         provider.service->destroyAllstoreScp();
-        QTRY_VERIFY_WITH_TIMEOUT(sender.state() == QProcess::NotRunning, 20000);
-        QVERIFY(sender.exitCode() != 0 || saved.count() == 2000);
+        const int status = sender.finish(20000);
+        QVERIFY(status > 0 || (status == 0 && saved.count() == 2000));
         QVERIFY(!provider.service->isConnected());
         QVERIFY(provider.service->providers().isEmpty());
     }
