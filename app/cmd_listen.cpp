@@ -14,7 +14,16 @@
 #include <QTextStream>
 #include <QTimer>
 
+#include <QSqlDatabase>
+#include <QSqlQuery>
+
 #include <csignal>
+#include <memory>
+
+#if __has_include("qdcmfiles.h")
+#include "qdcmfiles.h"
+#define KESTREL_LISTEN_IMPORTS 1
+#endif
 
 namespace {
 
@@ -56,8 +65,10 @@ int runListen(const QStringList& args)
         if (!ok || seconds < 0)
             return app::fail("listen", "--seconds needs a whole number of seconds");
     }
+#ifndef KESTREL_LISTEN_IMPORTS
     if (parser.isSet("import"))
-        return app::fail("listen", "--import needs the importer, which this build does not have yet");
+        return app::fail("listen", "--import needs the importer, which this build does not have");
+#endif
 
     QString out = QDir(parser.value("out")).absolutePath();
     if (!QDir().mkpath(out))
@@ -74,6 +85,22 @@ int runListen(const QStringList& args)
     QObject::connect(recv, &QDcmRecvFile::notifyUploadDB, [&stdOut](const QString& uid) {
         stdOut << "recorded series " << uid << Qt::endl;
     });
+
+#ifdef KESTREL_LISTEN_IMPORTS
+    // The importer takes every recorded series from the `images` queue into the catalogue.
+    std::unique_ptr<QDcmFiles> importer;
+    if (parser.isSet("import")) {
+        importer = std::make_unique<QDcmFiles>();
+        QObject::connect(recv, &QDcmRecvFile::notifyUploadDB, importer.get(), &QDcmFiles::onNotifyUploadDB);
+        QObject::connect(recv, &QDcmRecvFile::notifyUploadDB, [&stdOut](const QString& uid) {
+            QSqlQuery query(QSqlDatabase::database());
+            query.prepare("SELECT COUNT(*) FROM images WHERE seriesUID = ? AND DBflag = 1");
+            query.addBindValue(uid);
+            const int imported = query.exec() && query.next() ? query.value(0).toInt() : 0;
+            stdOut << "imported series " << uid << " (" << imported << " images)" << Qt::endl;
+        });
+    }
+#endif
 
     QDicomService* service = QDicomService::instance();
     service->setPort(short(port));

@@ -27,6 +27,11 @@
 
 #include <memory>
 
+#if __has_include("qdcmfiles.h")
+#include "qdcmfiles.h"
+#define KESTREL_TEST_IMPORT 1
+#endif
+
 namespace {
 
 sockaddr_in loopback(int port)
@@ -245,6 +250,10 @@ private slots:
         QCOMPARE(uploaded.at(0).at(0).toString(), a);
         QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 2);
         QCOMPARE(TestCatalog::count("images"), 2);
+#ifdef KESTREL_TEST_IMPORT
+        QVERIFY2(out.contains(" (2 images)\n"), qPrintable(out));
+        QCOMPARE(TestCatalog::count("imagepixel"), 2);
+#endif
         QCOMPARE(scalar("SELECT filepath FROM images WHERE InstanceUID = 'a.1'").toString(), QString("/r/a1-again"));
         QCOMPARE(scalar("SELECT Cloudflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 2);
         QCOMPARE(scalar("SELECT DBflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 0);
@@ -292,8 +301,9 @@ private slots:
         QCOMPARE(scalar("SELECT Cloudflag FROM images WHERE InstanceUID = 'e.1'").toInt(), 0);
     }
 
-    // storescu sends series A, A, B and an object without a Series Instance UID to the provider;
-    // A is recorded when B starts, B ten seconds after the last object.
+    // storescu sends series A (a real series when the shared data is there), B and an object
+    // without a Series Instance UID to the provider; A is recorded and imported when B starts, B
+    // ten seconds after the last object.
     void receiveAndRecordAfterSilence()
     {
         KESTREL_OPEN_CATALOG(catalog, "sqlite");
@@ -305,7 +315,15 @@ private slots:
         QVERIFY(provider.start(dir.filePath("recv")));
 
         SyntheticImage base;
-        const QStringList seriesA = writeSyntheticSeries(dir.filePath("a"), base, 2);
+        QStringList seriesA;
+        const QString real = sharedDataPath("siemens_t1_sag");
+        if (!real.isEmpty()) {
+            for (const QString& name : QDir(real).entryList({"*.dcm"}, QDir::Files, QDir::Name))
+                seriesA << real + "/" + name;
+        } else {
+            seriesA = writeSyntheticSeries(dir.filePath("a"), base, 2);
+        }
+        const int nA = seriesA.size();
         base.seriesNumber = 2;
         const QStringList seriesB = writeSyntheticSeries(dir.filePath("b"), base, 1);
         const QString noSeries = dir.filePath("noseries.dcm");
@@ -323,12 +341,16 @@ private slots:
         QElapsedTimer sinceLast;
         connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
         connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, this, [&] { sinceLast.start(); });
+#ifdef KESTREL_TEST_IMPORT
+        QDcmFiles importer;
+        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+#endif
 
         QCOMPARE(storescu(provider.port, seriesA + seriesB + QStringList{noSeries}), 0);
-        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 4, 10000);
-        const QString uidA = saved.at(0).at(3).toString(), uidB = saved.at(2).at(3).toString();
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), nA + 2, 10000);
+        const QString uidA = saved.at(0).at(3).toString(), uidB = saved.at(nA).at(3).toString();
         QVERIFY(uidA != uidB);
-        QCOMPARE(saved.at(3).at(3).toString(), uidB); // announced under the previous object's series
+        QCOMPARE(saved.at(nA + 1).at(3).toString(), uidB); // announced under the previous object's series
         for (const QList<QVariant>& args : qAsConst(saved)) {
             QVERIFY2(QFileInfo::exists(args.at(0).toString()), qPrintable(args.at(0).toString()));
             QVERIFY(args.at(0).toString().startsWith(
@@ -342,10 +364,20 @@ private slots:
         QVERIFY2(sinceLast.elapsed() >= 9500, qPrintable(QString::number(sinceLast.elapsed())));
         QCOMPARE(uploaded.at(1).at(0).toString(), uidB);
         QVERIFY(!recv->isToDataBase());
-        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidA}).toInt(), 2);
+        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidA}).toInt(), nA);
         QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidB}).toInt(), 2);
-        QCOMPARE(TestCatalog::count("images"), 4);
+        QCOMPARE(TestCatalog::count("images"), nA + 2);
         QVERIFY(!provider.service->isConnected());
+#ifdef KESTREL_TEST_IMPORT
+        // Through the importer every received image of both series is in the catalogue once.
+        const QString perSeries = "SELECT %1 FROM imagepixel p JOIN generalseries s ON p.series_fk = s.pk "
+                                  "WHERE s.SeriesInstanceUID = ?";
+        for (const QString& what : {QString("COUNT(*)"), QString("COUNT(DISTINCT p.SOPInstanceUID)")}) {
+            QCOMPARE(scalar(perSeries.arg(what), {uidA}).toInt(), nA);
+            QCOMPARE(scalar(perSeries.arg(what), {uidB}).toInt(), 1);
+        }
+        QCOMPARE(TestCatalog::count("images", "DBflag = 1"), nA + 2);
+#endif
     }
 
     // Garbage, an unsupported class, an aborting sender, queued associations and 2,000 objects in
@@ -436,10 +468,14 @@ private slots:
         const QStringList files = writeSyntheticSeries(dir.filePath("src"), SyntheticImage(), 2);
         const int port = freePort();
 
+        QStringList listenArgs{"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet",
+                               "KESTREL", "--out", dir.filePath("recv")};
+#ifdef KESTREL_TEST_IMPORT
+        listenArgs << "--import";
+#endif
         QProcess listen;
         listen.setProcessEnvironment(peerEnvironment());
-        listen.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet",
-                               "KESTREL", "--out", dir.filePath("recv")});
+        listen.start(kestrel, listenArgs);
         QString out;
         auto readUntil = [&](const QString& text, int times = 1) {
             QElapsedTimer clock;
@@ -468,6 +504,10 @@ private slots:
         QCOMPARE(listen.exitCode(), 0);
         QVERIFY2(out.contains("recorded series ") && out.endsWith("stopped\n"), qPrintable(out));
         QCOMPARE(TestCatalog::count("images"), 2);
+#ifdef KESTREL_TEST_IMPORT
+        QVERIFY2(out.contains(" (2 images)\n"), qPrintable(out));
+        QCOMPARE(TestCatalog::count("imagepixel"), 2);
+#endif
 
         QProcess timed;
         timed.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(freePort()),
