@@ -20,9 +20,9 @@
 #include <csignal>
 #include <memory>
 
-#if __has_include("qdcmfiles.h")
+// Defined by the build when the importer is part of the library.
+#ifdef KESTREL_LISTEN_IMPORTS
 #include "qdcmfiles.h"
-#define KESTREL_LISTEN_IMPORTS 1
 #endif
 
 namespace {

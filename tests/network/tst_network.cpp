@@ -27,9 +27,9 @@
 
 #include <memory>
 
-#if __has_include("qdcmfiles.h")
+// Defined by the build when the importer is part of the library.
+#ifdef KESTREL_TEST_IMPORT
 #include "qdcmfiles.h"
-#define KESTREL_TEST_IMPORT 1
 #endif
 
 namespace {
