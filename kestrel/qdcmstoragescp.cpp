@@ -1,5 +1,6 @@
 #include "qdcmstoragescp.h"
 
+#include "internal/dcmnetwork.h"
 #include "internal/qdcmstoragescpprivate.h"
 
 #include <dcmtk/dcmnet/diutil.h>
@@ -14,6 +15,7 @@ QDcmStorageSCP::QDcmStorageSCP(QObject* parent)
       m_cfgFile(QCoreApplication::applicationDirPath() + QLatin1String("/../dicom/storscp.cfg")),
       m_profile(QStringLiteral("Default"))
 {
+    kestrel::internal::disableNagleForDcmtk();
 }
 
 QDcmStorageSCP::~QDcmStorageSCP()

@@ -1,5 +1,6 @@
 #include "qdcmstoragescu.h"
 
+#include "internal/dcmnetwork.h"
 #include "internal/qdcmstoragescuprivate.h"
 #include "kestrelpaths.h"
 
@@ -20,9 +21,7 @@ QDcmStorageSCU* QDcmStorageSCU::instance()
 
 QDcmStorageSCU::QDcmStorageSCU(QObject* parent) : QObject(parent)
 {
-    // Nagle's algorithm delays every C-STORE request on DCMTK's sockets unless this is set first.
-    if (qEnvironmentVariableIsEmpty("TCP_NODELAY"))
-        qputenv("TCP_NODELAY", "1");
+    kestrel::internal::disableNagleForDcmtk();
 }
 
 QDcmStorageSCU::~QDcmStorageSCU()

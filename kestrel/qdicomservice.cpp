@@ -2,6 +2,8 @@
 
 #include "qdcmstoragescp.h"
 
+#include "internal/dcmnetwork.h"
+
 #include <QCoreApplication>
 #include <QDate>
 #include <QDebug>
@@ -22,10 +24,7 @@ QDicomService::QDicomService(QObject* parent)
       m_cfgFile(QCoreApplication::applicationDirPath() + QLatin1String("/../dicom/storscp.cfg")),
       m_profile(QStringLiteral("Default"))
 {
-    // DCMTK leaves Nagle's algorithm on unless this is set before its sockets are made; with it
-    // on, every C-STORE response waits for the delayed ACK (about 20 objects a second).
-    if (qEnvironmentVariableIsEmpty("TCP_NODELAY"))
-        qputenv("TCP_NODELAY", "1");
+    kestrel::internal::disableNagleForDcmtk();
 }
 
 void QDicomService::setPort(short port)

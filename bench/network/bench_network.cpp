@@ -13,6 +13,7 @@
 #include <QThread>
 
 #include <arpa/inet.h>
+#include <sys/resource.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -56,6 +57,25 @@ QProcessEnvironment environment()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("TCP_NODELAY", "1");
     return env;
+}
+
+// CPU seconds (user + system) of the children reaped so far.
+double childrenCpu()
+{
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec + (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU seconds (user + system) a running process has used.
+double processCpu(qint64 pid)
+{
+    QFile stat(QString("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return -1;
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    return fields.size() > 12 ? (fields[11].toLongLong() + fields[12].toLongLong()) / double(sysconf(_SC_CLK_TCK)) : -1;
 }
 
 // Wall time of one run of PROGRAM, -1 on failure.
@@ -112,17 +132,32 @@ int countFiles(const QString& dir)
     return n;
 }
 
-void line(const QString& name, double seconds, int objects, double megabytes, double reference)
+// Best wall time and best CPU time of one side over the rounds.
+struct Result {
+    double wall = 1e9, cpu = 1e9;
+    void add(double w, double c)
+    {
+        if (w > 0)
+            wall = std::min(wall, w);
+        if (c >= 0)
+            cpu = std::min(cpu, c);
+    }
+    bool valid() const { return wall < 1e9; }
+};
+
+void line(const QString& name, const Result& r, int objects, double megabytes, const Result* reference)
 {
-    if (seconds <= 0) {
+    if (!r.valid()) {
         out << "  " << name.leftJustified(34) << "failed\n";
         return;
     }
-    out << "  " << name.leftJustified(34) << QString::number(seconds, 'f', 2).rightJustified(7) << " s "
-        << QString::number(objects / seconds, 'f', 0).rightJustified(7) << " obj/s "
-        << QString::number(megabytes / seconds, 'f', 1).rightJustified(7) << " MB/s";
-    if (reference > 0)
-        out << "   " << QString::number(100.0 * reference / seconds, 'f', 0) << "% of DCMTK";
+    out << "  " << name.leftJustified(34) << QString::number(r.wall, 'f', 2).rightJustified(6) << " s "
+        << QString::number(objects / r.wall, 'f', 0).rightJustified(6) << " obj/s "
+        << QString::number(megabytes / r.wall, 'f', 1).rightJustified(6) << " MB/s "
+        << QString::number(1000 * r.cpu / objects, 'f', 3).rightJustified(7) << " ms CPU/obj";
+    if (reference && reference->valid())
+        out << "   throughput " << QString::number(100.0 * reference->wall / r.wall, 'f', 0) << "%, CPU "
+            << QString::number(100.0 * r.cpu / reference->cpu, 'f', 0) << "% of DCMTK's";
     out << Qt::endl;
 }
 
@@ -164,49 +199,48 @@ int main(int argc, char* argv[])
     out << "DICOM network throughput, " << sent << " objects of " << size << "x" << size << " (" 
         << QString::number(mb, 'f', 1) << " MB), best of " << rounds << " rounds, loopback, TCP_NODELAY=1\n";
     const QStringList scuArgs{"-aec", "ANY", "127.0.0.1"};
-    double bestScp = 1e9, bestListen = 1e9, bestStorescu = 1e9, bestSend = 1e9;
+    Result scpResult, listenResult, storescuResult, sendResult;
     for (int round = 0; round < rounds; ++round) {
         const QString tag = QString::number(round);
-        {
-            Peer scp;
-            QDir().mkpath(dir.filePath("scp" + tag));
-            if (scp.start("storescp", {"-od", dir.filePath("scp" + tag), QString::number(scp.port)})) {
-                const double t = timedRun("storescu", scuArgs + QStringList{QString::number(scp.port), "+sd", "+r",
-                                                                             dir.filePath("src")});
-                if (t > 0 && countFiles(dir.filePath("scp" + tag)) == sent)
-                    bestScp = std::min(bestScp, t);
-            }
+        // Receivers: wall time of the storescu run, CPU time the receiver spent meanwhile.
+        for (const bool ours : {false, true}) {
+            Peer receiver;
+            const QString target = dir.filePath(QString("recv%1%2").arg(ours ? "k" : "d", tag));
+            QDir().mkpath(target);
+            const bool up = ours ? receiver.start(kestrel, {"--config", dir.filePath("config"), "listen", "--port",
+                                                            QString::number(receiver.port), "--out", target})
+                                 : receiver.start("storescp", {"-od", target, QString::number(receiver.port)});
+            if (!up)
+                continue;
+            const double cpu0 = processCpu(receiver.process.processId());
+            const double t = timedRun("storescu", scuArgs + QStringList{QString::number(receiver.port), "+sd", "+r",
+                                                                         dir.filePath("src")});
+            const double cpu = processCpu(receiver.process.processId()) - cpu0;
+            if (t > 0 && countFiles(target) == sent)
+                (ours ? listenResult : scpResult).add(t, cpu);
         }
-        {
-            Peer listen;
-            if (listen.start(kestrel, {"--config", dir.filePath("config"), "listen", "--port",
-                                       QString::number(listen.port), "--out", dir.filePath("listen" + tag)})) {
-                const double t = timedRun("storescu", scuArgs + QStringList{QString::number(listen.port), "+sd", "+r",
-                                                                             dir.filePath("src")});
-                if (t > 0 && countFiles(dir.filePath("listen" + tag)) == sent)
-                    bestListen = std::min(bestListen, t);
-            }
-        }
+        // Senders: wall and CPU time of the sending process, storescp receiving.
         for (const bool ours : {false, true}) {
             Peer scp;
             const QString target = dir.filePath(QString("send%1%2").arg(ours ? "k" : "d", tag));
             QDir().mkpath(target);
             if (!scp.start("storescp", {"-od", target, QString::number(scp.port)}))
                 continue;
+            const double cpu0 = childrenCpu();
             const double t = ours ? timedRun(kestrel, {"send", "--port", QString::number(scp.port), "--aet", "ANY",
                                                        dir.filePath("src")})
                                   : timedRun("storescu", scuArgs + QStringList{QString::number(scp.port), "+sd", "+r",
                                                                                dir.filePath("src")});
+            const double cpu = childrenCpu() - cpu0;
             if (t > 0 && countFiles(target) == sent)
-                (ours ? bestSend : bestStorescu) = std::min(ours ? bestSend : bestStorescu, t);
+                (ours ? sendResult : storescuResult).add(t, cpu);
         }
     }
-    auto value = [](double t) { return t < 1e9 ? t : -1.0; };
     out << "receive (sender: storescu)\n";
-    line("storescp", value(bestScp), sent, mb, -1);
-    line("kestrel listen (with bookkeeping)", value(bestListen), sent, mb, value(bestScp));
+    line("storescp", scpResult, sent, mb, nullptr);
+    line("kestrel listen (with bookkeeping)", listenResult, sent, mb, &scpResult);
     out << "send (receiver: storescp)\n";
-    line("storescu", value(bestStorescu), sent, mb, -1);
-    line("kestrel send", value(bestSend), sent, mb, value(bestStorescu));
+    line("storescu", storescuResult, sent, mb, nullptr);
+    line("kestrel send", sendResult, sent, mb, &storescuResult);
     return 0;
 }
