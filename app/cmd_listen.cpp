@@ -76,8 +76,10 @@ int runListen(const QStringList& args)
     if (!out.endsWith('/'))
         out += '/';
 
-    if (!createConnection())
-        return app::fail("listen", "cannot open the catalogue (see database.ini)");
+    // A MySQL catalogue created on this call needs a second connect.
+    if (!createConnection() || (!QSqlDatabase::database().isOpen() && !createConnection())
+        || !QSqlDatabase::database().isOpen())
+        return app::fail("listen", "cannot open the catalogue of database.ini");
 
     QTextStream stdOut(stdout);
     QDcmRecvFile* recv = QDcmRecvFile::instance();
