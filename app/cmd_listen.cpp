@@ -110,23 +110,40 @@ int runListen(const QStringList& args)
     service->setOutputDirectory(out);
     QDcmStorageSCP* provider = service->listen();
 
+    // The provider signals from its worker thread; everything printed here runs queued in the
+    // main thread (recv is the context object living there).
     int status = 0;
-    QObject::connect(provider, &QDcmStorageSCP::notifyListening, [&]() {
+    bool announced = false;
+    auto announce = [&] {
+        if (announced)
+            return;
+        announced = true;
         stdOut << "listening on port " << port << " as " << parser.value("aet") << ", receiving into "
                << provider->outputDirectory() << Qt::endl;
-    });
-    QObject::connect(provider, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
-    QObject::connect(provider, &QDcmStorageSCP::notifyInstanceSaved,
-                     [&stdOut](const QString& file, const QString&, const QString& sop, const QString& series) {
-                         stdOut << "stored " << file << " " << sop << " " << series << Qt::endl;
-                     });
-    QObject::connect(provider, &QDcmStorageSCP::notifyListenFinished, [&](int code, const QString& message) {
+    };
+    bool ended = false;
+    auto finished = [&](int code, const QString& message) {
+        if (ended)
+            return;
+        ended = true;
         if (code != 0) {
             status = 1;
             app::fail("listen", "the provider stopped: " + message);
         }
         QCoreApplication::quit();
-    });
+    };
+    QObject::connect(provider, &QDcmStorageSCP::notifyListening, recv, announce);
+    QObject::connect(provider, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
+    QObject::connect(provider, &QDcmStorageSCP::notifyInstanceSaved, recv,
+                     [&stdOut](const QString& file, const QString&, const QString& sop, const QString& series) {
+                         stdOut << "stored " << file << " " << sop << " " << series << Qt::endl;
+                     });
+    QObject::connect(provider, &QDcmStorageSCP::notifyListenFinished, recv, finished);
+    // The worker may have got that far before the connections were made.
+    if (provider->isAccepting())
+        QTimer::singleShot(0, recv, announce);
+    if (provider->lastListenStatus() != 0)
+        QTimer::singleShot(0, recv, [&] { finished(provider->lastListenStatus(), "cannot listen"); });
 
     std::signal(SIGINT, onStopSignal);
     std::signal(SIGTERM, onStopSignal);

@@ -83,7 +83,10 @@ int QDcmStorageSCP::listen()
                     SIGNAL(notifyInstanceSaved(QString, QString, QString, QString)));
             connect(d, SIGNAL(notifyStartReceveSeriesFiles()), this, SIGNAL(notifyStartReceveSeriesFiles()));
             connect(d, SIGNAL(notifyRecvedSeriesFiles(QString)), this, SIGNAL(notifyRecvedSeriesFiles(QString)));
-            connect(d, SIGNAL(notifyListening()), this, SIGNAL(notifyListening()));
+            connect(d, &QDcmStorageSCPPrivate::notifyListening, this, [this] {
+                m_accepting = true;
+                emit notifyListening();
+            }, Qt::DirectConnection);
         }
         m_running = true;
     }
@@ -113,8 +116,10 @@ int QDcmStorageSCP::listen()
         if (cond.bad())
             qWarning() << "QDcmStorageSCP::listen:" << cond.text();
     }
-    m_running = false;
     const int status = cond.good() ? 0 : int(cond.code() ? cond.code() : 1);
+    m_lastStatus = status;
+    m_accepting = false;
+    m_running = false;
     emit notifyListenFinished(status, QString::fromLatin1(cond.text()));
     return status;
 }

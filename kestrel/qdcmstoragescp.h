@@ -40,6 +40,10 @@ public:
     bool isConnected();
     // True while listen() runs in the worker thread.
     bool isListening() const { return m_running; }
+    // True while the port is open and associations are accepted.
+    bool isAccepting() const { return m_accepting; }
+    // What the last listen() returned (0 also before the first).
+    int lastListenStatus() const { return m_lastStatus; }
 
 public slots:
     void onStartService();
@@ -61,6 +65,8 @@ private:
     QMutex m_lock; // guards d's creation against a stop from the host's thread
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_stopped{false};
+    std::atomic<bool> m_accepting{false};
+    std::atomic<int> m_lastStatus{0};
     short m_port = 104;
     QString m_aeTitle;
     QString m_outputDirectory;
