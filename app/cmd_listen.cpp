@@ -1,3 +1,4 @@
+#include "catalog.h"
 #include "command.h"
 
 #include "qdcmrecvfile.h"
@@ -21,9 +22,7 @@
 #include <memory>
 
 // Defined by the build when the importer is part of the library.
-#ifdef KESTREL_LISTEN_IMPORTS
 #include "qdcmfiles.h"
-#endif
 
 namespace {
 
@@ -45,12 +44,8 @@ int runListen(const QStringList& args)
     parser.addOption({"out", "Base folder; objects go to DIR/yyyy-MM-dd/ below it.", "DIR"});
     parser.addOption({"import", "Import every recorded series into the catalogue."});
     parser.addOption({"seconds", "Stop after N seconds.", "N"});
-    if (!parser.parse(QStringList{"kestrel listen"} + args))
-        return app::fail("listen", parser.errorText());
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "listen", args))
+        return *status;
     // DCMTK logs every PDU at its default level; only warnings unless asked for.
     OFLog::configure(parser.isSet("verbose") ? OFLogger::INFO_LOG_LEVEL : OFLogger::WARN_LOG_LEVEL);
     bool ok = false;
@@ -65,10 +60,6 @@ int runListen(const QStringList& args)
         if (!ok || seconds < 0)
             return app::fail("listen", "--seconds needs a whole number of seconds");
     }
-#ifndef KESTREL_LISTEN_IMPORTS
-    if (parser.isSet("import"))
-        return app::fail("listen", "--import needs the importer, which this build does not have");
-#endif
 
     QString out = QDir(parser.value("out")).absolutePath();
     if (!QDir().mkpath(out))
@@ -77,8 +68,7 @@ int runListen(const QStringList& args)
         out += '/';
 
     // A MySQL catalogue created on this call needs a second connect.
-    if (!createConnection() || (!QSqlDatabase::database().isOpen() && !createConnection())
-        || !QSqlDatabase::database().isOpen())
+    if (!app::openCatalog())
         return app::fail("listen", "cannot open the catalogue of database.ini");
 
     QTextStream stdOut(stdout);
@@ -88,7 +78,6 @@ int runListen(const QStringList& args)
         stdOut << "recorded series " << uid << Qt::endl;
     });
 
-#ifdef KESTREL_LISTEN_IMPORTS
     // The importer takes every recorded series from the `images` queue into the catalogue.
     std::unique_ptr<QDcmFiles> importer;
     if (parser.isSet("import")) {
@@ -102,7 +91,6 @@ int runListen(const QStringList& args)
             stdOut << "imported series " << uid << " (" << imported << " images)" << Qt::endl;
         });
     }
-#endif
 
     QDicomService* service = QDicomService::instance();
     service->setPort(short(port));

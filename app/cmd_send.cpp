@@ -23,12 +23,8 @@ int runSend(const QStringList& args)
     parser.addOption({"aet", "AE title of both ends (as the application's send paths use it).", "AET"});
     parser.addOption({"peer-aet", "Peer AE title, when it differs from --aet.", "AET"});
     parser.addPositionalArgument("files", "DICOM files or folders (searched recursively).", "FILE_OR_DIR...");
-    if (!parser.parse(QStringList{"kestrel send"} + args))
-        return app::fail("send", parser.errorText());
-    if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
-        return 0;
-    }
+    if (const auto status = app::parseArguments(parser, "send", args))
+        return *status;
     // DCMTK logs every PDU at its default level; only warnings unless asked for.
     OFLog::configure(parser.isSet("verbose") ? OFLogger::INFO_LOG_LEVEL : OFLogger::WARN_LOG_LEVEL);
     bool ok = false;

@@ -28,9 +28,7 @@
 #include <memory>
 
 // Defined by the build when the importer is part of the library.
-#ifdef KESTREL_TEST_IMPORT
 #include "qdcmfiles.h"
-#endif
 
 namespace {
 
@@ -338,10 +336,8 @@ private slots:
         QElapsedTimer sinceLast;
         connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
         connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, this, [&] { sinceLast.start(); });
-#ifdef KESTREL_TEST_IMPORT
         QDcmFiles importer;
         connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
-#endif
 
         QCOMPARE(storescu(provider.port, seriesA + seriesB + QStringList{noSeries}), 0);
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), nA + 2, 10000);
@@ -365,7 +361,6 @@ private slots:
         QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidB}).toInt(), 2);
         QCOMPARE(TestCatalog::count("images"), nA + 2);
         QVERIFY(!provider.service->isConnected());
-#ifdef KESTREL_TEST_IMPORT
         // Through the importer every received image of both series is in the catalogue once.
         const QString perSeries = "SELECT %1 FROM imagepixel p JOIN generalseries s ON p.series_fk = s.pk "
                                   "WHERE s.SeriesInstanceUID = ?";
@@ -374,7 +369,6 @@ private slots:
             QCOMPARE(scalar(perSeries.arg(what), {uidB}).toInt(), 1);
         }
         QCOMPARE(TestCatalog::count("images", "DBflag = 1"), nA + 2);
-#endif
     }
 
     // Garbage, an unsupported class, an aborting sender, queued associations and 2,000 objects in
@@ -467,9 +461,7 @@ private slots:
 
         QStringList listenArgs{"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet",
                                "KESTREL", "--out", dir.filePath("recv")};
-#ifdef KESTREL_TEST_IMPORT
         listenArgs << "--import";
-#endif
         QProcess listen;
         listen.setProcessEnvironment(peerEnvironment());
         listen.start(kestrel, listenArgs);
@@ -501,10 +493,8 @@ private slots:
         QCOMPARE(listen.exitCode(), 0);
         QVERIFY2(out.contains("recorded series ") && out.endsWith("stopped\n"), qPrintable(out));
         QCOMPARE(TestCatalog::count("images"), 2);
-#ifdef KESTREL_TEST_IMPORT
         QVERIFY2(out.contains(" (2 images)\n"), qPrintable(out));
         QCOMPARE(TestCatalog::count("imagepixel"), 2);
-#endif
 
         QProcess timed;
         timed.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(freePort()),
