@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds (warnings as errors), starts a private
 # MariaDB server for the MySQL tests, runs every CTest suite, and stops the server again.
+# Under CI (CI=true) or with KESTREL_TEST_SANITIZE=1 the suite then runs a second time on a build
+# with AddressSanitizer and UndefinedBehaviorSanitizer (in build-asan/).
+# Arguments go to ctest (scripts/test.sh -L sqlite, scripts/test.sh -R import).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
@@ -12,10 +15,21 @@ server_dir=$(mktemp -d /tmp/kestrel-mariadb.XXXXXX)
 cleanup() { "$ROOT"/scripts/mariadb-test-server.sh stop "$server_dir" || true; rm -rf "$server_dir"; }
 trap cleanup EXIT
 echo "== Starting the MariaDB test server"
-export KESTREL_TEST_MYSQL_SOCKET=$(scripts/mariadb-test-server.sh start "$server_dir")
+KESTREL_TEST_MYSQL_SOCKET=$(scripts/mariadb-test-server.sh start "$server_dir")
+export KESTREL_TEST_MYSQL_SOCKET
 export MYSQL_UNIX_PORT=$KESTREL_TEST_MYSQL_SOCKET
 export TCP_NODELAY=1
 
 echo "== Running the tests"
-cd "$BUILD_DIR"
-ctest --output-on-failure -j2 "$@"
+(cd "$BUILD_DIR" && ctest --output-on-failure -j2 "$@")
+
+if [ "${CI:-}" = "true" ] || [ -n "${KESTREL_TEST_SANITIZE:-}" ]; then
+  echo "== Building with AddressSanitizer and UndefinedBehaviorSanitizer"
+  KESTREL_SANITIZE=1 BUILD_DIR=build-asan scripts/setup.sh
+  export ASAN_OPTIONS="suppressions=$ROOT/tests/sanitizers/asan.supp:detect_leaks=1"
+  export LSAN_OPTIONS="suppressions=$ROOT/tests/sanitizers/lsan.supp:print_suppressions=0"
+  export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+  echo "== Running the tests under the sanitizers"
+  # The package test links outside programs against the library, which a sanitized build cannot serve.
+  (cd build-asan && ctest --output-on-failure -j2 -LE package "$@")
+fi

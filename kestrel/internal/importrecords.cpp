@@ -137,16 +137,16 @@ const TablePlan& planFor(const QString& table)
 {
     // Built once for every table (thread-safe static initialisation); the pipeline reads records
     // from several OpenMP workers.
-    static const QHash<QString, const TablePlan*> plans = [] {
+    static const QHash<QString, std::shared_ptr<const TablePlan>> plans = [] {
         const QHash<QString, DcmTagKey> keywords = dictionaryKeywords();
-        QHash<QString, const TablePlan*> all;
+        QHash<QString, std::shared_ptr<const TablePlan>> all;
         for (const char* name : {"patient", "generalstudy", "generalseries", "imageformat", "imagepixel", "mrimageinfo"})
-            all.insert(QString::fromLatin1(name), buildPlan(keywords, QString::fromLatin1(name)).release());
+            all.insert(QString::fromLatin1(name), buildPlan(keywords, QString::fromLatin1(name)));
         return all;
     }();
     static const TablePlan none;
-    const TablePlan* plan = plans.value(table.toLower());
-    return plan ? *plan : none;
+    const auto plan = plans.constFind(table.toLower());
+    return plan == plans.constEnd() ? none : **plan;
 }
 
 // Decoding by SpecificCharacterSet, decided once per dataset.
