@@ -44,7 +44,12 @@ std::optional<int> parseArguments(QCommandLineParser& parser, const QString& nam
     if (!parser.parse(QStringList{"kestrel " + name} + args))
         return fail(name, parser.errorText(), 2);
     if (parser.isSet("help")) {
-        QTextStream(stdout) << parser.helpText();
+        // Qt names the program by its path; the usage line reads as the user types it.
+        QString help = parser.helpText();
+        const int end = help.indexOf(" [options]");
+        if (help.startsWith("Usage: ") && end > 0)
+            help.replace(7, end - 7, "kestrel " + name);
+        QTextStream(stdout) << help;
         return 0;
     }
     return std::nullopt;
