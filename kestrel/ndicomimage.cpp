@@ -7,13 +7,10 @@
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 #include <dcmtk/dcmdata/dcmetinf.h>
-#include <dcmtk/dcmdata/dcrledrg.h>
 #include <dcmtk/dcmdata/dcuid.h>
 #include <dcmtk/dcmdata/dcxfer.h>
 #include <dcmtk/dcmimgle/dcmimage.h>
 #include <dcmtk/dcmimgle/dipixel.h>
-#include <dcmtk/dcmjpeg/djdecode.h>
-#include <dcmtk/dcmjpls/djdecode.h>
 
 #include <QDate>
 #include <QDebug>
@@ -543,18 +540,6 @@ bool NDicomImage::getStandardDicomImage(NDicomImage& src)
 
 namespace {
 
-// Decoders for compressed pixel data are registered once, on the first read.
-void registerDecoders()
-{
-    static const bool registered = [] {
-        DcmRLEDecoderRegistration::registerCodecs();
-        DJDecoderRegistration::registerCodecs();
-        DJLSDecoderRegistration::registerCodecs();
-        return true;
-    }();
-    Q_UNUSED(registered);
-}
-
 bool readInt(DcmItem* ds, const DcmTagKey& tag, int& field)
 {
     if (!dcmHas(ds, tag) || dcmStringAll(ds, tag).trimmed().isEmpty())
@@ -604,7 +589,7 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
 {
     Q_UNUSED(flag); // callers pass true; reading does not depend on it
     m_referenceFile = file;
-    registerDecoders();
+    kestrel::internal::registerDecoders();
     DcmFileFormat fileFormat;
     const OFCondition status =
         fileFormat.loadFile(QFile::encodeName(file).constData(), EXS_Unknown, EGL_noChange, 4096);

@@ -12,12 +12,9 @@
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
-#include <dcmtk/dcmdata/dcrledrg.h>
 #include <dcmtk/dcmdata/dcxfer.h>
 #include <dcmtk/dcmimgle/dcmimage.h>
 #include <dcmtk/dcmimgle/dipixel.h>
-#include <dcmtk/dcmjpeg/djdecode.h>
-#include <dcmtk/dcmjpls/djdecode.h>
 
 #include <QDebug>
 #include <QDir>
@@ -138,23 +135,12 @@ bool NDicomVolume::getDicomImagePlaneByIndex(NDicomImage& image, int /*index*/)
 
 namespace {
 
-void registerDecoders()
-{
-    static const bool registered = [] {
-        DcmRLEDecoderRegistration::registerCodecs();
-        DJDecoderRegistration::registerCodecs();
-        DJLSDecoderRegistration::registerCodecs();
-        return true;
-    }();
-    Q_UNUSED(registered);
-}
-
 // The raw bytes of the uncompressed Pixel Data (decoded first when the file is compressed).
 const Uint8* pixelBytes(DcmDataset* ds, qint64& length)
 {
     length = 0;
     if (DcmXfer(ds->getOriginalXfer()).isEncapsulated()) {
-        registerDecoders();
+        kestrel::internal::registerDecoders();
         if (ds->chooseRepresentation(EXS_LittleEndianExplicit, nullptr).bad())
             return nullptr;
     }

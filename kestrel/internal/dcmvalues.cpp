@@ -3,6 +3,9 @@
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcitem.h>
+#include <dcmtk/dcmdata/dcrledrg.h>
+#include <dcmtk/dcmjpeg/djdecode.h>
+#include <dcmtk/dcmjpls/djdecode.h>
 
 #include <QStringList>
 #include <QTextCodec>
@@ -102,6 +105,17 @@ QString dcmCharacterSet(DcmItem* item)
 QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
 {
     return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item));
+}
+
+void registerDecoders()
+{
+    static const bool registered = [] {
+        DcmRLEDecoderRegistration::registerCodecs();
+        DJDecoderRegistration::registerCodecs();
+        DJLSDecoderRegistration::registerCodecs();
+        return true;
+    }();
+    Q_UNUSED(registered);
 }
 
 } // namespace kestrel::internal

@@ -45,4 +45,7 @@ KESTREL_EXPORT QString dcmCharacterSet(DcmItem* item);
 // A person name (or any text attribute) decoded by the item's SpecificCharacterSet.
 KESTREL_EXPORT QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag);
 
+// Registers DCMTK's decoders of compressed pixel data (RLE, JPEG, JPEG-LS), once per process.
+KESTREL_EXPORT void registerDecoders();
+
 } // namespace kestrel::internal
