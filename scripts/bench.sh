@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Benchmarks, each printing its figures side by side with a peer or a limit: image windowing,
+# import (SQLite and MariaDB), volumes and slabs (with dcm2niix as the peer), network receive and
+# send (with DCMTK's storescp/storescu). Installs and builds first; starts a private MariaDB server.
+#   scripts/bench.sh [image|import|volume|network]...   (default: all)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+scripts/setup.sh
+if ! command -v dcm2niix >/dev/null; then
+  apt-get install -y -qq --no-install-recommends dcm2niix >/dev/null || echo "dcm2niix not installed: the volume peer is left out"
+fi
+BUILD_DIR=${BUILD_DIR:-build}
+server_dir=$(mktemp -d /tmp/kestrel-bench-mariadb.XXXXXX)
+cleanup() { "$ROOT"/scripts/mariadb-test-server.sh stop "$server_dir" || true; rm -rf "$server_dir"; }
+trap cleanup EXIT
+KESTREL_TEST_MYSQL_SOCKET=$(scripts/mariadb-test-server.sh start "$server_dir")
+export KESTREL_TEST_MYSQL_SOCKET MYSQL_UNIX_PORT=$KESTREL_TEST_MYSQL_SOCKET TCP_NODELAY=1 QT_QPA_PLATFORM=offscreen
+benches=("$@")
+[ ${#benches[@]} -gt 0 ] || benches=(image import volume network)
+for b in "${benches[@]}"; do
+  echo "== bench_$b"
+  "$BUILD_DIR/bin/bench_$b"
+done
