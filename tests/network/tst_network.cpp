@@ -1,0 +1,599 @@
+#include "syntheticdicom.h"
+#include "testcatalog.h"
+
+#include "internal/qdcmstoragescpprivate.h"
+#include "kestrelpaths.h"
+#include "qdcmrecvfile.h"
+#include "qdcmstoragescp.h"
+#include "qdcmstoragescu.h"
+#include "qdicomservice.h"
+
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QDate>
+#include <QDirIterator>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QSet>
+#include <QSignalSpy>
+#include <QSqlQuery>
+#include <QtTest>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+
+// Defined by the build when the importer is part of the library.
+#include "qdcmfiles.h"
+
+namespace {
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(quint16(port));
+    return addr;
+}
+
+// A port that is free on the loopback right now.
+int freePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr = loopback(0);
+    socklen_t len = sizeof addr;
+    const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0
+                    && ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
+    ::close(fd);
+    return ok ? ntohs(addr.sin_port) : -1;
+}
+
+// Opens a TCP connection to PORT and writes BYTES (nothing when empty); true when it connected.
+bool pokePort(int port, const QByteArray& bytes = QByteArray())
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in addr = loopback(port);
+    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
+    if (ok && !bytes.isEmpty())
+        (void)!::write(fd, bytes.constData(), size_t(bytes.size()));
+    ::close(fd);
+    return ok;
+}
+
+QProcessEnvironment peerEnvironment()
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TCP_NODELAY", "1");
+    return env;
+}
+
+// A DCMTK peer with Nagle off and its output dropped; killed with the pointer.
+struct PeerProcess : QProcess {
+    PeerProcess(const QString& program, const QStringList& args)
+    {
+        setProcessEnvironment(peerEnvironment());
+        setStandardOutputFile(QProcess::nullDevice());
+        setStandardErrorFile(QProcess::nullDevice());
+        start(program, args);
+        waitForStarted(10000);
+    }
+    ~PeerProcess() override
+    {
+        kill();
+        waitForFinished(5000);
+    }
+    // Waits (event loop turning, so queued signals arrive) for the end; the exit code or < 0.
+    int finish(int timeoutMs = 60000)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (state() != QProcess::NotRunning && clock.elapsed() < timeoutMs)
+            QTest::qWait(20);
+        if (state() != QProcess::NotRunning)
+            return -1;
+        return exitStatus() == QProcess::NormalExit ? exitCode() : -2;
+    }
+};
+
+QStringList storescuArgs(int port, const QStringList& files, const QStringList& options = {})
+{
+    return options + QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files;
+}
+
+int storescu(int port, const QStringList& files, const QStringList& options = {})
+{
+    return PeerProcess("storescu", storescuArgs(port, files, options)).finish();
+}
+
+// DCMTK's storescp receiving into DIR on a free port, ready when start() returns true.
+struct Storescp {
+    std::unique_ptr<PeerProcess> process;
+    int port = freePort();
+    bool start(const QString& dir, const QStringList& options = {})
+    {
+        process = std::make_unique<PeerProcess>(
+            "storescp", options + QStringList{"-aet", "PEER", "-od", dir, QString::number(port)});
+        for (int i = 0; i < 100; ++i) {
+            if (pokePort(port))
+                return true;
+            QTest::qWait(50);
+        }
+        return false;
+    }
+};
+
+QStringList filesBelow(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files << it.next();
+    return files;
+}
+
+QVariant scalar(const QString& sql, const QVariantList& values = {})
+{
+    QSqlQuery query(QSqlDatabase::database());
+    query.prepare(sql);
+    for (const QVariant& v : values)
+        query.addBindValue(v);
+    if (!query.exec() || !query.next())
+        return QVariant();
+    return query.value(0);
+}
+
+// The bookkeeping singleton on the current catalogue; gone before the catalogue closes.
+struct RecvGuard {
+    QDcmRecvFile* recv = QDcmRecvFile::instance();
+    ~RecvGuard() { delete recv; }
+};
+
+// A running provider of a fresh service, stopped and released at the end of the scope.
+struct Provider {
+    QDicomService* service = QDicomService::instance();
+    QDcmStorageSCP* scp = nullptr;
+    int port = freePort();
+    bool start(const QString& outDir)
+    {
+        // The service makes only the dated folder below an existing base.
+        QDir().mkpath(outDir);
+        service->setPort(short(port));
+        service->setAETitle("KESTREL");
+        service->setOutputDirectory(outDir + "/");
+        scp = service->listen();
+        QElapsedTimer clock;
+        clock.start();
+        while (!scp->isAccepting() && clock.elapsed() < 10000)
+            QTest::qWait(20);
+        return scp->isAccepting();
+    }
+    ~Provider()
+    {
+        service->destroyAllstoreScp();
+        service->stop();
+    }
+};
+
+} // namespace
+
+class TestNetwork : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        if (QStandardPaths::findExecutable("storescu").isEmpty() || QStandardPaths::findExecutable("storescp").isEmpty())
+            QSKIP("DCMTK's storescu/storescp are not installed");
+    }
+
+    void serviceBasics()
+    {
+        // The receiving folder is the base and the date glued together.
+        const QDate day(2024, 3, 5);
+        QCOMPARE(QDicomService::receivingDirectory("D:/recv/", day), QString("D:/recv/2024-03-05/"));
+        QCOMPARE(QDicomService::receivingDirectory("D:/recv", day), QString("D:/recv2024-03-05/"));
+        QCOMPARE(QDcmStorageSCPPrivate::normalizedFileName("C:\\\\data\\\\x.dcm"), QString("C:\\data\\x.dcm"));
+
+        // A service without providers: nothing connected, stopping does nothing harmful.
+        QDicomService* service = QDicomService::instance();
+        QVERIFY(!service->isConnected());
+        service->destroyAllstoreScp();
+        service->stop();
+        QVERIFY(QDicomService::instance() != service);
+        QDcmStorageSCP idle;
+        idle.onStopService();
+        idle.onReleaseInternal();
+        QVERIFY(!idle.isConnected());
+
+        // A missing association file ends listen() at once, with a status.
+        QTemporaryDir dir;
+        Provider broken;
+        broken.service->setSCPAssociationConfiguration(dir.filePath("missing.cfg"), "Default");
+        broken.service->setPort(short(broken.port));
+        broken.service->setOutputDirectory(dir.path() + "/");
+        QDcmStorageSCP* scp = broken.service->listen();
+        QTRY_VERIFY_WITH_TIMEOUT(scp->lastListenStatus() != 0, 10000);
+        QVERIFY(!scp->isAccepting());
+    }
+
+    // The bookkeeping rows, driven directly: series switching, duplicates, repeated series,
+    // options, forwarding and files recorded by the other path.
+    void bookkeepingRows_data() { TestCatalog::addBackendRows(); }
+    void bookkeepingRows()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        RecvGuard guard;
+        QDcmRecvFile* recv = guard.recv;
+        recv->setUserOption(true, false, true);
+        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
+        QSignalSpy cloud(recv, &QDcmRecvFile::notifyUploadCloud);
+        QSignalSpy forwarded(recv, &QDcmRecvFile::notifyForward);
+
+        const QString a = "1.2.3.4'A", b = "1.2.3.5";
+        recv->onNotifyInstanceSaved("/r/a1", "", "a.1", a);
+        QVERIFY(recv->isToDataBase());
+        QVERIFY(recv->timer()->isActive());
+        recv->onNotifyInstanceSaved("/r/a2", "", "a.2", a);
+        recv->onNotifyInstanceSaved("/r/a1-again", "", "a.1", a);
+        QCOMPARE(TestCatalog::count("series"), 0);
+        recv->onNotifyInstanceSaved("/r/b1", "", "b.1", b);
+        // A is recorded when B starts; B waits for the timer.
+        QCOMPARE(uploaded.count(), 1);
+        QCOMPARE(uploaded.at(0).at(0).toString(), a);
+        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 2);
+        QCOMPARE(TestCatalog::count("images"), 2);
+        QCOMPARE(scalar("SELECT filepath FROM images WHERE InstanceUID = 'a.1'").toString(), QString("/r/a1-again"));
+        QCOMPARE(scalar("SELECT Cloudflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 2);
+        QCOMPARE(scalar("SELECT DBflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 0);
+        QVERIFY(!recv->needtoWriteDB({"x", a}));
+        QVERIFY(recv->needtoWriteDB({b}));
+        QVERIFY(recv->needtoWriteDB({}));
+        QVERIFY(recv->needtoWriteDB({a.toLower()}));
+
+        recv->onTimerSlot();
+        QVERIFY(!recv->isToDataBase());
+        QVERIFY(!recv->timer()->isActive());
+        QCOMPARE(uploaded.count(), 2);
+        QCOMPARE(uploaded.at(1).at(0).toString(), b);
+        QCOMPARE(cloud.count(), 0);
+        QCOMPARE(forwarded.count(), 1);
+        QCOMPARE(forwarded.at(0).at(0).toStringList(),
+                 QStringList({"/r/a1", "/r/a2", "/r/a1-again", "/r/b1"}));
+        QCOMPARE(TestCatalog::count("series"), 2);
+
+        // A series received again: counter replaced, consumers' progress reset, one row per image,
+        // existing paths kept.
+        QSqlQuery(QSqlDatabase::database()).exec("UPDATE images SET DBflag=1");
+        QSqlQuery(QSqlDatabase::database()).exec("UPDATE series SET upDBnum=7, upCloudnum=3");
+        for (const char* sop : {"a.1", "a.2", "a.3"})
+            recv->onNotifyInstanceSaved(QString("/r2/") + sop, "", sop, a);
+        recv->onTimerSlot();
+        QCOMPARE(TestCatalog::count("series"), 2);
+        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 3);
+        QCOMPARE(scalar("SELECT upDBnum + upCloudnum FROM series WHERE seriesUID = ?", {a}).toInt(), 0);
+        QCOMPARE(TestCatalog::count("images", "seriesUID = '1.2.3.4''A'"), 3);
+        QCOMPARE(TestCatalog::count("images", "DBflag <> 0"), 1); // only B's image keeps its flag
+        QCOMPARE(scalar("SELECT filepath FROM images WHERE InstanceUID = 'a.2'").toString(), QString("/r/a2"));
+
+        // Files recorded by the other path: grouped by series, no import signal, cloud from then on.
+        QSignalSpy files(recv, &QDcmRecvFile::notifyUploadFile);
+        recv->onNotifyWriteDB({"c", "c", "d"}, {"c.1", "c.2", "d.1"}, {"/f/c1", "/f/c2", "/f/d1"}, "note");
+        QCOMPARE(files.count(), 1);
+        QCOMPARE(files.at(0).at(3).toString(), QString("note"));
+        QCOMPARE(uploaded.count(), 3); // A twice and B; nothing for these files
+        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = 'c'").toInt(), 2);
+        QCOMPARE(TestCatalog::count("images", "Cloudflag = 0"), 3);
+        recv->onNotifyInstanceSaved("/r/e1", "", "e.1", "e");
+        recv->onTimerSlot();
+        QCOMPARE(cloud.count(), 1);
+        QCOMPARE(scalar("SELECT Cloudflag FROM images WHERE InstanceUID = 'e.1'").toInt(), 0);
+    }
+
+    // storescu sends series A (a real series when the shared data is there), B and an object
+    // without a Series Instance UID to the provider; A is recorded and imported when B starts, B
+    // ten seconds after the last object.
+    void receiveAndRecordAfterSilence()
+    {
+        KESTREL_OPEN_CATALOG(catalog, "sqlite");
+        RecvGuard guard;
+        QDcmRecvFile* recv = guard.recv;
+        recv->setUserOption(true, false, false);
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.filePath("recv")));
+
+        SyntheticImage base;
+        QStringList seriesA;
+        const QString real = sharedDataPath("siemens_t1_sag");
+        if (!real.isEmpty()) {
+            for (const QString& name : QDir(real).entryList({"*.dcm"}, QDir::Files, QDir::Name))
+                seriesA << real + "/" + name;
+        } else {
+            seriesA = writeSyntheticSeries(dir.filePath("a"), base, 2);
+        }
+        const int nA = seriesA.size();
+        base.seriesNumber = 2;
+        const QStringList seriesB = writeSyntheticSeries(dir.filePath("b"), base, 1);
+        const QString noSeries = dir.filePath("noseries.dcm");
+        {
+            SyntheticImage image;
+            QVERIFY(writeSyntheticImage(noSeries, image));
+            DcmFileFormat file;
+            QVERIFY(file.loadFile(noSeries.toUtf8().constData()).good());
+            file.getDataset()->findAndDeleteElement(DCM_SeriesInstanceUID);
+            QVERIFY(file.saveFile(noSeries.toUtf8().constData()).good());
+        }
+
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
+        QElapsedTimer sinceLast;
+        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
+        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, this, [&] { sinceLast.start(); });
+        QDcmFiles importer;
+        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+
+        QCOMPARE(storescu(provider.port, seriesA + seriesB + QStringList{noSeries}), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), nA + 2, 10000);
+        const QString uidA = saved.at(0).at(3).toString(), uidB = saved.at(nA).at(3).toString();
+        QVERIFY(uidA != uidB);
+        QCOMPARE(saved.at(nA + 1).at(3).toString(), uidB); // announced under the previous object's series
+        for (const QList<QVariant>& args : qAsConst(saved)) {
+            QVERIFY2(QFileInfo::exists(args.at(0).toString()), qPrintable(args.at(0).toString()));
+            QVERIFY(args.at(0).toString().startsWith(
+                QDicomService::receivingDirectory(dir.filePath("recv/"), QDate::currentDate())));
+        }
+        QCOMPARE(uploaded.count(), 1);
+        QCOMPARE(uploaded.at(0).at(0).toString(), uidA);
+        QVERIFY(recv->isToDataBase());
+
+        QVERIFY(uploaded.wait(15000));
+        QVERIFY2(sinceLast.elapsed() >= 9500, qPrintable(QString::number(sinceLast.elapsed())));
+        QCOMPARE(uploaded.at(1).at(0).toString(), uidB);
+        QVERIFY(!recv->isToDataBase());
+        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidA}).toInt(), nA);
+        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidB}).toInt(), 2);
+        QCOMPARE(TestCatalog::count("images"), nA + 2);
+        QVERIFY(!provider.service->isConnected());
+        // Through the importer every received image of both series is in the catalogue once.
+        const QString perSeries = "SELECT %1 FROM imagepixel p JOIN generalseries s ON p.series_fk = s.pk "
+                                  "WHERE s.SeriesInstanceUID = ?";
+        for (const QString& what : {QString("COUNT(*)"), QString("COUNT(DISTINCT p.SOPInstanceUID)")}) {
+            QCOMPARE(scalar(perSeries.arg(what), {uidA}).toInt(), nA);
+            QCOMPARE(scalar(perSeries.arg(what), {uidB}).toInt(), 1);
+        }
+        QCOMPARE(TestCatalog::count("images", "DBflag = 1"), nA + 2);
+    }
+
+    // Garbage, an unsupported class, an aborting sender, queued associations and 2,000 objects in
+    // one association: every accepted object is on disk and in `images` once, and the provider
+    // still answers afterwards.
+    void providerUnderBadInputAndLoad()
+    {
+        KESTREL_OPEN_CATALOG(catalog, "sqlite");
+        RecvGuard guard;
+        QDcmRecvFile* recv = guard.recv;
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.filePath("recv")));
+        QSet<QString> stored;
+        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
+        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, this,
+                [&](const QString&, const QString&, const QString& sop, const QString&) { stored << sop; });
+
+        QVERIFY(pokePort(provider.port, QByteArray(4096, '\x5a')));
+        QVERIFY(pokePort(provider.port, QByteArray::fromHex("0100000000ff") + QByteArray(100, '\1')));
+
+        SyntheticImage us;
+        us.sopClassUid = "1.2.840.10008.5.1.4.1.1.6.1"; // ultrasound: not in the profile
+        us.modality = "US";
+        const QString usFile = dir.filePath("us.dcm");
+        QVERIFY(writeSyntheticImage(usFile, us));
+        const QStringList mr = writeSyntheticSeries(dir.filePath("mr"), SyntheticImage(), 1);
+        storescu(provider.port, {usFile, mr.first()}, {"-nh"});
+        QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 1, 10000);
+
+        SyntheticImage ct;
+        ct.sopClassUid = "1.2.840.10008.5.1.4.1.1.2";
+        ct.modality = "CT";
+        QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("ct"), ct, 3), {"--abort"}), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 4, 10000);
+
+        std::vector<std::unique_ptr<PeerProcess>> senders;
+        for (int i = 0; i < 4; ++i)
+            senders.push_back(std::make_unique<PeerProcess>(
+                "storescu", storescuArgs(provider.port, writeSyntheticSeries(dir.filePath(QString("q%1").arg(i)),
+                                                                             SyntheticImage(), 5))));
+        for (const auto& sender : senders)
+            QCOMPARE(sender->finish(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 24, 10000);
+
+        SyntheticImage small;
+        small.rows = small.columns = 8;
+        const QStringList many = writeSyntheticSeries(dir.filePath("many"), small, 2000);
+        QCOMPARE(storescu(provider.port, {"+sd", dir.filePath("many")}, {}), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 2024, 30000);
+        recv->onTimerSlot();
+
+        QCOMPARE(TestCatalog::count("images"), 2024);
+        QCOMPARE(scalar("SELECT COUNT(DISTINCT InstanceUID) FROM images").toInt(), 2024);
+        QCOMPARE(TestCatalog::count("series"), 7);
+        QSqlQuery paths(QSqlDatabase::database());
+        QVERIFY(paths.exec("SELECT filepath FROM images"));
+        int onDisk = 0;
+        while (paths.next())
+            onDisk += QFileInfo::exists(paths.value(0).toString()) ? 1 : 0;
+        QCOMPARE(onDisk, 2024);
+        QCOMPARE(filesBelow(dir.filePath("recv")).size(), 2024);
+
+        QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("last"), SyntheticImage(), 1)), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 2025, 10000);
+
+        // Stopping in the middle of a transfer aborts the association from the worker thread; what
+        // was stored until then is announced, and the sender is told.
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+        PeerProcess sender("storescu", storescuArgs(provider.port, {"+sd", dir.filePath("many")}));
+        QTRY_VERIFY_WITH_TIMEOUT(saved.count() >= 20, 20000);
+        provider.service->destroyAllstoreScp();
+        const int status = sender.finish(20000);
+        QVERIFY(status > 0 || (status == 0 && saved.count() == 2000));
+        QVERIFY(!provider.service->isConnected());
+        QVERIFY(provider.service->providers().isEmpty());
+    }
+
+    // The host's commands: listen until SIGTERM (recording the pending series first), a busy
+    // port, a fixed run time; send to storescp and to nobody.
+    void commandLine()
+    {
+        const QString kestrel = QCoreApplication::applicationDirPath() + "/kestrel";
+        if (!QFileInfo::exists(kestrel))
+            QSKIP("the kestrel host is not built");
+        KESTREL_OPEN_CATALOG(catalog, "sqlite");
+        QTemporaryDir dir;
+        const QStringList files = writeSyntheticSeries(dir.filePath("src"), SyntheticImage(), 2);
+        const int port = freePort();
+
+        QStringList listenArgs{"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet",
+                               "KESTREL", "--out", dir.filePath("recv")};
+        listenArgs << "--import";
+        QProcess listen;
+        listen.setProcessEnvironment(peerEnvironment());
+        listen.start(kestrel, listenArgs);
+        QString out;
+        auto readUntil = [&](const QString& text, int times = 1) {
+            QElapsedTimer clock;
+            clock.start();
+            while (out.count(text) < times && clock.elapsed() < 15000 && listen.state() != QProcess::NotRunning) {
+                listen.waitForReadyRead(100);
+                out += QString::fromUtf8(listen.readAllStandardOutput());
+            }
+            return out.count(text) >= times;
+        };
+        QVERIFY2(readUntil("listening on port"), qPrintable(out));
+        QCOMPARE(storescu(port, files), 0);
+        QVERIFY2(readUntil("stored ", 2), qPrintable(out));
+
+        QProcess second; // the port is taken by the first listener
+        second.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--out",
+                               dir.filePath("recv2")});
+        QVERIFY(second.waitForFinished(15000));
+        QCOMPARE(second.exitCode(), 1);
+        QVERIFY(QString::fromUtf8(second.readAllStandardError()).contains("kestrel listen:"));
+
+        listen.terminate();
+        QVERIFY(listen.waitForFinished(15000));
+        out += QString::fromUtf8(listen.readAllStandardOutput());
+        QCOMPARE(listen.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(listen.exitCode(), 0);
+        QVERIFY2(out.contains("recorded series ") && out.endsWith("stopped\n"), qPrintable(out));
+        QCOMPARE(TestCatalog::count("images"), 2);
+        QVERIFY2(out.contains(" (2 images)\n"), qPrintable(out));
+        QCOMPARE(TestCatalog::count("imagepixel"), 2);
+
+        QProcess timed;
+        timed.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(freePort()),
+                              "--out", dir.filePath("recv3"), "--seconds", "1"});
+        QVERIFY(timed.waitForFinished(15000));
+        QCOMPARE(timed.exitCode(), 0);
+
+        Storescp peer;
+        QVERIFY(QDir().mkpath(dir.filePath("peer")));
+        QVERIFY(peer.start(dir.filePath("peer")));
+        QProcess send;
+        send.start(kestrel, {"send", "--port", QString::number(peer.port), "--aet", "PEER", dir.filePath("src")});
+        QVERIFY(send.waitForFinished(30000));
+        const QString sent = QString::fromUtf8(send.readAllStandardOutput());
+        QCOMPARE(send.exitCode(), 0);
+        QVERIFY2(sent.contains("sent 1/2\nsent 2/2\n"), qPrintable(sent));
+        QCOMPARE(filesBelow(dir.filePath("peer")).size(), 2);
+
+        send.start(kestrel, {"send", "--port", QString::number(freePort()), "--aet", "PEER", files.first()});
+        QVERIFY(send.waitForFinished(30000));
+        QVERIFY(send.exitCode() != 0);
+        QVERIFY(QString::fromUtf8(send.readAllStandardError()).contains("kestrel send:"));
+    }
+
+    // Our storage user against DCMTK's storescp: the send paths, the queue, refusing, aborting and
+    // absent peers.
+    void storageUser()
+    {
+        QTemporaryDir dir;
+        const QStringList files = writeSyntheticSeries(dir.filePath("src"), SyntheticImage(), 3);
+        QFile junk(dir.filePath("src-junk.txt"));
+        QVERIFY(junk.open(QIODevice::WriteOnly) && junk.write("not dicom") > 0);
+        junk.close();
+
+        QDcmStorageSCU* scu = QDcmStorageSCU::instance();
+        QCOMPARE(QDcmStorageSCU::instance(), scu);
+        QCOMPARE(scu->onNotifySentDicomFiles(), -1); // nothing queued, no private object yet
+        scu->SetForwardinfo("NODE", "127.0.0.1", 104);
+        QCOMPARE(scu->aeTitle(), QString("NODE"));
+        QCOMPARE(scu->peerAETitle(), QString("NODE"));
+        QCOMPARE(scu->onNotifySentDicomFiles(), -1);
+        QCOMPARE(scu->onNotifyAddOneDicomFile(junk.fileName()), -1);
+
+        Storescp peer;
+        QVERIFY(QDir().mkpath(dir.filePath("peer")));
+        QVERIFY(peer.start(dir.filePath("peer")));
+        QSignalSpy sent(scu, &QDcmStorageSCU::notifyInstanceSent);
+        scu->onNotifySendSelectData(files + QStringList{junk.fileName()}, "PEER", "127.0.0.1", peer.port);
+        QCOMPARE(sent.count(), 3);
+        QCOMPARE(scu->queuedFiles(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(filesBelow(dir.filePath("peer")).size(), 3, 10000);
+
+        // Forwarding queues the received files and sends them once.
+        scu->SetForwardinfo("PEER", "127.0.0.1", peer.port);
+        scu->onNotifyForward(files.mid(0, 2));
+        QCOMPARE(sent.count(), 5);
+        QCOMPARE(scu->queuedFiles(), 0);
+
+        // The "MRA" node of the send configuration gets a whole folder.
+        QTemporaryDir config;
+        Kestrel::setConfigDirectory(config.path());
+        QSettings ini(config.filePath("dicomsendservice.ini"), QSettings::IniFormat);
+        ini.setValue("OTHER/Port", peer.port);
+        ini.sync();
+        scu->onNotifySendMRA(1, dir.filePath("src"));
+        QCOMPARE(sent.count(), 5);
+        ini.setValue("MRA/AETitle", "PEER");
+        ini.setValue("MRA/IP", "127.0.0.1");
+        ini.setValue("MRA/Port", peer.port);
+        ini.sync();
+        scu->onNotifySendMRA(0, dir.filePath("src"));
+        QCOMPARE(sent.count(), 5);
+        scu->onNotifySendMRA(1, dir.filePath("src"));
+        Kestrel::setConfigDirectory(QString());
+        QCOMPARE(sent.count(), 8);
+
+        // Failures: nobody listening, a refusing peer, a peer that aborts while receiving.
+        scu->SetForwardinfo("PEER", "127.0.0.1", freePort());
+        QCOMPARE(scu->onNotifyAddOneDicomFile(files.first()), 0);
+        QCOMPARE(scu->onNotifySentDicomFiles(), -1);
+        Storescp refusing;
+        QVERIFY(refusing.start(dir.path(), {"--refuse"}));
+        scu->SetForwardinfo("PEER", "127.0.0.1", refusing.port);
+        QCOMPARE(scu->onNotifyAddOneDicomFile(files.first()), 0);
+        QCOMPARE(scu->onNotifySentDicomFiles(), -1);
+        Storescp aborting;
+        QVERIFY(aborting.start(dir.path(), {"--abort-after"}));
+        scu->SetForwardinfo("PEER", "127.0.0.1", aborting.port);
+        for (const QString& file : files)
+            QCOMPARE(scu->onNotifyAddOneDicomFile(file), 0);
+        QCOMPARE(scu->onNotifySentDicomFiles(), -1);
+
+        // The user still works after those failures.
+        scu->SetForwardinfo("PEER", "127.0.0.1", peer.port);
+        QCOMPARE(scu->onNotifyAddOneDicomFile(files.last()), 0);
+        QCOMPARE(scu->onNotifySentDicomFiles(), 0);
+        delete scu;
+    }
+};
+
+QTEST_GUILESS_MAIN(TestNetwork)
+#include "tst_network.moc"
