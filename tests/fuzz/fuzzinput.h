@@ -1,5 +1,8 @@
 #pragma once
 
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/oflog/oflog.h>
+
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QFile>
@@ -22,6 +25,7 @@ inline void setUp()
         return;
     done = true;
     qInstallMessageHandler(quiet);
+    OFLog::configure(OFLogger::FATAL_LOG_LEVEL); // DCMTK's parser warnings on every input cost most of the time
     static int argc = 1;
     static char name[] = "fuzz";
     static char* argv[] = {name, nullptr};

@@ -1,4 +1,7 @@
 #include "qdcmanonymize.h"
+#include "qdcmrecvfile.h"
+#include "qdcmstoragescp.h"
+#include "qdicomservice.h"
 #include "qdcmfiles.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
@@ -15,9 +18,16 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QMap>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QSqlQuery>
+#include <QProcess>
 #include <QtTest>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 // Files whose identifying texts hold SQL, quotes, NUL bytes, huge values, broken or mislabelled
 // character sets: imported (in place and copied), anonymized and restored, every statement must
@@ -127,6 +137,47 @@ QString stored(const QString& sql)
     return query.value(0).toString();
 }
 
+// A port that is free on the loopback right now.
+int freePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
+                    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
+    ::close(fd);
+    return ok ? ntohs(addr.sin_port) : -1;
+}
+
+struct HostileCase {
+    const char* name;
+    QByteArray value;
+    const char* charset;
+    bool lossless; // valid in its character set: the catalogue holds the bytes exactly
+};
+
+QVector<HostileCase> hostileCases()
+{
+    const QByteArray big = QByteArray("x'\"; --x").repeated(8 * 1024); // 64 KB
+    return {
+            {"quotes", "O'Brien \"the\" `tick` 'a'' b\\c", "", true},
+            {"statements", "a; SELECT 1; -- x /* y */ # z", "", true},
+            {"drop", "'); DROP TABLE patient; --", "", true},
+            {"drop-dq", "\"); DROP TABLE generalstudy; /*", "ISO_IR 100", true},
+            {"64KB", big, "", true},
+            {"nul", QByteArray("ab\0cd'\0ef", 9), "", false},
+            {"bad-utf8", "\xff\xfe\xc3(\xa0\xa1'\xed\xa0\x80", "ISO_IR 192", false},
+            {"latin1-as-utf8", "M\xfcller^J\xf6rg", "ISO_IR 192", false},
+            {"bad-gb18030", "\x81\x30'\xff\x80;", "GB18030", false},
+            {"iso2022", "\x1b$B\x3b\x33\x45\x44\x1b(B^\x1b$B\x42\x40\x4f\x3a", "ISO 2022 IR 87", true},
+            {"unknown-charset", "Z\xe9ro; --", "NOT_A_CHARSET", true},
+            {"paths", "../../../tmp/x/..", "", true},
+            {"control", "\t\r\n\x01\x7f%_", "", true},
+    };
+}
+
 } // namespace
 
 class TestHostile : public QObject
@@ -140,31 +191,8 @@ private slots:
         QTest::addColumn<QByteArray>("value");
         QTest::addColumn<QString>("charset");
         QTest::addColumn<bool>("lossless");
-        const QByteArray big = QByteArray("x'\"; --x").repeated(8 * 1024); // 64 KB
-        // LOSSLESS: the bytes are valid in their character set, so the catalogue holds them exactly
-        // and restoring gives them back; otherwise it gives back what the catalogue could hold.
-        const struct {
-            const char* name;
-            QByteArray value;
-            const char* charset;
-            bool lossless;
-        } cases[] = {
-                {"quotes", "O'Brien \"the\" `tick` 'a'' b\\c", "", true},
-                {"statements", "a; SELECT 1; -- x /* y */ # z", "", true},
-                {"drop", "'); DROP TABLE patient; --", "", true},
-                {"drop-dq", "\"); DROP TABLE generalstudy; /*", "ISO_IR 100", true},
-                {"64KB", big, "", true},
-                {"nul", QByteArray("ab\0cd'\0ef", 9), "", false},
-                {"bad-utf8", "\xff\xfe\xc3(\xa0\xa1'\xed\xa0\x80", "ISO_IR 192", false},
-                {"latin1-as-utf8", "M\xfcller^J\xf6rg", "ISO_IR 192", false},
-                {"bad-gb18030", "\x81\x30'\xff\x80;", "GB18030", false},
-                {"iso2022", "\x1b$B\x3b\x33\x45\x44\x1b(B^\x1b$B\x42\x40\x4f\x3a", "ISO 2022 IR 87", true},
-                {"unknown-charset", "Z\xe9ro; --", "NOT_A_CHARSET", true},
-                {"paths", "../../../tmp/x/..", "", true},
-                {"control", "\t\r\n\x01\x7f%_", "", true},
-        };
         for (const QString backend : {"sqlite", "mariadb"})
-            for (const auto& c : cases)
+            for (const HostileCase& c : hostileCases())
                 QTest::newRow(qPrintable(backend + "/" + c.name)) << backend << c.value << QString(c.charset) << c.lossless;
     }
 
@@ -268,6 +296,69 @@ private slots:
                     QCOMPARE(decoded(restored, tag), decoded(sources[i], tag));
         }
         QCOMPARE(rowCounts(), mapped);
+    }
+
+    // Every hostile series in one association to the storage provider with the receive
+    // bookkeeping and the importer behind it: each file on disk below the receiving folder, one
+    // bookkeeping row per image and series, each image catalogued once.
+    void receive_data() { TestCatalog::addBackendRows(); }
+    void receive()
+    {
+        QFETCH(QString, backend);
+        if (QStandardPaths::findExecutable("storescu").isEmpty())
+            QSKIP("DCMTK's storescu is not installed");
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QStringList files;
+        for (const HostileCase& c : hostileCases()) {
+            const QString dir = catalog.path(QString("send/%1").arg(c.name));
+            QVERIFY(writeHostileSeries(dir, c.value, c.charset));
+            files << filesUnder(dir);
+        }
+        const int series = hostileCases().size();
+        const RowCounts before = rowCounts();
+
+        QDcmRecvFile* recv = QDcmRecvFile::instance();
+        auto dropRecv = qScopeGuard([&] { delete recv; });
+        recv->setUserOption(true, false, false);
+        QDicomService* service = QDicomService::instance();
+        auto stop = qScopeGuard([&] {
+            service->destroyAllstoreScp();
+            service->stop();
+        });
+        const int port = freePort();
+        QDir().mkpath(catalog.path("recv"));
+        service->setPort(short(port));
+        service->setAETitle("KESTREL");
+        service->setOutputDirectory(catalog.path("recv") + "/");
+        QDcmStorageSCP* scp = service->listen();
+        QTRY_VERIFY_WITH_TIMEOUT(scp->isAccepting(), 10000);
+        QSignalSpy saved(scp, &QDcmStorageSCP::notifyInstanceSaved);
+        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
+        connect(scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
+        QDcmFiles importer;
+        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+
+        QProcess sender;
+        sender.setProcessChannelMode(QProcess::MergedChannels);
+        sender.start("storescu", QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files);
+        QTRY_VERIFY_WITH_TIMEOUT(sender.state() == QProcess::NotRunning, 60000);
+        QVERIFY2(sender.exitCode() == 0, sender.readAll().constData());
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), files.size(), 10000);
+        // The last series is handed over after ten seconds without objects.
+        QTRY_COMPARE_WITH_TIMEOUT(uploaded.count(), series, 20000);
+
+        const QString root = QDir(catalog.path("recv")).canonicalPath() + "/";
+        for (const QList<QVariant>& args : qAsConst(saved)) {
+            const QString file = args.at(0).toString();
+            QVERIFY2(QFileInfo(file).isFile() && QFileInfo(file).canonicalFilePath().startsWith(root), qPrintable(file));
+        }
+        QCOMPARE(TestCatalog::count("images"), files.size());
+        QCOMPARE(TestCatalog::count("series"), series);
+        const RowCounts after = rowCounts();
+        for (const char* table : {"imageformat", "imagepixel", "mrimageinfo"})
+            QCOMPARE(after.value(table) - before.value(table), files.size());
+        QCOMPARE(after.value("generalseries") - before.value("generalseries"), series);
+        QCOMPARE(after.value("patient") - before.value("patient"), series);
     }
 };
 
