@@ -2,6 +2,7 @@
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcerror.h>
 #include <dcmtk/dcmdata/dcitem.h>
 
 #include <QStringList>
@@ -110,6 +111,15 @@ QString dcmCharacterSet(DcmItem* item)
 QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
 {
     return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item));
+}
+
+OFCondition guardedRead(const std::function<OFCondition()>& read)
+{
+    try {
+        return read();
+    } catch (...) {
+        return EC_CorruptedData;
+    }
 }
 
 } // namespace kestrel::internal
