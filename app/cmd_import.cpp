@@ -144,6 +144,12 @@ int runImport(const QStringList& args)
             << (c.elapsedMs > 0 ? QString::number(c.filesListed * 1000.0 / c.elapsedMs, 'f', 0) : QString("-"))
             << " files/s)\n"
             << Qt::flush;
+        // Files that stayed where they were (copies the storage did not take) are catalogued at
+        // their source: said on stderr, the run still counts as done.
+        for (const QString& error : qAsConst(errors)) {
+            if (error.startsWith(QLatin1String("cannot copy")))
+                QTextStream(stderr) << "kestrel import: warning: " << error << '\n';
+        }
         if (!importer.lastImportSucceeded()) {
             status = app::fail("import", "import failed: " + importer.lastError());
         } else if (c.failedBatches) {

@@ -591,8 +591,9 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
     m_referenceFile = file;
     kestrel::internal::registerDecoders();
     DcmFileFormat fileFormat;
+    const QByteArray name = QFile::encodeName(file);
     const OFCondition status =
-        fileFormat.loadFile(QFile::encodeName(file).constData(), EXS_Unknown, EGL_noChange, 4096);
+        guardedRead([&] { return fileFormat.loadFile(name.constData(), EXS_Unknown, EGL_noChange, 4096); });
     if (status.bad()) {
         qWarning() << "NDicomImage::readReferenceFileInfo: cannot read" << file << status.text();
         return false;
@@ -721,7 +722,8 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
 bool NDicomImage::saveAs(QString outFile, QString templateFile, QString seriesUID)
 {
     DcmFileFormat fileFormat;
-    if (fileFormat.loadFile(templateFile.toLocal8Bit().constData()).bad()) {
+    const QByteArray templateName = templateFile.toLocal8Bit();
+    if (guardedRead([&] { return fileFormat.loadFile(templateName.constData()); }).bad()) {
         qWarning() << "NDicomImage::saveAs: cannot read the template" << templateFile;
         return false;
     }

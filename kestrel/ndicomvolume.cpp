@@ -174,8 +174,9 @@ template <typename T> void shiftByMinimum(const T* values, qint64 count, qint64 
 DcmFileFormat* NDicomVolume::loadFile(const QString& file)
 {
     auto* format = new DcmFileFormat;
+    const QByteArray name = QFile::encodeName(file);
     if (file.isEmpty()
-        || format->loadFile(QFile::encodeName(file).constData(), EXS_Unknown, EGL_noChange, 4096).bad()) {
+        || guardedRead([&] { return format->loadFile(name.constData(), EXS_Unknown, EGL_noChange, 4096); }).bad()) {
         delete format;
         return nullptr;
     }

@@ -189,7 +189,11 @@ bool QDcmAnonymize::loadSource(const QString& file)
     if (!m_file)
         m_file = std::make_unique<DcmFileFormat>();
     m_file->clear();
-    return m_file->loadFile(QFile::encodeName(file).constData(), EXS_Unknown, EGL_noChange, kReadLimit, ERM_autoDetect).good();
+    const QByteArray name = QFile::encodeName(file);
+    return guardedRead([&] {
+               return m_file->loadFile(name.constData(), EXS_Unknown, EGL_noChange, kReadLimit, ERM_autoDetect);
+           })
+            .good();
 }
 
 bool QDcmAnonymize::fail(const QString& reason)

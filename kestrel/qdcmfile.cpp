@@ -33,8 +33,8 @@ bool QDcmFile::loadhead(const char* path, bool release)
 
     const QByteArray storedName = m_fileName.toLocal8Bit();
     const char* name = path ? path : storedName.constData();
-    const OFCondition status = m_fileFormat->loadFile(name, EXS_Unknown, EGL_noChange, kHeaderReadLength,
-                                                      ERM_autoDetect);
+    const OFCondition status = guardedRead(
+            [&] { return m_fileFormat->loadFile(name, EXS_Unknown, EGL_noChange, kHeaderReadLength, ERM_autoDetect); });
     if (status.bad()) {
         qDebug() << "QDcmFile::loadhead" << name << status.text();
         emit fileError(QStringLiteral("can't open ") + (path ? QFile::decodeName(path) : QString()));

@@ -48,7 +48,10 @@ constexpr unsigned int kRecordReadLength = 4096;
 bool loadHeader(DcmFileFormat* parser, const QString& path, unsigned int maxReadLength)
 {
     parser->clear();
-    return parser->loadFile(QFile::encodeName(path).constData(), EXS_Unknown, EGL_noChange, maxReadLength, ERM_autoDetect)
+    const QByteArray name = QFile::encodeName(path);
+    return guardedRead([&] {
+               return parser->loadFile(name.constData(), EXS_Unknown, EGL_noChange, maxReadLength, ERM_autoDetect);
+           })
             .good();
 }
 

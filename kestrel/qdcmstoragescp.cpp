@@ -1,5 +1,7 @@
 #include "qdcmstoragescp.h"
 
+#include "internal/dcmvalues.h"
+
 #include "internal/dcmnetwork.h"
 #include "internal/qdcmstoragescpprivate.h"
 
@@ -109,7 +111,8 @@ int QDcmStorageSCP::listen()
         qWarning() << "QDcmStorageSCP::listen: cannot load the association configuration" << m_cfgFile
                    << cond.text();
     } else {
-        cond = d->listen();
+        // An object that makes DCMTK's parser throw ends the loop with an error, not the program.
+        cond = kestrel::internal::guardedRead([&] { return d->listen(); });
         // Stopping through the flag is the normal end of the loop.
         if (cond == NET_EC_StopAfterConnectionTimeout || cond == NET_EC_StopAfterAssociation)
             cond = EC_Normal;

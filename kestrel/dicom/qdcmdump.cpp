@@ -1,4 +1,5 @@
 #include "dicom/qdcmdump.h"
+#include "internal/dcmvalues.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>
@@ -622,10 +623,11 @@ int dumpFile(std::ostream& out, const OFFilename& ifname, E_FileReadMode readMod
     // Long values are left on disk while parsing and read afterwards when the whole file is wanted.
     const Uint32 readLength = loadIntoMemory ? DCM_MaxReadLength : state.maxReadLength;
     OFCondition cond;
-    if (state.stopBeforeElement == DCM_UndefinedTagKey)
-        cond = dfile.loadFile(ifname, xfer, EGL_noChange, readLength, readMode);
-    else
-        cond = dfile.loadFileUntilTag(ifname, xfer, EGL_noChange, readLength, readMode, state.stopBeforeElement);
+    cond = kestrel::internal::guardedRead([&] {
+        return state.stopBeforeElement == DCM_UndefinedTagKey
+                       ? dfile.loadFile(ifname, xfer, EGL_noChange, readLength, readMode)
+                       : dfile.loadFileUntilTag(ifname, xfer, EGL_noChange, readLength, readMode, state.stopBeforeElement);
+    });
     if (cond.bad()) {
         OFLOG_ERROR(dumpLogger(), kProgram << ": " << cond.text() << ": reading file: " << ifname);
         result = 1;

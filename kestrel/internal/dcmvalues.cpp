@@ -2,6 +2,7 @@
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcerror.h>
 #include <dcmtk/dcmdata/dcitem.h>
 #include <dcmtk/dcmdata/dcrledrg.h>
 #include <dcmtk/dcmjpeg/djdecode.h>
@@ -17,12 +18,20 @@ bool dcmHas(DcmItem* item, const DcmTagKey& tag)
     return item && item->tagExists(tag);
 }
 
+namespace {
+// A value ends at a NUL byte (padding, never text), whichever of DCMTK's paths read it.
+int valueLength(const OFString& value)
+{
+    return static_cast<int>(qstrnlen(value.c_str(), uint(value.length())));
+}
+} // namespace
+
 QString dcmString(DcmItem* item, const DcmTagKey& tag, unsigned long pos, const QString& fallback)
 {
     OFString value;
     if (!item || item->findAndGetOFString(tag, value, pos).bad())
         return fallback;
-    return QString::fromLatin1(value.c_str(), static_cast<int>(value.length()));
+    return QString::fromLatin1(value.c_str(), valueLength(value));
 }
 
 QString dcmStringAll(DcmItem* item, const DcmTagKey& tag, const QString& fallback)
@@ -30,7 +39,7 @@ QString dcmStringAll(DcmItem* item, const DcmTagKey& tag, const QString& fallbac
     OFString value;
     if (!item || item->findAndGetOFStringArray(tag, value).bad())
         return fallback;
-    return QString::fromLatin1(value.c_str(), static_cast<int>(value.length()));
+    return QString::fromLatin1(value.c_str(), valueLength(value));
 }
 
 QByteArray dcmBytes(DcmItem* item, const DcmTagKey& tag)
@@ -38,7 +47,7 @@ QByteArray dcmBytes(DcmItem* item, const DcmTagKey& tag)
     OFString value;
     if (!item || item->findAndGetOFStringArray(tag, value).bad())
         return QByteArray();
-    return QByteArray(value.c_str(), static_cast<int>(value.length()));
+    return QByteArray(value.c_str(), valueLength(value));
 }
 
 int dcmInt(DcmItem* item, const DcmTagKey& tag, int fallback, unsigned long pos)
@@ -116,6 +125,15 @@ void registerDecoders()
         return true;
     }();
     Q_UNUSED(registered);
+}
+
+OFCondition guardedRead(const std::function<OFCondition()>& read)
+{
+    try {
+        return read();
+    } catch (...) {
+        return EC_CorruptedData;
+    }
 }
 
 } // namespace kestrel::internal

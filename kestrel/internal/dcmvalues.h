@@ -6,8 +6,11 @@
 #include <QString>
 #include <QVector>
 
+#include <functional>
+
 class DcmItem;
 class DcmTagKey;
+class OFCondition;
 
 // Small readers over DCMTK's findAndGet* calls, used by every class that reads attributes.
 // A missing attribute gives the fallback; nothing throws.
@@ -47,5 +50,11 @@ KESTREL_EXPORT QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag);
 
 // Registers DCMTK's decoders of compressed pixel data (RLE, JPEG, JPEG-LS), once per process.
 KESTREL_EXPORT void registerDecoders();
+
+// Runs READ (a DCMTK load of outside data) and returns its condition. Some crafted files make
+// DCMTK's parser throw (std::out_of_range from its directory record checks, for one) instead of
+// failing: the exception is caught and reported as EC_CorruptedData, so a bad file is one
+// unreadable file and never ends the program.
+KESTREL_EXPORT OFCondition guardedRead(const std::function<OFCondition()>& read);
 
 } // namespace kestrel::internal

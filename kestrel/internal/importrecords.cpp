@@ -161,10 +161,15 @@ public:
         else if (name == QLatin1String("GB18030") || name == QLatin1String("GBK"))
             m_codec = QTextCodec::codecForName("GB18030");
     }
-    QString operator()(const OFString& raw) const
+    QString operator()(const OFString& raw, DcmEVR vr) const
     {
-        const int size = int(raw.length());
-        if (m_latin1)
+        // A value ends at a NUL byte (padding, never text), as dcmBytes() reads it.
+        const int size = int(qstrnlen(raw.c_str(), uint(raw.length())));
+        // Only these VRs are text in the character set; UIDs, codes, dates and numbers are in the
+        // default repertoire and kept byte for byte, as the lookups read them.
+        const bool text = vr == EVR_PN || vr == EVR_SH || vr == EVR_LO || vr == EVR_ST || vr == EVR_LT ||
+                          vr == EVR_UT || vr == EVR_UC;
+        if (m_latin1 || !text)
             return QString::fromLatin1(raw.c_str(), size);
         if (m_codec)
             return m_codec->toUnicode(raw.c_str(), size);
@@ -246,9 +251,10 @@ QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item)
                 continue;
             if (!decoded) {
                 OFString raw;
-                if (element->getOFStringArray(raw).bad())
+                // A UID has one value: stored as the lookups read it, the first one.
+                if ((element->ident() == EVR_UI ? element->getOFString(raw, 0) : element->getOFStringArray(raw)).bad())
                     break;
-                text = decode(raw);
+                text = decode(raw, element->ident());
                 decoded = true;
             }
             store(*plans[t], *hit, text, values[t]);

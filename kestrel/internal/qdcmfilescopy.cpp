@@ -32,6 +32,7 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
 {
     QSqlQuery update(database());
     update.prepare(QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
+    int failed = 0;
     for (int i = 0; i < count; ++i) {
         ImageFormat& record = records[i];
         if (record.state == ImageRecord::NotFilled)
@@ -45,8 +46,10 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
             QDir().mkpath(seriesDir);
         const QString destination = QDir(seriesDir).filePath(QFileInfo(record.filePath).fileName());
         // A failed copy keeps the source path: the catalogue never names a file that is not there.
-        if (!storage::copyOverwrite(record.filePath, destination))
+        if (!storage::copyOverwrite(record.filePath, destination)) {
+            ++failed;
             continue;
+        }
         if (record.state == ImageRecord::Duplicate) {
             update.addBindValue(destination);
             update.addBindValue(record.sopInstanceUID);
@@ -57,4 +60,8 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
         }
         setColumn(&record, kImageFormat, "IrradiationEventUID", QStringLiteral("copy"));
     }
+    if (failed > 0)
+        emit errorInfo(tr("cannot copy %1 file(s) into %2; the catalogue keeps their source paths")
+                               .arg(failed)
+                               .arg(seriesDir));
 }

@@ -160,7 +160,9 @@ qint64 QDcmFiles::getPatientIDAndName(QString file)
     if (!loadWithParser(file, kSortReadLength))
         return -2;
     DcmDataset* dataset = m_fileFormat->getDataset();
-    const QString id = dcmString(dataset, DCM_PatientID);
+    // The ID as the patient row stores it (the whole value, decoded by the file's character set):
+    // any other form misses rows with several values or non-ASCII text and adds the patient again.
+    const QString id = dcmDecodedString(dataset, DCM_PatientID);
     const QString name = dcmDecodedString(dataset, DCM_PatientName);
     // A file without PatientID cannot be placed; one without a name is catalogued under its ID.
     if (id.isEmpty())

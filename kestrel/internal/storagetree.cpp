@@ -2,6 +2,7 @@
 
 #include "kestrelpaths.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -39,6 +40,13 @@ QString safeFolderName(const QString& name)
     }
     if (safe.isEmpty() || safe == QLatin1String(".") || safe == QLatin1String(".."))
         safe = QStringLiteral("_");
+    // File systems take names of at most 255 bytes: a longer value keeps its start and a digest
+    // of the whole, so different values still get different folders.
+    constexpr int kMaxName = 100;
+    if (safe.size() > kMaxName) {
+        const QByteArray digest = QCryptographicHash::hash(name.toUtf8(), QCryptographicHash::Sha1).toHex().left(16);
+        safe = safe.left(kMaxName - 17) + QLatin1Char('_') + QString::fromLatin1(digest);
+    }
     return safe;
 }
 
@@ -57,9 +65,23 @@ bool copyOverwrite(const QString& from, const QString& to)
         return true;
     if (!QFileInfo::exists(from))
         return false;
-    if (QFileInfo::exists(to))
-        QFile::remove(to);
-    return QFile::copy(from, to);
+    // Copied beside the destination first: a copy that fails (disk full, unwritable folder) leaves
+    // an existing destination as it was, so the rows naming it still find their file.
+    const QString part = to + QStringLiteral(".part");
+    QFile::remove(part);
+    if (!QFile::copy(from, part)) {
+        QFile::remove(part);
+        return false;
+    }
+    if ((QFileInfo::exists(to) || QFileInfo(to).isSymLink()) && !QFile::remove(to)) {
+        QFile::remove(part);
+        return false;
+    }
+    if (!QFile::rename(part, to)) {
+        QFile::remove(part);
+        return false;
+    }
+    return true;
 }
 
 void removeEmptyFolders(const QString& dir, int levels)

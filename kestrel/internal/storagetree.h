@@ -13,14 +13,15 @@ namespace kestrel::internal::storage {
 KESTREL_EXPORT QString storageRoot();
 
 // NAME made safe as one folder name: characters other than letters, digits, ".", "-" and "_"
-// become "_"; "", "." and ".." become "_".
+// become "_"; "", "." and ".." become "_"; names over 100 characters are cut and end in a
+// digest of NAME.
 KESTREL_EXPORT QString safeFolderName(const QString& name);
 
 // PARENT/NAME (NAME made safe), created when missing (one level).
 KESTREL_EXPORT QString subFolder(const QString& parent, const QString& name);
 
-// Copies FROM over TO: the same path succeeds without copying, a missing source fails, an existing
-// destination is removed first.
+// Copies FROM over TO: the same path succeeds without copying, a missing source fails. The copy is
+// written beside TO and renamed over it, so a failed copy keeps an existing destination.
 KESTREL_EXPORT bool copyOverwrite(const QString& from, const QString& to);
 
 // Removes DIR, then its parent, then the grandparent, each only while empty.

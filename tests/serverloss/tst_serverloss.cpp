@@ -1,0 +1,167 @@
+#include "qdcmfiles.h"
+#include "syntheticdicom.h"
+#include "testcatalog.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtTest>
+
+// The MariaDB server goes away in the middle of an import: the importer says so and returns, the
+// rows committed before stay, and importing the same folder again once the server is back
+// catalogues every image exactly once. Runs its own server (scripts/mariadb-test-server.sh).
+namespace {
+
+constexpr int kSeries = 8;
+constexpr int kSlices = 15;
+
+QString script()
+{
+    return qEnvironmentVariable("KESTREL_SOURCE_DIR") + "/scripts/mariadb-test-server.sh";
+}
+
+// Runs the server script; the socket path (start) or empty on failure. Bounded to 90 s.
+QString serverScript(const QString& verb, const QString& dir)
+{
+    QProcess process;
+    process.start("bash", {script(), verb, dir});
+    if (!process.waitForFinished(90000)) {
+        process.kill();
+        process.waitForFinished(5000);
+        return QString();
+    }
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
+        return QString();
+    const QString out = QString::fromLocal8Bit(process.readAllStandardOutput()).trimmed();
+    return out.isEmpty() ? QStringLiteral("ok") : out;
+}
+
+QStringList column(const QString& sql)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    QStringList out;
+    if (!query.exec(sql))
+        return {"<query failed: " + query.lastError().text() + ">"};
+    while (query.next())
+        out << query.value(0).toString();
+    return out;
+}
+
+// Reconnects the default connection after the server came back.
+bool reopenDefault()
+{
+    QSqlDatabase db = QSqlDatabase::database(QSqlDatabase::defaultConnection, false);
+    db.close();
+    return db.open();
+}
+
+} // namespace
+
+class TestServerLoss : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_serverDir{"/tmp/kt-serverloss-XXXXXX"}; // short: the socket path has a length limit
+    bool m_started = false;
+
+private slots:
+    void initTestCase()
+    {
+        if (!QFile::exists(script()))
+            QSKIP("KESTREL_SOURCE_DIR does not point at the sources (run through CTest)");
+        if (QStandardPaths::findExecutable("mariadbd").isEmpty())
+            QSKIP("mariadbd is not installed");
+        const QString socket = serverScript("start", m_serverDir.path());
+        QVERIFY2(!socket.isEmpty(), "the private MariaDB server did not start");
+        m_started = true;
+        qputenv("KESTREL_TEST_MYSQL_SOCKET", socket.toLocal8Bit());
+        qputenv("MYSQL_UNIX_PORT", socket.toLocal8Bit());
+    }
+
+    void cleanupTestCase()
+    {
+        if (m_started)
+            serverScript("stop", m_serverDir.path());
+    }
+
+    void stoppedDuringImport()
+    {
+        KESTREL_OPEN_CATALOG(catalog, "mariadb");
+        const QString folder = catalog.path("in");
+        SyntheticImage base;
+        base.patientId = "LOSS1";
+        base.studyUid = newTestUid();
+        for (int s = 0; s < kSeries; ++s) {
+            base.seriesUid = newTestUid();
+            base.seriesNumber = s + 1;
+            if (s == kSeries / 2) { // a second patient half way
+                base.patientId = "LOSS2";
+                base.studyUid = newTestUid();
+            }
+            QCOMPARE(writeSyntheticSeries(folder + QString("/s%1").arg(s), base, kSlices).size(), kSlices);
+        }
+        const int total = kSeries * kSlices;
+
+        // Stop the server half way through the import pass (percentages above 10 belong to it and
+        // are emitted from the importing thread). A pause after the first series lets the
+        // importer's half-second transaction commit, so that some rows were committed before.
+        QDcmFiles importer;
+        QSignalSpy errors(&importer, &QDcmFiles::errorInfo);
+        bool paused = false;
+        bool stopped = false;
+        connect(&importer, QOverload<int, int>::of(&QDcmFiles::readInfo), this, [&](int value, int) {
+            if (!paused && value > 10 && value < 50) {
+                paused = true;
+                QThread::msleep(700);
+            }
+            if (!stopped && value >= 50) {
+                stopped = true;
+                serverScript("stop", m_serverDir.path());
+            }
+        }, Qt::DirectConnection);
+        QElapsedTimer timer;
+        timer.start();
+        importer.loadLocalFolderToDB(folder, 0, true);
+        QVERIFY2(stopped, "the import ended before the server could be stopped");
+        QVERIFY2(timer.elapsed() < 300000, "the import took over five minutes without its server");
+        QVERIFY2(!errors.isEmpty(), "no errorInfo about the lost server");
+        qInfo("%d errorInfo signals, the first: %s", int(errors.size()), qPrintable(errors.first().first().toString()));
+        QVERIFY(!importer.lastImportSucceeded() || importer.lastRunCounts().failedBatches > 0);
+        QVERIFY(importer.lastRunCounts().imagesAdded < total);
+
+        // Back again: whatever was committed is still there.
+        QVERIFY2(!serverScript("start", m_serverDir.path()).isEmpty(), "the server did not start again");
+        QVERIFY(reopenDefault());
+        const QStringList committed = column("SELECT SOPInstanceUID FROM imageformat");
+        qInfo("committed before the server went away: %d of %d images", int(committed.size()), total);
+        QVERIFY(!committed.isEmpty());
+
+        QDcmFiles again;
+        QSignalSpy againErrors(&again, &QDcmFiles::errorInfo);
+        again.loadLocalFolderToDB(folder, 0, true);
+        QVERIFY2(againErrors.isEmpty(), qPrintable(againErrors.value(0).value(0).toString()));
+        QVERIFY(again.lastImportSucceeded());
+
+        for (const char* table : {"imageformat", "imagepixel", "mrimageinfo"}) {
+            QCOMPARE(TestCatalog::count(table), total);
+            QCOMPARE(column(QString("SELECT COUNT(DISTINCT SOPInstanceUID) FROM %1").arg(table)).value(0).toInt(), total);
+        }
+        QCOMPARE(TestCatalog::count("generalseries"), kSeries);
+        QCOMPARE(TestCatalog::count("generalstudy"), 2);
+        QCOMPARE(TestCatalog::count("patient"), 2);
+        const QStringList after = column("SELECT SOPInstanceUID FROM imageformat");
+        for (const QString& uid : committed)
+            QVERIFY2(after.contains(uid), qPrintable("lost: " + uid));
+        // Every image row hangs under a series of the catalogue.
+        QCOMPARE(column("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk").value(0).toInt(),
+                 total);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServerLoss)
+#include "tst_serverloss.moc"

@@ -1,0 +1,190 @@
+#include "ndicomvolume.h"
+#include "qdcmfiles.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "syntheticdicom.h"
+#include "testcatalog.h"
+
+#include "internal/dcmvalues.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QDir>
+#include <QFile>
+#include <QScopeGuard>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSqlQuery>
+#include <QtTest>
+
+#include <memory>
+
+// Storage that cannot be written (a folder below a regular file, a file that is /dev/full) while
+// the importer copies and while a volume is cached: the failure is reported and the catalogue
+// never names a file that is not there, before or after a run on working storage.
+namespace {
+
+using namespace kestrel::internal;
+
+QStringList column(const QString& sql)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    QStringList out;
+    if (query.exec(sql))
+        while (query.next())
+            out << query.value(0).toString();
+    return out;
+}
+
+// Every FilePath and cache Savepath of the catalogue that names no file.
+QStringList missingFiles()
+{
+    QStringList missing;
+    for (const QString& path : column("SELECT FilePath FROM imageformat") + column("SELECT Savepath FROM registration"))
+        if (!QFileInfo(path).isFile() || QFileInfo(path).size() == 0)
+            missing << path;
+    return missing;
+}
+
+void setStorageRoot(const TestCatalog& catalog, const QString& root)
+{
+    QSettings ini(catalog.configDir() + "/datasavepath.ini", QSettings::IniFormat);
+    ini.setValue("save/savepath", root);
+}
+
+QSeries* seriesFromFiles(const QStringList& files)
+{
+    auto* series = new QSeries;
+    series->setSeriesPK(1);
+    for (const QString& file : files) {
+        DcmFileFormat format;
+        if (format.loadFile(QFile::encodeName(file).constData()).bad())
+            continue;
+        DcmDataset* ds = format.getDataset();
+        auto* instance = new QInstance(series);
+        instance->setFilePath(file);
+        instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
+        instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
+        instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));
+        instance->setImageSize(dcmInt(ds, DCM_Rows), dcmInt(ds, DCM_Columns));
+        instance->setBitsAllocated(dcmInt(ds, DCM_BitsAllocated));
+        series->setSeriesUID(dcmString(ds, DCM_SeriesInstanceUID));
+        series->setSeriesBase(dcmString(ds, DCM_SeriesInstanceUID) + "#0");
+        series->addInstance(instance);
+    }
+    return series;
+}
+
+} // namespace
+
+class TestStorageFail : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void copyModeUnwritable_data() { TestCatalog::addBackendRows(); }
+    void copyModeUnwritable()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        const QStringList files = writeSyntheticSeries(catalog.path("in"), SyntheticImage(), 4);
+        QFile blocker(catalog.path("plainfile"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+
+        // The storage root lies below a regular file, then is a link to /dev/full.
+        for (const QString& root : {catalog.path("plainfile/store"), catalog.path("full")}) {
+            if (root.endsWith("full"))
+                QVERIFY(QFile::link("/dev/full", root));
+            setStorageRoot(catalog, root);
+            QDcmFiles importer;
+            QSignalSpy errors(&importer, &QDcmFiles::errorInfo);
+            importer.loadLocalFolderToDB(catalog.path("in"), 1, true);
+            QVERIFY2(!errors.isEmpty(), qPrintable(root));
+            QVERIFY(errors.first().first().toString().contains("cannot copy"));
+            QCOMPARE(TestCatalog::count("imageformat"), files.size());
+            QCOMPARE(missingFiles(), QStringList());
+        }
+
+        // Working storage: the re-run copies and the rows name the copies.
+        setStorageRoot(catalog, catalog.path("store"));
+        QDcmFiles importer;
+        QSignalSpy errors(&importer, &QDcmFiles::errorInfo);
+        importer.loadLocalFolderToDB(catalog.path("in"), 1, true);
+        QVERIFY2(errors.isEmpty(), qPrintable(errors.value(0).value(0).toString()));
+        QCOMPARE(TestCatalog::count("imageformat"), files.size());
+        QCOMPARE(missingFiles(), QStringList());
+        for (const QString& path : column("SELECT FilePath FROM imageformat"))
+            QVERIFY2(path.startsWith(catalog.path("store")), qPrintable(path));
+
+        // Once more over the stored copies: they are replaced through a file beside them.
+        QDcmFiles again;
+        again.loadLocalFolderToDB(catalog.path("in"), 1, true);
+        QCOMPARE(TestCatalog::count("imageformat"), files.size());
+        QCOMPARE(missingFiles(), QStringList());
+        const QString stored = column("SELECT FilePath FROM imageformat").value(0);
+        QVERIFY(QDir(QFileInfo(stored).path()).entryList({"*.part"}, QDir::Files).isEmpty());
+    }
+
+    void volumeCacheUnwritable()
+    {
+        KESTREL_OPEN_CATALOG(catalog, "sqlite");
+        // The cache folder comes from ../config/cache.ini relative to the working directory.
+        QVERIFY(QDir().mkpath(catalog.path("work")));
+        QVERIFY(QDir().mkpath(catalog.path("config")));
+        const QString previous = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(catalog.path("work")));
+        auto restore = qScopeGuard([&] { QDir::setCurrent(previous); });
+        auto setCache = [&](const QString& folder) {
+            QSettings ini(catalog.path("config/cache.ini"), QSettings::IniFormat);
+            ini.setValue("registration/cachepath", folder);
+        };
+        SyntheticImage base;
+        base.rows = 64;
+        base.columns = 128;
+        std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(catalog.path("dicom"), base, 10)));
+        const QString key = series->getSeriesBase();
+
+        // A cache folder below a regular file: nothing registered, the volume is still built.
+        QFile blocker(catalog.path("plainfile"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        setCache(catalog.path("plainfile/cache"));
+        {
+            NDicomVolume volume;
+            QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
+            QVERIFY(volume.isValid());
+            QCOMPARE(volume.getCurVolumeDataPath(), QString());
+            QCOMPARE(TestCatalog::count("registration"), 0);
+        }
+
+        // The cache file is /dev/full: the write fails, nothing is registered, no file is left.
+        QVERIFY(QDir().mkpath(catalog.path("cache")));
+        setCache(catalog.path("cache"));
+        const QString file = catalog.path("cache") + "/" + key + ".data";
+        QVERIFY(QFile::link("/dev/full", file));
+        {
+            NDicomVolume volume;
+            QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
+            QVERIFY(volume.isValid());
+            QCOMPARE(volume.getCurVolumeDataPath(), QString());
+            QCOMPARE(TestCatalog::count("registration"), 0);
+            QCOMPARE(missingFiles(), QStringList());
+        }
+
+        // Working storage again: built, written and registered once.
+        QFile::remove(file);
+        {
+            NDicomVolume volume;
+            QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
+            QCOMPARE(volume.getCurVolumeDataPath(), file);
+            QCOMPARE(TestCatalog::count("registration"), 1);
+            QCOMPARE(missingFiles(), QStringList());
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestStorageFail)
+#include "tst_storagefail.moc"
