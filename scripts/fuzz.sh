@@ -16,6 +16,13 @@ build=${KESTREL_FUZZ_BUILD:-$src/build-fuzz}
 data=${KESTREL_SHARED_DATA:-$src/../shared/data}
 export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$(dirname "$src")}
 
+# The fuzzers need clang and its libFuzzer runtime, which the build and the tests do not.
+"$src"/scripts/setup.sh
+for p in clang libclang-rt-14-dev; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" ||
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$p" >/dev/null
+done
+
 CC=clang CXX=clang++ cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DKESTREL_FUZZ=ON -DKESTREL_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j2 --target fuzz_seeds $(printf 'fuzz_%s ' "${targets[@]}")

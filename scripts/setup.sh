@@ -10,7 +10,6 @@ PACKAGES=(
   libdcmtk-dev dcmtk
   mariadb-server mariadb-client
   libomp-dev
-  clang libclang-rt-14-dev
   python3 python3-numpy fonts-dejavu-core
 )
 
