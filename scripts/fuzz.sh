@@ -17,7 +17,7 @@ data=${KESTREL_SHARED_DATA:-$src/../shared/data}
 export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$(dirname "$src")}
 
 # The fuzzers need clang and its libFuzzer runtime, which the build and the tests do not.
-"$src"/scripts/setup.sh
+"$src"/scripts/setup.sh --packages
 for p in clang libclang-rt-14-dev; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" ||
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$p" >/dev/null

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages Kestrel builds, tests and runs with (idempotent), then configures
-# and builds the tree in ${BUILD_DIR:-build}.
+# and builds the tree in ${BUILD_DIR:-build}. With --packages it only installs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,6 +23,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
+
+[ "${1:-}" = "--packages" ] && exit 0
 
 BUILD_DIR=${BUILD_DIR:-build}
 BUILD_TYPE=${BUILD_TYPE:-RelWithDebInfo}
