@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds (warnings as errors), starts a private
 # MariaDB server for the MySQL tests, runs every CTest suite, and stops the server again.
-# Under CI (CI=true) or with KESTREL_TEST_SANITIZE=1 the suite then runs a second time on a build
-# with AddressSanitizer and UndefinedBehaviorSanitizer (in build-asan/).
+# Under CI (CI=true) the fuzz targets then run briefly (KESTREL_TEST_FUZZ_SECONDS each, default 20;
+# also when that variable is set), and the suite runs a second time on a build with
+# AddressSanitizer and UndefinedBehaviorSanitizer (in build-asan/; also with KESTREL_TEST_SANITIZE=1).
 # Arguments go to ctest (scripts/test.sh -L sqlite, scripts/test.sh -R import).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -22,6 +23,11 @@ export TCP_NODELAY=1
 
 echo "== Running the tests"
 (cd "$BUILD_DIR" && ctest --output-on-failure -j2 "$@")
+
+if [ "${CI:-}" = "true" ] || [ -n "${KESTREL_TEST_FUZZ_SECONDS:-}" ]; then
+  echo "== Fuzzing each entry point for ${KESTREL_TEST_FUZZ_SECONDS:-20} s"
+  scripts/fuzz.sh "${KESTREL_TEST_FUZZ_SECONDS:-20}"
+fi
 
 if [ "${CI:-}" = "true" ] || [ -n "${KESTREL_TEST_SANITIZE:-}" ]; then
   echo "== Building with AddressSanitizer and UndefinedBehaviorSanitizer"
