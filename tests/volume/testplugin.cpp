@@ -43,9 +43,9 @@ class TestVolumePlugin : public QGenericPlugin
     Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid)
 
 public:
-    QObject* create(const QString& key, const QString& specification) override
+    QObject* create(const QString& key, const QString& kind) override
     {
-        if (key == "volume" && specification == "vel")
+        if (key == "volume" && kind == "vel")
             return new RecordingCompanion;
         return nullptr;
     }
