@@ -3,6 +3,7 @@
 #include "qinstance.h"
 #include "qseries.h"
 #include "syntheticdicom.h"
+#include "seriesfromfiles.h"
 #include "testcatalog.h"
 
 #include "internal/dcmvalues.h"
@@ -52,29 +53,6 @@ void setStorageRoot(const TestCatalog& catalog, const QString& root)
 {
     QSettings ini(catalog.configDir() + "/datasavepath.ini", QSettings::IniFormat);
     ini.setValue("save/savepath", root);
-}
-
-QSeries* seriesFromFiles(const QStringList& files)
-{
-    auto* series = new QSeries;
-    series->setSeriesPK(1);
-    for (const QString& file : files) {
-        DcmFileFormat format;
-        if (format.loadFile(QFile::encodeName(file).constData()).bad())
-            continue;
-        DcmDataset* ds = format.getDataset();
-        auto* instance = new QInstance(series);
-        instance->setFilePath(file);
-        instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
-        instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
-        instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));
-        instance->setImageSize(dcmInt(ds, DCM_Rows), dcmInt(ds, DCM_Columns));
-        instance->setBitsAllocated(dcmInt(ds, DCM_BitsAllocated));
-        series->setSeriesUID(dcmString(ds, DCM_SeriesInstanceUID));
-        series->setSeriesBase(dcmString(ds, DCM_SeriesInstanceUID) + "#0");
-        series->addInstance(instance);
-    }
-    return series;
 }
 
 } // namespace
@@ -144,7 +122,7 @@ private slots:
         SyntheticImage base;
         base.rows = 64;
         base.columns = 128;
-        std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(catalog.path("dicom"), base, 10)));
+        std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(catalog.path("dicom"), base, 10), 1));
         const QString key = series->getSeriesBase();
 
         // A cache folder below a regular file: nothing registered, the volume is still built.

@@ -6,6 +6,7 @@
 #include "qinstance.h"
 #include "qseries.h"
 #include "syntheticdicom.h"
+#include "seriesfromfiles.h"
 #include "testcatalog.h"
 #include "ndicomvolume.h"
 #include "nvolume.h"
@@ -122,30 +123,6 @@ QVector<short> pixels(NDicomImage& image)
         for (int x = 0; x < image.width(); ++x)
             out << short(image.getValue16u(x, y));
     return out;
-}
-
-// A series object for FILES as the catalogue would give it (geometry read from the files).
-QSeries* seriesFromFiles(const QStringList& files, QObject* parent = nullptr)
-{
-    auto* series = new QSeries(parent);
-    series->setSeriesPK(42);
-    for (const QString& file : files) {
-        DcmFileFormat format;
-        if (format.loadFile(QFile::encodeName(file).constData()).bad())
-            continue;
-        DcmDataset* ds = format.getDataset();
-        auto* instance = new QInstance(series);
-        instance->setFilePath(file);
-        instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
-        instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
-        instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));
-        instance->setImageSize(dcmInt(ds, DCM_Rows), dcmInt(ds, DCM_Columns));
-        instance->setBitsAllocated(dcmInt(ds, DCM_BitsAllocated));
-        series->setSeriesUID(dcmString(ds, DCM_SeriesInstanceUID));
-        series->setSeriesBase(dcmString(ds, DCM_SeriesInstanceUID) + "#0");
-        series->addInstance(instance);
-    }
-    return series;
 }
 
 // Voxel (0, 0, k) must sit at slice k's ImagePositionPatient.
@@ -734,7 +711,7 @@ void TestVolume::seriesToVolume()
     base.pixel = [](int x, int y, int) { return 100 * y + x; };
     const QStringList files = writeSyntheticSeries(dir.path(), base, 5, {0, 0, 5});
     QCOMPARE(files.size(), 5);
-    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    std::unique_ptr<QSeries> series(seriesFromFiles(files, 42));
 
     NDicomVolume v;
     QSignalSpy progress(&v, &NDicomVolume::processBar);
@@ -758,7 +735,7 @@ void TestVolume::seriesToVolume()
     QCOMPARE(v.getSliceIndexByPosition(500, 20, 40), 0);
 
     // A series of one image builds nothing.
-    std::unique_ptr<QSeries> single(seriesFromFiles(files.mid(0, 1)));
+    std::unique_ptr<QSeries> single(seriesFromFiles(files.mid(0, 1), 42));
     NDicomVolume none;
     none.loadSeries(single.get());
     QVERIFY(!none.isValid());
@@ -768,7 +745,7 @@ void TestVolume::seriesToVolume()
     SyntheticImage flipped = base;
     flipped.orientation = {1, 0, 0, 0, -1, 0};
     std::unique_ptr<QSeries> reversed(
-        seriesFromFiles(writeSyntheticSeries(dir.filePath("down"), flipped, 3, normalStep(flipped, 5))));
+        seriesFromFiles(writeSyntheticSeries(dir.filePath("down"), flipped, 3, normalStep(flipped, 5)), 42));
     NDicomVolume down;
     down.loadSeries(reversed.get());
     QVERIFY(down.isValid());
@@ -792,7 +769,7 @@ void TestVolume::signedAndOddSeries()
     ct.bitsStored = 16;
     ct.pixelRepresentation = 1;
     ct.pixel = [](int x, int y, int) { return -1024 + (y * 64 + x); };
-    std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(dir.filePath("ct"), ct, 3)));
+    std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(dir.filePath("ct"), ct, 3), 42));
     NDicomVolume v;
     v.loadSeries(series.get());
     QVERIFY(v.isValid());
@@ -804,7 +781,7 @@ void TestVolume::signedAndOddSeries()
     // Signed declared, minimum 0: the shift starts from -1.
     SyntheticImage positive = ct;
     positive.pixel = [](int x, int, int) { return x; };
-    std::unique_ptr<QSeries> pos(seriesFromFiles(writeSyntheticSeries(dir.filePath("pos"), positive, 2)));
+    std::unique_ptr<QSeries> pos(seriesFromFiles(writeSyntheticSeries(dir.filePath("pos"), positive, 2), 42));
     NDicomVolume p;
     p.loadSeries(pos.get());
     QCOMPARE(p.getHead()->RescaleIntercept, -1.0);
@@ -818,7 +795,7 @@ void TestVolume::signedAndOddSeries()
     bigger.rows = 40;
     bigger.position = {0, 0, 2};
     QVERIFY(writeSyntheticImage(files[2], bigger));
-    std::unique_ptr<QSeries> gaps(seriesFromFiles(files));
+    std::unique_ptr<QSeries> gaps(seriesFromFiles(files, 42));
     gaps->getInstances()[2]->setImageSize(32, 32); // the catalogue still says 32 x 32
     QFile::remove(files[1]);
     gaps->getInstances().insert(1, new QInstance(gaps.get()));
@@ -840,7 +817,7 @@ void TestVolume::signedAndOddSeries()
     SyntheticImage bytes = plain;
     bytes.bitsAllocated = bytes.bitsStored = 8;
     bytes.pixel = [](int x, int y, int) { return (x * 8 + y) & 0xff; };
-    std::unique_ptr<QSeries> narrow(seriesFromFiles(writeSyntheticSeries(dir.filePath("u8"), bytes, 2)));
+    std::unique_ptr<QSeries> narrow(seriesFromFiles(writeSyntheticSeries(dir.filePath("u8"), bytes, 2), 42));
     NDicomVolume b;
     b.loadSeries(narrow.get());
     QVERIFY(b.isValid());
@@ -861,7 +838,7 @@ void TestVolume::fourDimensions()
         SyntheticImage base;
         base.rows = base.columns = 8;
         base.pixel = [t](int x, int y, int) { return 1000 * t + 10 * y + x; };
-        list << seriesFromFiles(writeSyntheticSeries(dir.filePath(QString::number(t)), base, 4), &owner);
+        list << seriesFromFiles(writeSyntheticSeries(dir.filePath(QString::number(t)), base, 4), 42, &owner);
     }
     NDicomVolume v;
     v.loadSeries(list);
@@ -896,7 +873,7 @@ void TestVolume::cacheCycle()
     base.rows = 64;
     base.columns = 128;
     const QStringList files = writeSyntheticSeries(catalog.path("dicom"), base, 10);
-    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    std::unique_ptr<QSeries> series(seriesFromFiles(files, 42));
     const QString key = series->getSeriesBase();
     const QString where = QString("SeriesInstanceUID = '%1'").arg(key);
 
@@ -963,7 +940,7 @@ void TestVolume::realSeries()
         }
         files << file;
     }
-    std::unique_ptr<QSeries> series(seriesFromFiles(files));
+    std::unique_ptr<QSeries> series(seriesFromFiles(files, 42));
     NDicomVolume v;
     v.loadSeries(series.get());
     QVERIFY(v.isValid());

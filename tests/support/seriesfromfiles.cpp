@@ -1,0 +1,36 @@
+#include "seriesfromfiles.h"
+
+#include "internal/dcmvalues.h"
+#include "qinstance.h"
+#include "qseries.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QFile>
+
+using namespace kestrel::internal;
+
+QSeries* seriesFromFiles(const QStringList& files, qint64 pk, QObject* parent)
+{
+    auto* series = new QSeries(parent);
+    series->setSeriesPK(pk);
+    for (const QString& file : files) {
+        DcmFileFormat format;
+        if (format.loadFile(QFile::encodeName(file).constData()).bad())
+            continue;
+        DcmDataset* ds = format.getDataset();
+        auto* instance = new QInstance(series);
+        instance->setFilePath(file);
+        instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
+        instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
+        instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));
+        instance->setImageSize(dcmInt(ds, DCM_Rows), dcmInt(ds, DCM_Columns));
+        instance->setBitsAllocated(dcmInt(ds, DCM_BitsAllocated));
+        series->setSeriesUID(dcmString(ds, DCM_SeriesInstanceUID));
+        series->setSeriesBase(dcmString(ds, DCM_SeriesInstanceUID) + "#0");
+        series->addInstance(instance);
+    }
+    return series;
+}
