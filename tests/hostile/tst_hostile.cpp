@@ -3,6 +3,7 @@
 #include "qdcmstoragescp.h"
 #include "qdicomservice.h"
 #include "qdcmfiles.h"
+#include "dicompeers.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
@@ -15,19 +16,12 @@
 #include <dcmtk/dcmdata/dcmetinf.h>
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QMap>
-#include <QScopeGuard>
 #include <QSettings>
 #include <QSqlQuery>
-#include <QProcess>
 #include <QtTest>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 // Files whose identifying texts hold SQL, quotes, NUL bytes, huge values, broken or mislabelled
 // character sets: imported (in place and copied), anonymized and restored, every statement must
@@ -119,36 +113,12 @@ QString firstValue(const QString& path, const DcmTagKey& tag)
     return kestrel::internal::dcmString(file.getDataset(), tag, 0, "<absent>");
 }
 
-QStringList filesUnder(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files << it.next();
-    files.sort();
-    return files;
-}
-
 QString stored(const QString& sql)
 {
     QSqlQuery query(QSqlDatabase::database());
     if (!query.exec(sql) || !query.next())
         return "<no row>";
     return query.value(0).toString();
-}
-
-// A port that is free on the loopback right now.
-int freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
-                    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
-    ::close(fd);
-    return ok ? ntohs(addr.sin_port) : -1;
 }
 
 struct HostileCase {
@@ -205,7 +175,7 @@ private slots:
         KESTREL_OPEN_CATALOG(catalog, backend);
         const QString in = catalog.path("in");
         QVERIFY(writeHostileSeries(in, value, charset));
-        const QStringList sources = filesUnder(in);
+        const QStringList sources = filesBelow(in);
         QCOMPARE(sources.size(), kImages);
         QCOMPARE(rawValue(sources.first(), DCM_PatientID), value);
 
@@ -249,7 +219,7 @@ private slots:
             importer.loadLocalFolderToDB(in, 1, true);
             QVERIFY2(errors.isEmpty(), qPrintable(errors.value(0).value(0).toString()));
             QCOMPARE(rowCounts(), imported);
-            const QStringList copies = filesUnder(root);
+            const QStringList copies = filesBelow(root);
             QCOMPARE(copies.size(), kImages);
             for (const QString& copy : copies)
                 QVERIFY2(QFileInfo(copy).canonicalFilePath().startsWith(QDir(root).canonicalPath() + "/"),
@@ -312,37 +282,23 @@ private slots:
         for (const HostileCase& c : hostileCases()) {
             const QString dir = catalog.path(QString("send/%1").arg(c.name));
             QVERIFY(writeHostileSeries(dir, c.value, c.charset));
-            files << filesUnder(dir);
+            files << filesBelow(dir);
         }
         const int series = hostileCases().size();
         const RowCounts before = rowCounts();
 
-        QDcmRecvFile* recv = QDcmRecvFile::instance();
-        auto dropRecv = qScopeGuard([&] { delete recv; });
+        RecvGuard guard;
+        QDcmRecvFile* recv = guard.recv;
         recv->setUserOption(true, false, false);
-        QDicomService* service = QDicomService::instance();
-        auto stop = qScopeGuard([&] {
-            service->destroyAllstoreScp();
-            service->stop();
-        });
-        const int port = freePort();
-        QDir().mkpath(catalog.path("recv"));
-        service->setPort(short(port));
-        service->setAETitle("KESTREL");
-        service->setOutputDirectory(catalog.path("recv") + "/");
-        QDcmStorageSCP* scp = service->listen();
-        QTRY_VERIFY_WITH_TIMEOUT(scp->isAccepting(), 10000);
-        QSignalSpy saved(scp, &QDcmStorageSCP::notifyInstanceSaved);
+        Provider provider;
+        QVERIFY(provider.start(catalog.path("recv")));
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
         QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
-        connect(scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
+        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
         QDcmFiles importer;
         connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
 
-        QProcess sender;
-        sender.setProcessChannelMode(QProcess::MergedChannels);
-        sender.start("storescu", QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files);
-        QTRY_VERIFY_WITH_TIMEOUT(sender.state() == QProcess::NotRunning, 60000);
-        QVERIFY2(sender.exitCode() == 0, sender.readAll().constData());
+        QCOMPARE(storescu(provider.port, files), 0);
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), files.size(), 10000);
         // The last series is handed over after ten seconds without objects.
         QTRY_COMPARE_WITH_TIMEOUT(uploaded.count(), series, 20000);

@@ -1,8 +1,10 @@
+#include "dicompeers.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
 #include "internal/qdcmstoragescpprivate.h"
 #include "kestrelpaths.h"
+#include "qdcmfiles.h"
 #include "qdcmrecvfile.h"
 #include "qdcmstoragescp.h"
 #include "qdcmstoragescu.h"
@@ -12,7 +14,6 @@
 #include <dcmtk/dcmdata/dcfilefo.h>
 
 #include <QDate>
-#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QSet>
@@ -20,121 +21,7 @@
 #include <QSqlQuery>
 #include <QtTest>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <memory>
-
-// Defined by the build when the importer is part of the library.
-#include "qdcmfiles.h"
-
 namespace {
-
-sockaddr_in loopback(int port)
-{
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(quint16(port));
-    return addr;
-}
-
-// A port that is free on the loopback right now.
-int freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = loopback(0);
-    socklen_t len = sizeof addr;
-    const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0
-                    && ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
-    ::close(fd);
-    return ok ? ntohs(addr.sin_port) : -1;
-}
-
-// Opens a TCP connection to PORT and writes BYTES (nothing when empty); true when it connected.
-bool pokePort(int port, const QByteArray& bytes = QByteArray())
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in addr = loopback(port);
-    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
-    if (ok && !bytes.isEmpty())
-        (void)!::write(fd, bytes.constData(), size_t(bytes.size()));
-    ::close(fd);
-    return ok;
-}
-
-QProcessEnvironment peerEnvironment()
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("TCP_NODELAY", "1");
-    return env;
-}
-
-// A DCMTK peer with Nagle off and its output dropped; killed with the pointer.
-struct PeerProcess : QProcess {
-    PeerProcess(const QString& program, const QStringList& args)
-    {
-        setProcessEnvironment(peerEnvironment());
-        setStandardOutputFile(QProcess::nullDevice());
-        setStandardErrorFile(QProcess::nullDevice());
-        start(program, args);
-        waitForStarted(10000);
-    }
-    ~PeerProcess() override
-    {
-        kill();
-        waitForFinished(5000);
-    }
-    // Waits (event loop turning, so queued signals arrive) for the end; the exit code or < 0.
-    int finish(int timeoutMs = 60000)
-    {
-        QElapsedTimer clock;
-        clock.start();
-        while (state() != QProcess::NotRunning && clock.elapsed() < timeoutMs)
-            QTest::qWait(20);
-        if (state() != QProcess::NotRunning)
-            return -1;
-        return exitStatus() == QProcess::NormalExit ? exitCode() : -2;
-    }
-};
-
-QStringList storescuArgs(int port, const QStringList& files, const QStringList& options = {})
-{
-    return options + QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files;
-}
-
-int storescu(int port, const QStringList& files, const QStringList& options = {})
-{
-    return PeerProcess("storescu", storescuArgs(port, files, options)).finish();
-}
-
-// DCMTK's storescp receiving into DIR on a free port, ready when start() returns true.
-struct Storescp {
-    std::unique_ptr<PeerProcess> process;
-    int port = freePort();
-    bool start(const QString& dir, const QStringList& options = {})
-    {
-        process = std::make_unique<PeerProcess>(
-            "storescp", options + QStringList{"-aet", "PEER", "-od", dir, QString::number(port)});
-        for (int i = 0; i < 100; ++i) {
-            if (pokePort(port))
-                return true;
-            QTest::qWait(50);
-        }
-        return false;
-    }
-};
-
-QStringList filesBelow(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files << it.next();
-    return files;
-}
 
 QVariant scalar(const QString& sql, const QVariantList& values = {})
 {
@@ -146,38 +33,6 @@ QVariant scalar(const QString& sql, const QVariantList& values = {})
         return QVariant();
     return query.value(0);
 }
-
-// The bookkeeping singleton on the current catalogue; gone before the catalogue closes.
-struct RecvGuard {
-    QDcmRecvFile* recv = QDcmRecvFile::instance();
-    ~RecvGuard() { delete recv; }
-};
-
-// A running provider of a fresh service, stopped and released at the end of the scope.
-struct Provider {
-    QDicomService* service = QDicomService::instance();
-    QDcmStorageSCP* scp = nullptr;
-    int port = freePort();
-    bool start(const QString& outDir)
-    {
-        // The service makes only the dated folder below an existing base.
-        QDir().mkpath(outDir);
-        service->setPort(short(port));
-        service->setAETitle("KESTREL");
-        service->setOutputDirectory(outDir + "/");
-        scp = service->listen();
-        QElapsedTimer clock;
-        clock.start();
-        while (!scp->isAccepting() && clock.elapsed() < 10000)
-            QTest::qWait(20);
-        return scp->isAccepting();
-    }
-    ~Provider()
-    {
-        service->destroyAllstoreScp();
-        service->stop();
-    }
-};
 
 } // namespace
 

@@ -1,0 +1,145 @@
+#include "dicompeers.h"
+
+#include "qdcmrecvfile.h"
+#include "qdcmstoragescp.h"
+#include "qdicomservice.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QElapsedTimer>
+#include <QtTest>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(quint16(port));
+    return addr;
+}
+
+} // namespace
+
+int freePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr = loopback(0);
+    socklen_t len = sizeof addr;
+    const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0
+                    && ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
+    ::close(fd);
+    return ok ? ntohs(addr.sin_port) : -1;
+}
+
+bool pokePort(int port, const QByteArray& bytes)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in addr = loopback(port);
+    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
+    if (ok && !bytes.isEmpty())
+        (void)!::write(fd, bytes.constData(), size_t(bytes.size()));
+    ::close(fd);
+    return ok;
+}
+
+QProcessEnvironment peerEnvironment()
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TCP_NODELAY", "1");
+    return env;
+}
+
+PeerProcess::PeerProcess(const QString& program, const QStringList& args)
+{
+    setProcessEnvironment(peerEnvironment());
+    setStandardOutputFile(QProcess::nullDevice());
+    setStandardErrorFile(QProcess::nullDevice());
+    start(program, args);
+    waitForStarted(10000);
+}
+
+PeerProcess::~PeerProcess()
+{
+    kill();
+    waitForFinished(5000);
+}
+
+int PeerProcess::finish(int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (state() != QProcess::NotRunning && clock.elapsed() < timeoutMs)
+        QTest::qWait(20);
+    if (state() != QProcess::NotRunning)
+        return -1;
+    return exitStatus() == QProcess::NormalExit ? exitCode() : -2;
+}
+
+QStringList storescuArgs(int port, const QStringList& files, const QStringList& options)
+{
+    return options + QStringList{"-aec", "KESTREL", "127.0.0.1", QString::number(port)} + files;
+}
+
+int storescu(int port, const QStringList& files, const QStringList& options)
+{
+    return PeerProcess("storescu", storescuArgs(port, files, options)).finish();
+}
+
+bool Storescp::start(const QString& dir, const QStringList& options)
+{
+    process = std::make_unique<PeerProcess>("storescp",
+                                            options + QStringList{"-aet", "PEER", "-od", dir, QString::number(port)});
+    for (int i = 0; i < 100; ++i) {
+        if (pokePort(port))
+            return true;
+        QTest::qWait(50);
+    }
+    return false;
+}
+
+QStringList filesBelow(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files << it.next();
+    files.sort();
+    return files;
+}
+
+RecvGuard::RecvGuard() : recv(QDcmRecvFile::instance()) {}
+
+RecvGuard::~RecvGuard()
+{
+    delete recv;
+}
+
+Provider::Provider() : service(QDicomService::instance()) {}
+
+Provider::~Provider()
+{
+    service->destroyAllstoreScp();
+    service->stop();
+}
+
+bool Provider::start(const QString& outDir)
+{
+    // The service makes only the dated folder below an existing base.
+    QDir().mkpath(outDir);
+    service->setPort(short(port));
+    service->setAETitle("KESTREL");
+    service->setOutputDirectory(outDir + "/");
+    scp = service->listen();
+    QElapsedTimer clock;
+    clock.start();
+    while (!scp->isAccepting() && clock.elapsed() < 10000)
+        QTest::qWait(20);
+    return scp->isAccepting();
+}

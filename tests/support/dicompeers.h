@@ -1,0 +1,66 @@
+#pragma once
+
+// The network side of the tests: free loopback ports, DCMTK's storescu/storescp as peers, and a
+// running storage provider of our own with the receive bookkeeping behind it.
+
+#include <QByteArray>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+class QDcmRecvFile;
+class QDcmStorageSCP;
+class QDicomService;
+
+// A port that is free on the loopback right now (-1 when none could be had).
+int freePort();
+
+// Opens a TCP connection to PORT and writes BYTES (nothing when empty); true when it connected.
+bool pokePort(int port, const QByteArray& bytes = QByteArray());
+
+// The environment of the peers: Nagle off, so small exchanges are not held back.
+QProcessEnvironment peerEnvironment();
+
+// A DCMTK peer with its output dropped; killed with the object.
+struct PeerProcess : QProcess {
+    PeerProcess(const QString& program, const QStringList& args);
+    ~PeerProcess() override;
+    // Waits (event loop turning, so queued signals arrive) for the end; the exit code or < 0.
+    int finish(int timeoutMs = 60000);
+};
+
+// storescu's arguments for sending FILES to the AE "KESTREL" on PORT of the loopback.
+QStringList storescuArgs(int port, const QStringList& files, const QStringList& options = {});
+// Runs storescu to the end (see PeerProcess::finish).
+int storescu(int port, const QStringList& files, const QStringList& options = {});
+
+// DCMTK's storescp receiving into DIR on a free port, ready when start() returns true.
+struct Storescp {
+    std::unique_ptr<PeerProcess> process;
+    int port = freePort();
+    bool start(const QString& dir, const QStringList& options = {});
+};
+
+// Every file below DIR, sub-folders and hidden files included, sorted by path.
+QStringList filesBelow(const QString& dir);
+
+// The bookkeeping singleton on the current catalogue; gone before the catalogue closes.
+struct RecvGuard {
+    RecvGuard();
+    ~RecvGuard();
+    QDcmRecvFile* recv;
+};
+
+// A running provider of a fresh service as AE "KESTREL" on a free port, stopped and released at
+// the end of the scope.
+struct Provider {
+    Provider();
+    ~Provider();
+    // Listens with OUTDIR as the receiving base; true once it accepts associations.
+    bool start(const QString& outDir);
+    QDicomService* service;
+    QDcmStorageSCP* scp = nullptr;
+    int port = freePort();
+};
