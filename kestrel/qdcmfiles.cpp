@@ -197,6 +197,7 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
     m_lastImportOk = true;
     m_copyMode = copyMode;
     m_fileList += files;
+    reopenIfLost(database());
     emit readInfo(QStringLiteral("read file "));
     emit readInfo(1, 100);
     m_total = files.size();
@@ -634,6 +635,7 @@ void QDcmFiles::onNotifyUploadDB(QString seriesUID)
     const int copyMode = QSettings(ini, QSettings::IniFormat).value(QStringLiteral("dataCopyType/dataCopyType"), 0).toInt();
 
     QSqlDatabase db = database();
+    reopenIfLost(db);
     QSqlQuery query(db);
     if (!query.exec(QStringLiteral("SELECT InstanceUID,filepath FROM images WHERE DBflag = 0"))) {
         emit errorInfo(query.lastError().text());

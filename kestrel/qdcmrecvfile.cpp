@@ -129,7 +129,7 @@ void QDcmRecvFile::writeSeriestoDatabase(_recvSeries* series)
     if (!series)
         return;
     QSqlDatabase db = QSqlDatabase::database(m_connectionName, false);
-    if (!db.isOpen() && !db.open()) {
+    if (!kestrel::internal::reopenIfLost(db)) {
         qWarning() << "QDcmRecvFile::writeSeriestoDatabase: no connection" << db.lastError().text();
     } else {
         db.transaction();

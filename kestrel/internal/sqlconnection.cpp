@@ -2,6 +2,7 @@
 
 #include <QDebug>
 #include <QSqlError>
+#include <QSqlQuery>
 #include <QUuid>
 
 namespace kestrel::internal {
@@ -25,6 +26,23 @@ void removeClonedConnection(const QString& name)
             db.close();
     }
     QSqlDatabase::removeDatabase(name);
+}
+
+bool reopenIfLost(QSqlDatabase db)
+{
+    if (db.isOpen() && db.driverName() == QLatin1String("QMYSQL")) {
+        // Qt keeps a connection "open" after the server dropped it; only a round trip tells.
+        bool alive = false;
+        {
+            QSqlQuery probe(db);
+            alive = probe.exec(QStringLiteral("SELECT 1"));
+        }
+        if (alive)
+            return true;
+        qWarning() << "reopenIfLost: the database server went away, reconnecting" << db.connectionName();
+        db.close();
+    }
+    return db.isOpen() || db.open();
 }
 
 } // namespace kestrel::internal

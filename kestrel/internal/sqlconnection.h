@@ -13,4 +13,10 @@ namespace kestrel::internal {
 KESTREL_EXPORT QSqlDatabase cloneDefaultConnection();
 KESTREL_EXPORT void removeClonedConnection(const QString& name);
 
+// Makes DB usable again after its server went away and came back: an open MySQL connection is
+// probed and, when the probe fails, closed and opened anew; a closed one is opened. Call it at
+// the start of a unit of work, never while queries of the connection are still in use. True when
+// the connection is open afterwards.
+KESTREL_EXPORT bool reopenIfLost(QSqlDatabase db);
+
 } // namespace kestrel::internal
