@@ -1,15 +1,11 @@
 #include "ndicomimage.h"
 #include "syntheticdicom.h"
+#include "testcatalog.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 
-#include <QDate>
-#include <QDir>
-#include <QProcess>
-#include <QStandardPaths>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <cmath>
@@ -28,11 +24,10 @@ std::unique_ptr<NDicomImage> makeImage(int w, int h, const std::function<int(int
     return img;
 }
 
-QString dataDir(const QString& sub)
+// A measurement as one comparable list: mean, size, max, min.
+QList<double> stats(const markShowValue& v)
 {
-    const QString root = qEnvironmentVariable("KESTREL_SHARED_DATA", QStringLiteral("../../shared/data"));
-    const QString dir = root + '/' + sub;
-    return QDir(dir).exists() ? dir : QString();
+    return {v.mean, v.size, double(v.max), double(v.min)};
 }
 
 QString dcmText(const QString& file, const DcmTagKey& tag)
@@ -69,26 +64,19 @@ private slots:
 void TestImage::fieldsAndPixelAccess()
 {
     NDicomImage img;
-    QCOMPARE(img.getPixStep(), 2);
-    QVERIFY(!img.data());
-    img.setSize(10, 4, 13);
-    QCOMPARE(img.getPixStep(), 4);
-    QCOMPARE(img.getSteps()[1], 40);
-    QCOMPARE(img.getSteps()[2], 160);
+    QVERIFY(!img.data() && img.getPixStep() == 2);
+    img.setSize(10, 4, 13); // type 13: four bytes a pixel
+    QCOMPARE(QList<int>({img.getPixStep(), img.getSteps()[1], img.getSteps()[2]}), QList<int>({4, 40, 160}));
     img.setSize(10, 4, 4);
-    QCOMPARE(img.getPixStep(), 2);
-    QCOMPARE(img.getSteps()[2], 80);
-    QVERIFY(!img.getOrientation(2));
-    QVERIFY(!img.getOrientation(-1));
-    QCOMPARE(img.getOrientation(1), img.getOrientation() + 3);
+    QCOMPARE(QList<int>({img.getPixStep(), img.getSteps()[1], img.getSteps()[2]}), QList<int>({2, 20, 80}));
+    QVERIFY(!img.getOrientation(2) && !img.getOrientation(-1) && img.getOrientation(1) == img.getOrientation() + 3);
 
+    // Signed values: slope and intercept on the stored value read as signed; outside: the intercept.
     img.setSlopeAndIntercept(2, -1024);
     img.setValue16u(3, 2, 600);
-    QCOMPARE(int(img.getValue16s(3, 2)), 176);
-    QCOMPARE(int(img.getValue16s(10, 2)), -1024); // outside: the intercept
-    QCOMPARE(int(img.getValue16s(-1, 0)), -1024);
-    img.setValue16u(0, 0, 0xFFFF); // -1 as signed: 2 * -1 - 1024
-    QCOMPARE(int(img.getValue16s(0, 0)), -1026);
+    img.setValue16u(0, 0, 0xFFFF); // -1: 2 * -1 - 1024
+    QCOMPARE(QList<int>({img.getValue16s(3, 2), img.getValue16s(0, 0), img.getValue16s(10, 2), img.getValue16s(-1, 0)}),
+             QList<int>({176, -1026, -1024, -1024}));
 
     std::vector<char> bytes(80, 7);
     QVERIFY(!img.setPixData(bytes.data(), 79));
@@ -105,12 +93,7 @@ void TestImage::windowing()
     img->setSlopeAndIntercept(1, -1024);
     unsigned int out[6];
     QVERIFY(img->getGrayImage32(400, 40, out));
-    QCOMPARE(out[0], 0u);
-    QCOMPARE(out[1], 0xFFFFFFFFu);
-    QCOMPARE(out[2], 0u);
-    QCOMPARE(out[3], 0u);
-    QCOMPARE(out[4], 127u * 0x01010101u);
-    QCOMPARE(out[5], 0u);
+    QCOMPARE(QList<unsigned>(out, out + 6), QList<unsigned>({0, 0xFFFFFFFFu, 0, 0, 127u * 0x01010101u, 0}));
 
     // The table follows changes of the rescale pair and window between calls.
     img->setSlopeAndIntercept(1, 0);
@@ -177,8 +160,7 @@ void TestImage::standardOrientation()
     before.clone(img.get());
 
     QVERIFY(img->getStandardDicomImage(*img));
-    QCOMPARE(img->width(), swapped ? h : w);
-    QCOMPARE(img->height(), swapped ? w : h);
+    QCOMPARE(QSize(img->width(), img->height()), swapped ? QSize(h, w) : QSize(w, h));
     QCOMPARE(img->getPixelSpacing()[0], swapped ? 2.0 : 0.5);
     for (int i = 0; i < 6; ++i)
         QCOMPARE(img->getOrientation()[i] + 1.0, expected[i] + 1.0);
@@ -205,24 +187,18 @@ void TestImage::standardOrientation()
 
 void TestImage::expandAndNormal()
 {
+    // The canvas grows to the diagonal, the corner moves back along row and column.
     NDicomImage img(512, 512, 2);
     img.setPixelSpace(0.5, 2.0);
     img.setPosition(1, 2, 3);
     img.setOriention(0, 1, 0, 0, 0, -1);
     img.expandImageSize();
-    QCOMPARE(img.width(), 731);
-    QCOMPARE(img.height(), 731);
-    QCOMPARE(img.getSteps()[2], 731 * 731 * 2);
-    QCOMPARE(img.getPosition()[0], 1.0);
-    QCOMPARE(img.getPosition()[1], 2.0 - 110 * 0.5);
-    QCOMPARE(img.getPosition()[2], 3.0 + 110 * 2.0);
-
+    QCOMPARE(QList<int>({img.width(), img.height(), img.getSteps()[2]}), QList<int>({731, 731, 731 * 731 * 2}));
+    QCOMPARE(QList<double>(img.getPosition(), img.getPosition() + 3), QList<double>({1.0, 2.0 - 110 * 0.5, 3.0 + 110 * 2.0}));
     NDicomImage wide(100, 50, 2);
     wide.expandImageSize(); // 142 x 71, corner moved by (-22, -11) pixels
-    QCOMPARE(wide.width(), 142);
-    QCOMPARE(wide.height(), 71);
-    QCOMPARE(wide.getPosition()[0], -22.0);
-    QCOMPARE(wide.getPosition()[1], -11.0);
+    QCOMPARE(QList<double>({double(wide.width()), double(wide.height()), wide.getPosition()[0], wide.getPosition()[1]}),
+             QList<double>({142, 71, -22, -11}));
 
     wide.setOriention(0, 2, 0, 0, 0, 3);
     QCOMPARE(wide.getreorientationz()[0], 1.0);
@@ -237,26 +213,19 @@ void TestImage::regionMeasurements()
 {
     auto img = makeImage(8, 8, [](int x, int y) { return 10 * x + y; });
     // 2 x 2 at (0.5, 0.5): nine pixels, divided by the nominal area.
-    markShowValue v = img->getRect(QRectF(0.5, 0.5, 2, 2));
-    QCOMPARE(v.mean, (9 * 11 * 1.0) / 4);
-    QCOMPARE(v.max, 22);
-    QCOMPARE(v.min, 0);
-    QCOMPARE(v.size, 4.0);
+    QCOMPARE(stats(img->getRect(QRectF(0.5, 0.5, 2, 2))), QList<double>({9 * 11 / 4.0, 4, 22, 0}));
     // Partly outside: outside pixels are the intercept.
     img->setSlopeAndIntercept(1, 5);
-    v = img->getRect(QRectF(7, 7, 2, 1));
-    QCOMPARE(v.mean, (77 + 5 + 5) / 2.0);
-    QCOMPARE(v.min, 5);
+    const markShowValue edge = img->getRect(QRectF(7, 7, 2, 1));
+    QCOMPARE(QList<double>({edge.mean, double(edge.min)}), QList<double>({(77 + 5 + 5) / 2.0, 5}));
     // Values all below -1 leave max at -1.
     img->setSlopeAndIntercept(1, -500);
     QCOMPARE(img->getRect(QRectF(0, 0, 3, 3)).max, -1);
     img->setSlopeAndIntercept(1, 0);
-    v = img->getRect(QRectF(2.5, 1, -0.6, 1)); // empty scan: 2.5 - 0.6 <= 2
-    QCOMPARE(v.max, -1);
-    QCOMPARE(v.min, 2147483647);
+    const markShowValue empty = img->getRect(QRectF(2.5, 1, -0.6, 1)); // empty scan: 2.5 - 0.6 <= 2
+    QVERIFY(empty.max == -1 && empty.min == 2147483647);
 
     // Ellipse and polygon count the pixels they hold.
-    const QRectF box(1, 1, 5, 5);
     const QRegion region(1, 1, 5, 5, QRegion::Ellipse);
     double sum = 0;
     int count = 0;
@@ -266,54 +235,41 @@ void TestImage::regionMeasurements()
                 sum += 10 * x + y;
                 ++count;
             }
-    v = img->getEllipse(box);
-    QCOMPARE(v.size, double(count));
-    QCOMPARE(v.mean, sum / count);
     QVERIFY(count > 0 && count < 25);
+    const markShowValue ellipse = img->getEllipse(QRectF(1, 1, 5, 5));
+    QCOMPARE(QList<double>({ellipse.size, ellipse.mean}), QList<double>({double(count), sum / count}));
     QVERIFY(std::isnan(img->getEllipse(QRectF(1, 1, 0, 0)).mean));
 
-    QPolygonF triangle({QPointF(0, 0), QPointF(4, 0), QPointF(0, 4)});
-    v = img->getPolygon(triangle);
-    QCOMPARE(v.size, 10.0); // points with x + y < 4, plus the ones on the slanted edge per odd-even
-    QCOMPARE(v.max, 30);
-    v = img->getPolygon(QPolygonF());
-    QVERIFY(std::isnan(v.mean));
-    QCOMPARE(v.size, 0.0);
+    const markShowValue triangle = img->getPolygon(QPolygonF({QPointF(0, 0), QPointF(4, 0), QPointF(0, 4)}));
+    QCOMPARE(triangle.size, 10.0); // points with x + y < 4, plus the ones on the slanted edge per odd-even
+    QCOMPARE(triangle.max, 30);
+    const markShowValue none = img->getPolygon(QPolygonF());
+    QVERIFY(std::isnan(none.mean) && none.size == 0);
 }
 
 void TestImage::lineMeasurements()
 {
     auto img = makeImage(16, 16, [](int x, int y) { return x + 100 * y; });
-    markShowValue v = img->getLine(QLineF(0, 0, 10, 0), 0.5, 2.0);
-    QCOMPARE(v.mean, 45.0 / 11); // columns 0..9 summed, divided by 11
-    QCOMPARE(v.size, 5.0);
-    QCOMPARE(v.max, 9);
-    v = img->getLine(QLineF(3, 2, 3, 6), 0.5, 2.0); // vertical: rows 2..5, divisor 5
-    QCOMPARE(v.mean, (4 * 3 + 100.0 * (2 + 3 + 4 + 5)) / 5);
-    QCOMPARE(v.size, 8.0);
-    v = img->getLine(QLineF(2, 2, 2, 2), 1, 1);
-    QCOMPARE(v.mean, 0.0);
-    QCOMPARE(v.max, std::numeric_limits<int>::min());
-    QCOMPARE(v.min, 2147483647);
-    v = img->getLine(QLineF(0, 0, 4, 8), 1, 1); // one sample per column: (0,0) (1,2) (2,4) (3,6)
-    QCOMPARE(v.mean, (0 + 201 + 402 + 603) / 5.0);
+    const int lowest = std::numeric_limits<int>::min();
+    // Columns 0..9 summed, divided by 11; rows 2..5 of a vertical line, divided by 5.
+    QCOMPARE(stats(img->getLine(QLineF(0, 0, 10, 0), 0.5, 2.0)).mid(0, 3), QList<double>({45.0 / 11, 5, 9}));
+    QCOMPARE(stats(img->getLine(QLineF(3, 2, 3, 6), 0.5, 2.0)).mid(0, 2), QList<double>({(4 * 3 + 100.0 * (2 + 3 + 4 + 5)) / 5, 8}));
+    QCOMPARE(stats(img->getLine(QLineF(2, 2, 2, 2), 1, 1)), QList<double>({0, 0, double(lowest), 2147483647}));
+    // One sample per column: (0,0) (1,2) (2,4) (3,6).
+    QCOMPARE(img->getLine(QLineF(0, 0, 4, 8), 1, 1).mean, (0 + 201 + 402 + 603) / 5.0);
 
-    QPolygonF path({QPointF(0, 0), QPointF(10, 0), QPointF(10, 0.5)});
-    v = img->getPolygonLine(path, 1, 1);
-    QCOMPARE(v.size, 10.5);
-    QCOMPARE(v.mean, (11 * (45.0 / 11) + 1 * 0.0) / 12); // second segment: vertical, no sample, mean 0
-    QCOMPARE(v.max, 9);
-    v = img->getPolygonLine(QPolygonF({QPointF(1, 1)}), 1, 1);
-    QCOMPARE(v.max, -1);
-    QCOMPARE(v.mean, 0.0);
+    // The second segment is vertical: no sample, mean 0.
+    const QPolygonF path({QPointF(0, 0), QPointF(10, 0), QPointF(10, 0.5)});
+    QCOMPARE(stats(img->getPolygonLine(path, 1, 1)).mid(0, 3), QList<double>({(11 * (45.0 / 11) + 1 * 0.0) / 12, 10.5, 9}));
+    const markShowValue point = img->getPolygonLine(QPolygonF({QPointF(1, 1)}), 1, 1);
+    QVERIFY(point.max == -1 && point.mean == 0);
 }
 
 void TestImage::pointsAndSectors()
 {
     NDicomImage img;
     const QRectF r(0, 0, 10, 4);
-    QVERIFY(img.contains(r, QPointF(5, 2)));
-    QVERIFY(!img.contains(r, QPointF(0, 0)));
+    QVERIFY(img.contains(r, QPointF(5, 2)) && !img.contains(r, QPointF(0, 0)));
     QVERIFY(!img.contains(r, QPointF(10, 2))); // on the ellipse
     QVERIFY(img.ellipseContains(r, QPointF(100, 100), QPointF(104.9, 100)));
     QVERIFY(!img.ellipseContains(r, QPointF(100, 100), QPointF(100, 102)));
@@ -327,22 +283,20 @@ void TestImage::pointsAndSectors()
 
     // Sectors of two crossing lines; vessel slots add up to the ellipse.
     const QLineF l1(0, 5, 10, 5), l2(5, 0, 5, 10);
-    QCOMPARE(img.getSectorRegion(l1, l2, 2, 2), 2);
-    QCOMPARE(img.getSectorRegion(l1, l2, 8, 8), 1);
-    QCOMPARE(img.getSectorRegion(l1, l2, 2, 8), 3);
-    QCOMPARE(img.getSectorRegion(l1, l2, 8, 2), 0);
+    QCOMPARE(QList<int>({img.getSectorRegion(l1, l2, 2, 2), img.getSectorRegion(l1, l2, 8, 8),
+                         img.getSectorRegion(l1, l2, 2, 8), img.getSectorRegion(l1, l2, 8, 2)}),
+             QList<int>({2, 1, 3, 0}));
     auto field = makeImage(10, 10, [](int x, int y) { return x + y; });
-    const QPolygonF inner({QPointF(2, 2), QPointF(8, 2), QPointF(8, 8), QPointF(2, 8)});
+    QPolygonF inner({QPointF(2, 2), QPointF(8, 2), QPointF(8, 8), QPointF(2, 8)});
     const QList<markShowValue> vessel = field->getVesselInfo(QRectF(0, 0, 10, 10), {inner}, l1, l2);
     QCOMPARE(vessel.size(), 8);
-    const markShowValue all = field->getEllipse(QRectF(0, 0, 10, 10));
     double total = 0, insideTotal = 0;
     for (int i = 0; i < 4; ++i) {
         total += vessel[i].size;
         insideTotal += vessel[4 + i].size;
     }
-    QCOMPARE(total, all.size);
-    QCOMPARE(insideTotal, field->getPolygon(const_cast<QPolygonF&>(inner)).size);
+    QCOMPARE(total, field->getEllipse(QRectF(0, 0, 10, 10)).size);
+    QCOMPARE(insideTotal, field->getPolygon(inner).size);
 }
 
 void TestImage::readSigned_data()
@@ -371,15 +325,12 @@ void TestImage::readSigned()
     QVERIFY(writeSyntheticImage(file, s));
     NDicomImage img;
     QVERIFY(img.readReferenceFileInfo(file, true));
-    QCOMPARE(img.getIntercept(), intercept);
-    QCOMPARE(img.getSlope(), 1.0);
-    QCOMPARE(int(img.getValue16u(0, 0)), int(low - intercept));
-    QCOMPARE(int(img.getValue16u(1, 0)), int(high - intercept));
-    QCOMPARE(int(img.getValue16s(1, 0)), high);
-    QCOMPARE(int(img.getValue16s(5, 7)), (low + high) / 2 + 5 - 7);
-    QCOMPARE(img.getWindowWidth(), 2000.0); // no window in the file
     QCOMPARE(img.getReferenceFile(), file);
-    QCOMPARE(img.width(), 30);
+    // Shifted by the smallest value; no window in the file: width 2000.
+    QCOMPARE(QList<double>({img.getIntercept(), img.getSlope(), img.getWindowWidth(), double(img.width())}),
+             QList<double>({intercept, 1, 2000, 30}));
+    QCOMPARE(QList<int>({img.getValue16u(0, 0), img.getValue16u(1, 0), img.getValue16s(1, 0), img.getValue16s(5, 7)}),
+             QList<int>({int(low - intercept), int(high - intercept), high, (low + high) / 2 + 5 - 7}));
 }
 
 void TestImage::badFiles()
@@ -387,22 +338,20 @@ void TestImage::badFiles()
     QTemporaryDir dir;
     NDicomImage img;
     QFile text(dir.filePath("notdicom.txt"));
-    QVERIFY(text.open(QIODevice::WriteOnly));
-    text.write("this is not a DICOM file at all, just text\n");
+    QVERIFY(text.open(QIODevice::WriteOnly) && text.write("this is not a DICOM file at all, just text\n") > 0);
     text.close();
     QVERIFY(!img.readReferenceFileInfo(text.fileName(), true));
     QVERIFY(!img.readReferenceFileInfo(dir.filePath("missing.dcm"), true));
     QVERIFY(img.InitImageInfo(dir.filePath("missing.dcm"))); // always true
 
+    // Only single 16-bit samples are read.
     SyntheticImage eight;
-    eight.bitsAllocated = 8;
-    eight.bitsStored = 8;
+    eight.bitsAllocated = eight.bitsStored = 8;
     SyntheticImage rgb = eight;
     rgb.samplesPerPixel = 3;
     rgb.photometric = "RGB";
     SyntheticImage wide;
-    wide.bitsAllocated = 32;
-    wide.bitsStored = 32;
+    wide.bitsAllocated = wide.bitsStored = 32;
     wide.pixelRepresentation = 1;
     const std::vector<std::pair<QString, SyntheticImage>> cases{{"eight", eight}, {"rgb", rgb}, {"wide", wide}};
     for (const auto& [name, s] : cases) {
@@ -428,9 +377,8 @@ void TestImage::badFiles()
 void TestImage::saveRoundTrip()
 {
     QTemporaryDir dir;
-    SyntheticImage s; // unsigned 32 x 32 template
     const QString templ = dir.filePath("template.dcm");
-    QVERIFY(writeSyntheticImage(templ, s));
+    QVERIFY(writeSyntheticImage(templ, SyntheticImage())); // unsigned 32 x 32
 
     auto img = makeImage(40, 24, [](int x, int y) { return 7 * x + 300 * y; });
     img->setPixelSpace(0.75, 1.5);
@@ -448,34 +396,22 @@ void TestImage::saveRoundTrip()
 
     NDicomImage back;
     QVERIFY(back.readReferenceFileInfo(out, true));
-    QCOMPARE(back.width(), 40);
-    QCOMPARE(back.height(), 24);
+    QCOMPARE(QSize(back.width(), back.height()), QSize(40, 24));
     QCOMPARE(QByteArray(back.data(), back.getSteps()[2]), QByteArray(img->data(), img->getSteps()[2]));
-    QCOMPARE(back.getPixelSpacing()[1], 1.5);
-    QCOMPARE(back.getPosition()[1], 30.25);
-    for (int i = 0; i < 6; ++i)
-        QCOMPARE(back.getOrientation()[i], img->getOrientation()[i]);
-    QCOMPARE(back.getThickness(), 2.5);
-    QCOMPARE(back.getInstanceNumber(), 12);
-    QCOMPARE(back.getWindowCenter(), -100.0);
-    QCOMPARE(dcmText(out, DCM_SeriesInstanceUID), QString("1.2.3.4.5"));
-    QCOMPARE(dcmText(out, DCM_ImageType), QString("DERIVED\\SECONDARY\\MPR"));
-    QCOMPARE(dcmText(out, DCM_SoftwareVersions), QString("Orvena_V1.0"));
-    QCOMPARE(dcmText(out, DCM_PatientName), QString("Test^Patient"));
+    QCOMPARE(QList<double>(back.getOrientation(), back.getOrientation() + 6), QList<double>({0, 1, 0, 0, 0, -1}));
+    QCOMPARE(QList<double>({back.getPixelSpacing()[1], back.getPosition()[1], back.getThickness(),
+                            double(back.getInstanceNumber()), back.getWindowCenter()}),
+             QList<double>({1.5, 30.25, 2.5, 12, -100}));
+    QCOMPARE(QStringList({dcmText(out, DCM_SeriesInstanceUID), dcmText(out, DCM_ImageType),
+                          dcmText(out, DCM_SoftwareVersions), dcmText(out, DCM_PatientName)}),
+             QStringList({"1.2.3.4.5", "DERIVED\\SECONDARY\\MPR", "Orvena_V1.0", "Test^Patient"}));
     QVERIFY(dcmText(out, DCM_SOPInstanceUID).startsWith("1.2.276.0.7230010.3.1.4."));
+    // The content date's month and day are written without leading zeros.
     const QDate today = QDate::currentDate();
     const QString date = QString::number(today.year()) + QString::number(today.month()) + QString::number(today.day());
     const QString written = dcmText(out, DCM_ContentDate);
     QVERIFY2(written == date || QDate::currentDate() != today, qPrintable(written));
     QVERIFY(QRegularExpression("^\\d\\d:\\d\\d:\\d\\d$").match(dcmText(out, DCM_StudyTime)).hasMatch());
-
-    const QString dcmdump = QStandardPaths::findExecutable("dcmdump");
-    if (!dcmdump.isEmpty()) {
-        QProcess dump;
-        dump.start(dcmdump, {out});
-        QVERIFY(dump.waitForFinished());
-        QCOMPARE(dump.exitCode(), 0);
-    }
 
     // Onto its own template, and the failures that leave nothing behind.
     QVERIFY(img->saveAs(out, out, "1.2.3.4.6"));
@@ -483,21 +419,20 @@ void TestImage::saveRoundTrip()
     QCOMPARE(back.getValue16u(39, 23), img->getValue16u(39, 23));
     QVERIFY(!img->saveAs(dir.filePath("x.dcm"), dir.filePath("missing.dcm"), "1.2"));
     QVERIFY(!img->saveAs(dir.filePath("no/such/dir/x.dcm"), templ, "1.2"));
-    QVERIFY(!QFile::exists(dir.filePath("x.dcm")));
-    NDicomImage empty;
-    QVERIFY(!empty.saveAs(dir.filePath("empty.dcm"), templ, "1.2"));
+    QVERIFY(!NDicomImage().saveAs(dir.filePath("empty.dcm"), templ, "1.2"));
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2);
 }
 
 void TestImage::realCtShift()
 {
-    const QString ct = dataDir("ct_ge_3slice");
+    const QString ct = sharedDataPath("ct_ge_3slice");
     if (ct.isEmpty())
         QSKIP("the real CT series is not present");
     // Stored -2000..2405, intercept -1024: shifted by the smallest rescaled value -3024.
     NDicomImage img;
     QVERIFY(img.readReferenceFileInfo(ct + "/01.dcm", true));
     QCOMPARE(img.getIntercept(), -3024.0);
+    QCOMPARE(img.getWindowWidth(), 400.0);
     DcmFileFormat ff;
     QVERIFY(ff.loadFile(QFile::encodeName(ct + "/01.dcm").constData()).good());
     const Uint16* raw = nullptr;
@@ -511,9 +446,8 @@ void TestImage::realCtShift()
             lowest = std::min(lowest, int(img.getValue16u(x, y)));
         }
     QCOMPARE(lowest, 0);
-    QCOMPARE(img.getWindowWidth(), 400.0);
 
-    const QString loc = dataDir("ge_localizer_3plane");
+    const QString loc = sharedDataPath("ge_localizer_3plane");
     if (!loc.isEmpty()) { // signed but all >= 0: shifted by one
         const QStringList files = QDir(loc).entryList({"*.MRDC.1"}, QDir::Files);
         QVERIFY(!files.isEmpty());
