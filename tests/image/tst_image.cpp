@@ -345,16 +345,13 @@ void TestImage::badFiles()
     QVERIFY(img.InitImageInfo(dir.filePath("missing.dcm"))); // always true
 
     // Only single 16-bit samples are read.
-    SyntheticImage eight;
-    eight.bitsAllocated = eight.bitsStored = 8;
-    SyntheticImage rgb = eight;
-    rgb.samplesPerPixel = 3;
-    rgb.photometric = "RGB";
-    SyntheticImage wide;
-    wide.bitsAllocated = wide.bitsStored = 32;
-    wide.pixelRepresentation = 1;
-    const std::vector<std::pair<QString, SyntheticImage>> cases{{"eight", eight}, {"rgb", rgb}, {"wide", wide}};
-    for (const auto& [name, s] : cases) {
+    const std::vector<std::pair<QString, std::function<void(SyntheticImage&)>>> cases{
+        {"eight", [](SyntheticImage& s) { s.bitsAllocated = s.bitsStored = 8; }},
+        {"rgb", [](SyntheticImage& s) { s.bitsAllocated = s.bitsStored = 8; s.samplesPerPixel = 3; s.photometric = "RGB"; }},
+        {"wide", [](SyntheticImage& s) { s.bitsAllocated = s.bitsStored = 32; s.pixelRepresentation = 1; }}};
+    for (const auto& [name, change] : cases) {
+        SyntheticImage s;
+        change(s);
         const QString file = dir.filePath(name + ".dcm");
         QVERIFY(writeSyntheticImage(file, s));
         QVERIFY2(!img.readReferenceFileInfo(file, true), qPrintable(name));

@@ -228,15 +228,12 @@ void TestVolume::volumeFiles()
     QVERIFY(v.saveAs(path));
     QCOMPARE(v.getStrVolumeHead(), v.volumeHeadtoString(h));
     // The 368-byte head, zeros up to 512, then the voxels of every frame.
-    const QByteArray written = readAll(path);
-    QCOMPARE(written, QByteArray(reinterpret_cast<const char*>(&h), 368) + QByteArray(144, '\0') + voxels);
+    QCOMPARE(readAll(path), QByteArray(reinterpret_cast<const char*>(&h), 368) + QByteArray(144, '\0') + voxels);
 
     NVolume loaded;
     QCOMPARE(loaded.loadVolume(path), 1);
     QCOMPARE(std::memcmp(loaded.getHead(), &h, sizeof h), 0);
     QCOMPARE(QByteArray(loaded.getData(), voxels.size()), voxels);
-    QVERIFY(loaded.saveAs(dir.filePath("b.data")));
-    QCOMPARE(readAll(dir.filePath("b.data")), written);
 
     // No buffer: true, no file, but the head string is set.
     NDicomVolume empty(nullptr, nullptr, 0);
@@ -323,19 +320,15 @@ void TestVolume::voxelAccessAndFrames()
         return value;
     };
     QCOMPARE(v.getVoxel(5, 4, 3), naive(0, 5, 4, 3));
-    unsigned char** layers = v.getLayers();
-    QVERIFY(reinterpret_cast<char*>(layers[2]) == v.getData() + 120);
+    // Slice layers start every 60 bytes of the current frame and follow it.
+    QVERIFY(reinterpret_cast<char*>(v.getLayers()[2]) == v.getData() + 120);
     const char* frame0 = v.getData();
-    const QVector<unsigned char*> before(layers, layers + 4);
-
     v.setTimeIndex(2); // timeNum: no change
     QVERIFY(v.getData() == frame0);
     v.setTimeIndex(1);
     QCOMPARE(v.getTimeIndex(), 1);
     QVERIFY(v.getData() == frame0 + h.volumestep[3]);
-    layers = v.getLayers();
-    for (int k = 0; k < 4; ++k)
-        QVERIFY(layers[k] == before[k] + h.volumestep[3]);
+    QVERIFY(reinterpret_cast<char*>(v.getLayers()[3]) == v.getData() + 180);
     QCOMPARE(v.getVoxel(1, 2, 3), naive(1, 1, 2, 3));
     v.setVoxelValue16u(1, 2, 3, 40000);
     QCOMPARE(v.getVoxel(1, 2, 3), quint16(40000));
@@ -664,6 +657,8 @@ void TestVolume::seriesToVolume()
     base.rowSpacing = 0.8;
     base.columnSpacing = 0.6;
     base.position = {-10, 20, 30};
+    base.studyUid = "1.2.3";
+    base.seriesUid = "1.2.3.4";
     base.pixel = [](int x, int y, int) { return 100 * y + x; };
     const QStringList files = writeSyntheticSeries(dir.path(), base, 5, {0, 0, 5});
     QCOMPARE(files.size(), 5);
@@ -674,19 +669,18 @@ void TestVolume::seriesToVolume()
     QVERIFY(v.isValid());
     QCOMPARE(progress.count(), 5);
     QCOMPARE(progress.last().at(0).toInt(), 100);
-    const VolumeHead& h = *v.getHead();
-    QVERIFY(QByteArray(h.magic, 4) == "DCVM" && h.SEPK == 42 && h.WindowWidth == 2000);
-    QVERIFY(h.volumesize[0] == 16 && h.volumesize[1] == 12 && h.volumesize[2] == 5);
-    QCOMPARE(h.totallen, qint64(16 * 12 * 5 * 2 + 512));
-    // Pixel Spacing values in their stored order; slice spacing from the positions.
-    QVERIFY(h.voxelspace[0] == 0.8 && h.voxelspace[1] == 0.6 && h.voxelspace[2] == 5);
-    QCOMPARE(std::fabs(h.orientation[8]), 1.0);
-    QCOMPARE(std::memcmp(h.orientation, v.getWorkingOrientation(), sizeof h.orientation), 0);
-    QCOMPARE(std::memcmp(v.getData() - 512, &h, sizeof h), 0);
+    // The head from the first file: Pixel Spacing in its stored order, slice spacing from the positions.
+    QCOMPARE(v.volumeHeadtoString(*v.getHead()),
+             QString("magic:DCVM;totallen:2432;SEPK:42;SEUID:1.2.3.4;STUID:1.2.3;volumesize:16,12,5;"
+                     "volumestep:2,32,384,1920;voxelspace:0.8,0.6,5;thinkness:1;topxyz:-10,20,30;"
+                     "orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;PhotometricInterpretation:1;BitsAllocated:16;"
+                     "HighBit:11;RescaleIntercept:0;RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+    QCOMPARE(std::memcmp(v.getHead()->orientation, v.getWorkingOrientation(), 9 * sizeof(double)), 0);
+    QCOMPARE(std::memcmp(v.getData() - 512, v.getHead(), sizeof(VolumeHead)), 0);
     for (int k = 0; k < 5; ++k)
         QCOMPARE(v.getVoxel(15, 11, k), quint16(1115));
     checkSlicePositions(v);
-    QCOMPARE(v.getSliceIndexByPosition(-10, 20, 30 + 5 * (v.getHead()->isOrder == 1 ? 3 : 1)), 3);
+    QCOMPARE(v.getSliceIndexByPosition(-10, 20, 30 + 5 * 3), 3);
     QCOMPARE(v.getSliceIndexByPosition(500, 20, 40), 0);
 
     // A series of one image builds nothing.
@@ -717,9 +711,8 @@ void TestVolume::seriesToVolume()
     NDicomVolume timed;
     timed.loadSeries(frames);
     QVERIFY(timed.isValid());
-    QCOMPARE(timed.getHead()->timeNum, 3);
-    QCOMPARE(timed.getHead()->volumestep[3], 8 * 8 * 4 * 2);
-    QCOMPARE(timed.getHead()->totallen, qint64(8 * 8 * 4 * 2) * 3 + 512);
+    const VolumeHead& th = *timed.getHead();
+    QCOMPARE(QList<qint64>({th.timeNum, th.volumestep[3], th.totallen}), QList<qint64>({3, 512, 512 * 3 + 512}));
     for (int t = 0; t < 3; ++t) {
         timed.setTimeIndex(t);
         QVERIFY(timed.getData() == reinterpret_cast<char*>(timed.getLayers()[0]));
@@ -761,14 +754,7 @@ void TestVolume::signedAndOddSeries()
     QVERIFY(writeSyntheticImage(files[2], bigger));
     QSeries* gaps = seriesFromFiles(files, 42, &owner);
     gaps->getInstances()[2]->setImageSize(32, 32); // the catalogue still says 32 x 32
-    QFile::remove(files[1]);
-    QInstance* lost = new QInstance(gaps);
-    gaps->getInstances().insert(1, lost);
-    lost->setFilePath(files[1]);
-    lost->setPosition("0\\0\\1");
-    lost->setOrientation("1\\0\\0\\0\\1\\0");
-    lost->setImageSize(32, 32);
-    lost->setPixelSpacing("1\\1");
+    QVERIFY(QFile::remove(files[1])); // gone after it was catalogued
     NDicomVolume g;
     g.loadSeries(gaps);
     QCOMPARE(g.geSize()[2], 4);
@@ -805,40 +791,31 @@ void TestVolume::cacheCycle()
     base.columns = 128;
     std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(catalog.path("dicom"), base, 10), 42));
     const QString key = series->getSeriesBase();
-    const QString where = QString("SeriesInstanceUID = '%1'").arg(key);
     const QString file = catalog.path("cache") + "/" + key + ".data";
-
-    NDicomVolume built;
-    QSignalSpy builtInfo(&built, &NDicomVolume::registrationInfo);
-    QVERIFY(built.getVolumeFromSeriesUID(series.get()));
-    QCOMPARE(builtInfo.takeFirst().at(0).toInt(), 0);
-    QCOMPARE(built.getCurVolumeDataPath(), file);
-    QVERIFY(QFile::exists(file));
-    QCOMPARE(TestCatalog::count("registration", where), 1);
-    {
-        QSqlQuery q("SELECT VolumeHead, ServerAddress FROM registration");
-        QVERIFY(q.next());
-        QCOMPARE(q.value(0).toString(), built.volumeHeadtoString(*built.getHead()));
-        QCOMPARE(q.value(1).toString(), QString(""));
+    QByteArray built; // head and voxels of the first build
+    // Built and registered (info 0); loaded from the cache (info 1); its file gone: unregistered,
+    // rebuilt and registered again (info 0). One row and the same volume every time.
+    for (int round = 0; round < 3; ++round) {
+        if (round == 2)
+            QVERIFY(QFile::remove(file));
+        NDicomVolume v;
+        QSignalSpy info(&v, &NDicomVolume::registrationInfo);
+        QVERIFY(v.getVolumeFromSeriesUID(series.get()));
+        QCOMPARE(info.size() == 1 ? info[0][0].toInt() : -1, round == 1 ? 1 : 0);
+        QCOMPARE(v.getCurVolumeDataPath(), file);
+        QVERIFY(QFile::exists(file));
+        QCOMPARE(TestCatalog::count("registration", QString("SeriesInstanceUID = '%1'").arg(key)), 1);
+        const QByteArray volume = QByteArray(reinterpret_cast<const char*>(v.getHead()), sizeof(VolumeHead))
+            + QByteArray(v.getData(), v.getHead()->volumestep[3]);
+        if (round == 0) {
+            built = volume;
+            QSqlQuery q("SELECT VolumeHead, ServerAddress FROM registration");
+            QVERIFY(q.next());
+            QCOMPARE(q.value(0).toString(), v.volumeHeadtoString(*v.getHead()));
+            QCOMPARE(q.value(1).toString(), QString(""));
+        }
+        QCOMPARE(volume, built);
     }
-
-    NDicomVolume cached;
-    QSignalSpy hitInfo(&cached, &NDicomVolume::registrationInfo);
-    QVERIFY(cached.getVolumeFromSeriesUID(series.get()));
-    QCOMPARE(hitInfo.takeFirst().at(0).toInt(), 1);
-    QCOMPARE(cached.getCurVolumeDataPath(), file);
-    QCOMPARE(std::memcmp(cached.getHead(), built.getHead(), sizeof(VolumeHead)), 0);
-    QCOMPARE(QByteArray(cached.getData(), built.getHead()->volumestep[3]),
-             QByteArray(built.getData(), built.getHead()->volumestep[3]));
-    QCOMPARE(TestCatalog::count("registration", where), 1);
-
-    // The registered file is gone: unregistered, rebuilt and registered again.
-    QVERIFY(QFile::remove(file));
-    NDicomVolume rebuilt;
-    QVERIFY(rebuilt.getVolumeFromSeriesUID(series.get()));
-    QVERIFY(QFile::exists(file));
-    QCOMPARE(TestCatalog::count("registration", where), 1);
-    QCOMPARE(rebuilt.getVoxel(5, 6, 7), built.getVoxel(5, 6, 7));
 }
 
 void TestVolume::realSeries_data()
