@@ -152,7 +152,6 @@ private slots:
     void voxelAccessAndFrames();
     void transforms();
     void histogramAndMask();
-    void companion();
     void simdKernels();
     void trilinearSample();
     void slabReductions();
@@ -262,6 +261,25 @@ void TestVolume::volumeFiles()
     QCOMPARE(loaded.loadVolume(put(longer)), -1);
     QCOMPARE(loaded.loadVolume(put(deeper)), -1);
     QCOMPARE(loaded.geSize()[2], 1); // the loaded volume is kept
+
+    // Loading binds the rendering companion from the volume plugin; without one its calls fail.
+    NDicomImage image;
+    qputenv("KESTREL_VOLUME_PLUGIN", QFile::encodeName(dir.filePath("no-such-plugin.so")));
+    NVolume plain;
+    QCOMPARE(plain.loadVolume(path), 1);
+    QVERIFY(!plain.getVelIVolume() && !plain.rotateX(30, image) && !plain.StandardImage(image, true));
+    // Every call reaches the companion with its arguments (a call that fails ends the list early).
+    qputenv("KESTREL_VOLUME_PLUGIN", KESTREL_TEST_VOLUME_PLUGIN);
+    NVolume bound;
+    QCOMPARE(bound.loadVolume(path), 1);
+    QVERIFY(bound.getVelIVolume());
+    QVERIFY(bound.rotateX(30, image) && bound.rotateY(-15, image) && bound.rotateZ(2.5, image)
+            && bound.rotateWXYZ(45, 0, 0, 1, image) && bound.getRotateImage(10, 1, 0, 0, image)
+            && bound.shake(5, image) && bound.StandardImage(image, true));
+    QCOMPARE(bound.property("companionCalls").toStringList(),
+             QStringList({"setVolume", "rotateX 30", "rotateY -15", "rotateZ 2.5", "rotateWXYZ 45 0 0 1",
+                          "getRotateImage 10 1 0 0", "shake 5", "StandardImage 1"}));
+    qunsetenv("KESTREL_VOLUME_PLUGIN");
 }
 
 void TestVolume::bitMask()
@@ -421,35 +439,6 @@ void TestVolume::histogramAndMask()
     NVolume::maskVolume(&m, &mask);
     const int kept = (1 * 3 + 2) * 70 + 33 * 2;
     QCOMPARE(QByteArray(m.getData(), data.size()), QByteArray(kept, '\0') + data.mid(kept, 2) + QByteArray(data.size() - kept - 2, '\0'));
-}
-
-void TestVolume::companion()
-{
-    QTemporaryDir dir;
-    VolumeHead h = makeHead(256, 256, 2);
-    QByteArray voxels = randomVoxels(h, 4);
-    NDicomVolume source(&h, voxels.data(), voxels.size());
-    const QString path = dir.filePath("c.data");
-    QVERIFY(source.saveAs(path));
-
-    qputenv("KESTREL_VOLUME_PLUGIN", QFile::encodeName(dir.filePath("no-such-plugin.so")));
-    NVolume plain;
-    QCOMPARE(plain.loadVolume(path), 1);
-    NDicomImage image;
-    QVERIFY(!plain.getVelIVolume() && !plain.rotateX(30, image) && !plain.StandardImage(image, true));
-
-    // Every call reaches the companion with its arguments (a call that fails ends the list early).
-    qputenv("KESTREL_VOLUME_PLUGIN", KESTREL_TEST_VOLUME_PLUGIN);
-    NVolume bound;
-    QCOMPARE(bound.loadVolume(path), 1);
-    QVERIFY(bound.getVelIVolume());
-    QVERIFY(bound.rotateX(30, image) && bound.rotateY(-15, image) && bound.rotateZ(2.5, image)
-            && bound.rotateWXYZ(45, 0, 0, 1, image) && bound.getRotateImage(10, 1, 0, 0, image)
-            && bound.shake(5, image) && bound.StandardImage(image, true));
-    QCOMPARE(bound.property("companionCalls").toStringList(),
-             QStringList({"setVolume", "rotateX 30", "rotateY -15", "rotateZ 2.5", "rotateWXYZ 45 0 0 1",
-                          "getRotateImage 10 1 0 0", "shake 5", "StandardImage 1"}));
-    qunsetenv("KESTREL_VOLUME_PLUGIN");
 }
 
 void TestVolume::simdKernels()
