@@ -287,18 +287,12 @@ private slots:
         const int series = hostileCases().size();
         const RowCounts before = rowCounts();
 
-        RecvGuard guard;
-        QDcmRecvFile* recv = guard.recv;
-        recv->setUserOption(true, false, false);
-        Provider provider;
-        QVERIFY(provider.start(catalog.path("recv")));
-        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
-        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
-        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
-        QDcmFiles importer;
-        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+        ReceivingChain chain;
+        QVERIFY(chain.start(catalog.path("recv")));
+        QSignalSpy saved(chain.provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+        QSignalSpy uploaded(chain.recv(), &QDcmRecvFile::notifyUploadDB);
 
-        QCOMPARE(storescu(provider.port, files), 0);
+        QCOMPARE(storescu(chain.provider.port, files), 0);
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), files.size(), 10000);
         // The last series is handed over after ten seconds without objects.
         QTRY_COMPARE_WITH_TIMEOUT(uploaded.count(), series, 20000);

@@ -157,12 +157,11 @@ private slots:
     void receiveAndRecordAfterSilence()
     {
         KESTREL_OPEN_CATALOG(catalog, "sqlite");
-        RecvGuard guard;
-        QDcmRecvFile* recv = guard.recv;
-        recv->setUserOption(true, false, false);
         QTemporaryDir dir;
-        Provider provider;
-        QVERIFY(provider.start(dir.filePath("recv")));
+        ReceivingChain chain;
+        QVERIFY(chain.start(dir.filePath("recv")));
+        QDcmRecvFile* recv = chain.recv();
+        const Provider& provider = chain.provider;
 
         SyntheticImage base;
         QStringList seriesA;
@@ -189,10 +188,7 @@ private slots:
         QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
         QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
         QElapsedTimer sinceLast;
-        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
         connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, this, [&] { sinceLast.start(); });
-        QDcmFiles importer;
-        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
 
         QCOMPARE(storescu(provider.port, seriesA + seriesB + QStringList{noSeries}), 0);
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), nA + 2, 10000);

@@ -188,18 +188,13 @@ private slots:
         base.seriesNumber = 5;
         const QStringList later = writeSyntheticSeries(catalog.path("send/later"), base, kSlices);
 
-        RecvGuard guard;
-        QDcmRecvFile* recv = guard.recv;
-        recv->setUserOption(true, false, false);
-        recv->timer()->setInterval(1000); // a short quiet period ends a batch sooner
-        Provider provider;
-        QVERIFY(provider.start(catalog.path("recv")));
+        ReceivingChain chain;
+        QVERIFY(chain.start(catalog.path("recv")));
+        chain.recv()->timer()->setInterval(1000); // a short quiet period ends a batch sooner
+        const Provider& provider = chain.provider;
         QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
-        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
-        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
-        QDcmFiles importer;
-        QSignalSpy importErrors(&importer, &QDcmFiles::errorInfo);
-        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+        QSignalSpy uploaded(chain.recv(), &QDcmRecvFile::notifyUploadDB);
+        QSignalSpy importErrors(chain.importer.get(), &QDcmFiles::errorInfo);
         // The first series is recorded and imported when the second starts; three objects into
         // the second series the server stops (the provider keeps receiving meanwhile).
         // (The spy counts in the provider's thread; this slot runs queued behind the bookkeeping.)
