@@ -1,4 +1,5 @@
 #include "syntheticdicom.h"
+#include "testcatalog.h"
 
 #include "dicom/qdcmdump.h"
 #include "kestrelpaths.h"
@@ -9,12 +10,6 @@
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 
-#include <QDirIterator>
-#include <QFile>
-#include <QProcess>
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <sstream>
@@ -57,13 +52,10 @@ Result runDump(const QStringList& args)
 
 QStringList sharedDataFiles()
 {
-    const QString root = qEnvironmentVariable("KESTREL_SHARED_DATA");
     QStringList files;
-    if (root.isEmpty() || !QDir(root).exists())
-        return files;
-    QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files << it.next();
+    if (const QString root = sharedDataPath(); !root.isEmpty())
+        for (QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories); it.hasNext();)
+            files << it.next();
     files.sort();
     return files;
 }
@@ -224,13 +216,13 @@ private slots:
         QTest::newRow("dependent option") << QStringList{"--prepend", m_mr};
         QTest::newRow("unknown option") << QStringList{"--no-such-option", m_mr};
         QTest::newRow("help") << QStringList{"--help"};
+        QTest::newRow("version") << QStringList{"--version"};
         QTest::newRow("no arguments") << QStringList{};
-        const QString root = qEnvironmentVariable("KESTREL_SHARED_DATA");
-        if (!sharedDataFiles().isEmpty()) {
-            QTest::newRow("shared: search with sequences") << QStringList{
-                "+p", "+P", "ReferencedSOPInstanceUID", "+P", "CodeValue", root + "/pydicom/test_files/SC_rgb_jpeg_dcmtk.dcm"};
-            QTest::newRow("shared: load short, scan")
-                << QStringList{"-M", "+sd", "+r", "+F", root + "/pydicom/test_files/dicomdirtests/98892003"};
+        const QString tests = sharedDataPath("pydicom/test_files");
+        if (!tests.isEmpty()) {
+            QTest::newRow("shared: search with sequences")
+                << QStringList{"+p", "+P", "ReferencedSOPInstanceUID", "+P", "CodeValue", tests + "/SC_rgb_jpeg_dcmtk.dcm"};
+            QTest::newRow("shared: load short, scan") << QStringList{"-M", "+sd", "+r", "+F", tests + "/dicomdirtests/98892003"};
         }
     }
 
@@ -243,17 +235,13 @@ private slots:
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
     }
 
-    // Without the oracle as well: version and bad command lines come back as exit codes, and
-    // the parser switches of one run do not leak into the next.
+    // The parser switches of one run do not leak into the next.
     void runsStayApart()
     {
         const QByteArray before = runDump({m_mr}).out;
-        const Result version = runDump({"--version"});
-        QCOMPARE(version.status, 0);
-        QVERIFY(version.out.startsWith("$dcmtk: dcmdump v3.6.7"));
-        QCOMPARE(runDump({"--log-level", "loud", m_mr}).status, 1);
         QCOMPARE(runDump({"-f", "-te", m_ct}).status, 1);
         QCOMPARE(runDump({"--ignore-parse-errors", "+st", "PatientName", m_mr}).status, 0);
+        QCOMPARE(runDump({"--version"}).status, 0);
         QCOMPARE(runDump({m_mr}).out, before);
     }
 
@@ -321,33 +309,25 @@ private slots:
         QCOMPARE(file.fileName(), m_ct);
     }
 
-    void unreadableFiles_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::newRow("text") << m_text;
-        QTest::newRow("truncated") << m_truncated;
-        QTest::newRow("empty") << m_empty;
-        QTest::newRow("missing") << path("does-not-exist.dcm");
-        QTest::newRow("directory") << m_dir.path();
-    }
-
+    // Each unreadable file gives one error, the previous attributes stay and the dump still
+    // says something.
     void unreadableFiles()
     {
-        QFETCH(QString, file);
         QDcmFile dcm;
         QVERIFY(dcm.loadhead(m_mr, true));
         QSignalSpy errors(&dcm, &QDcmFile::fileError);
         QSignalSpy nameChanged(&dcm, &QDcmFile::patientNameChanged);
-        QVERIFY(!dcm.loadhead(file, false));
-        QCOMPARE(errors.count(), 1);
-        QCOMPARE(errors.first().first().toString(), "can't open " + file);
+        for (const QString& file : {m_text, m_truncated, m_empty, path("does-not-exist.dcm"), m_dir.path()}) {
+            QVERIFY2(!dcm.loadhead(file, false), qPrintable(file));
+            QCOMPARE(errors.count(), 1);
+            QCOMPARE(errors.takeFirst().first().toString(), "can't open " + file);
+            QString text = "previous";
+            dcm.dumpFile(file, text);
+            QVERIFY2(text != "previous", qPrintable(file));
+        }
         QCOMPARE(nameChanged.count(), 0);
         QCOMPARE(dcm.patientName(), QString("Doe^Jane"));
         QCOMPARE(dcm.imageNum(), 7);
-
-        QString text = "previous";
-        dcm.dumpFile(file, text);
-        QVERIFY(text != "previous");
     }
 
     void overlayTemplates_data()

@@ -12,13 +12,7 @@
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dctk.h>
 
-#include <QDir>
-#include <QPointer>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
-#include <QSqlRecord>
-#include <QUuid>
+#include <QtSql>
 #include <QtTest>
 
 #include <algorithm>
@@ -67,21 +61,16 @@ qint64 addStudy(qint64 patientPk, const QString& description, const QString& stu
 
 // One image: imageformat always, imagepixel and mrimageinfo unless switched off.
 struct Image {
-    int number = 1;
-    QString position, orientation = axial, spacing = "1\\1", acquisitionTime, filePath;
+    Image(int number, const QString& position, const QString& orientation = axial)
+        : number(number), position(position), orientation(orientation)
+    {
+    }
+    int number;
+    QString position, orientation, spacing = "1\\1", acquisitionTime, filePath;
     int rows = 32, columns = 32, bitsAllocated = 16, samplesPerPixel = 1;
     QString photometric = "MONOCHROME2";
     bool pixelRow = true, mrRow = true;
 };
-
-Image image(int number, const QString& position, const QString& orientation = axial)
-{
-    Image row;
-    row.number = number;
-    row.position = position;
-    row.orientation = orientation;
-    return row;
-}
 
 // A series of IMAGES (rows in list order) in the study STUDYPK.
 qint64 addSeries(qint64 studyPk, const QList<Image>& images, int number = 1)
@@ -131,7 +120,7 @@ QList<Image> readFolder(const QString& dir)
         if (file.loadFile(info.absoluteFilePath().toLocal8Bit().constData()).bad())
             continue;
         DcmDataset* ds = file.getDataset();
-        Image row = image(dcmInt(ds, DCM_InstanceNumber), dcmStringAll(ds, DCM_ImagePositionPatient),
+        Image row(dcmInt(ds, DCM_InstanceNumber), dcmStringAll(ds, DCM_ImagePositionPatient),
                           dcmStringAll(ds, DCM_ImageOrientationPatient));
         row.spacing = dcmStringAll(ds, DCM_PixelSpacing);
         row.rows = dcmInt(ds, DCM_Rows);
@@ -234,8 +223,8 @@ void TestHierarchy::treeAndOwnership()
     KESTREL_OPEN_CATALOG(catalog, backend);
     const qint64 patientPk = addPatient("Doe^Jane", "AB12");
     const qint64 studyPk = addStudy(patientPk, "Head", "42");
-    const qint64 seriesA = addSeries(studyPk, {image(2, pos(0, 0, 5)), image(1, pos(0, 0, 0)), image(3, pos(0, 0, 10))}, 3);
-    addSeries(studyPk, {image(1, pos(0, 0, 0))}, 4);
+    const qint64 seriesA = addSeries(studyPk, {Image(2, pos(0, 0, 5)), Image(1, pos(0, 0, 0)), Image(3, pos(0, 0, 10))}, 3);
+    addSeries(studyPk, {Image(1, pos(0, 0, 0))}, 4);
 
     // Column lists pair with SELECT * column by column.
     for (const auto& [names, from] : {std::pair{QPatient::getColumnName(), QString("patient")},
@@ -308,7 +297,7 @@ void TestHierarchy::ordering()
     auto line = [](int first, int count, QVector<double> p, const QVector<double>& d, const QString& orientation = axial) {
         QList<Image> images;
         for (int i = 0; i < count; ++i, p = {p[0] + d[0], p[1] + d[1], p[2] + d[2]})
-            images << image(first + i, pos(p[0], p[1], p[2]), orientation);
+            images << Image(first + i, pos(p[0], p[1], p[2]), orientation);
         return images;
     };
     auto numbers = [](int first, int last) {
@@ -317,7 +306,7 @@ void TestHierarchy::ordering()
             list << i;
         return list;
     };
-    auto z = [](int number, double z, const QString& orientation = axial) { return image(number, pos(0, 0, z), orientation); };
+    auto z = [](int number, double z, const QString& orientation = axial) { return Image(number, pos(0, 0, z), orientation); };
 
     struct Case {
         const char* name;
@@ -383,7 +372,7 @@ void TestHierarchy::timeSeries()
     auto phase = [&](const QString& time, const QString& spacing, int count, int number) {
         QList<Image> images;
         for (int i = 0; i < count; ++i) {
-            images << image(i + 1, pos(0, 0, i));
+            images << Image(i + 1, pos(0, 0, i));
             images.last().spacing = spacing;
             images.last().acquisitionTime = time;
         }
@@ -410,9 +399,9 @@ void TestHierarchy::advancedQuery()
     KESTREL_OPEN_CATALOG(catalog, backend);
     const qint64 p1 = addPatient("Smith^Anna", "1001");
     const qint64 s1 = addStudy(p1, "Brain");
-    addSeries(s1, {image(1, pos(0, 0, 0)), image(2, pos(0, 0, 1))}, 1);
-    addSeries(s1, {image(1, pos(0, 0, 0))}, 2);
-    addSeries(addStudy(addPatient("Jones^Bob", "1002"), "Knee"), {image(1, pos(0, 0, 0))}, 1);
+    addSeries(s1, {Image(1, pos(0, 0, 0)), Image(2, pos(0, 0, 1))}, 1);
+    addSeries(s1, {Image(1, pos(0, 0, 0))}, 2);
+    addSeries(addStudy(addPatient("Jones^Bob", "1002"), "Knee"), {Image(1, pos(0, 0, 0))}, 1);
 
     // Display choices: key hidden for patients, a few columns per level.
     for (const auto& [table, shown] : {std::pair{"querypatientuser", QStringList{"PatientName", "PatientID"}},

@@ -10,18 +10,7 @@
 #include <dcmtk/dcmdata/dcfilefo.h>
 #include <dcmtk/dcmdata/dcvris.h>
 
-#include <QDate>
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QSet>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QSqlDatabase>
-#include <QSqlQuery>
-#include <QSqlRecord>
+#include <QtSql>
 #include <QtTest>
 
 namespace {
