@@ -96,12 +96,13 @@ qint64 addSeries(qint64 studyPk, const QList<Image>& images, int number = 1)
     return series;
 }
 
-QList<int> instanceNumbers(QSeries* series)
+// The instance numbers of a series in its order, "1,2,3".
+QString instanceNumbers(QSeries* series)
 {
-    QList<int> numbers;
+    QStringList numbers;
     for (QInstance* instance : series->getInstances())
-        numbers << instance->getInstanceNumber();
-    return numbers;
+        numbers << QString::number(instance->getInstanceNumber());
+    return numbers.join(',');
 }
 
 double distance(const double* a, const double* b)
@@ -251,7 +252,7 @@ void TestHierarchy::treeAndOwnership()
     QSeries* series = patient->getSeries().first();
     QCOMPARE(series->getSeriesPK(), seriesA);
     QCOMPARE(series->getStudy(), study);
-    QCOMPARE(instanceNumbers(series), (QList<int>{1, 2, 3}));
+    QCOMPARE(instanceNumbers(series), QString("1,2,3"));
     QVERIFY(!series->getInstances().first()->isGeometryValid());
 
     patient->searchAllInfo();
@@ -301,31 +302,31 @@ void TestHierarchy::ordering()
         return images;
     };
     auto numbers = [](int first, int last) {
-        QList<int> list;
+        QStringList list;
         for (int i = first; i <= last; ++i)
-            list << i;
-        return list;
+            list << QString::number(i);
+        return list.join(',');
     };
     auto z = [](int number, double z, const QString& orientation = axial) { return Image(number, pos(0, 0, z), orientation); };
 
     struct Case {
         const char* name;
         QList<Image> images;
-        QList<int> volume; // expected instance numbers; empty = no volume series
+        QString volume; // expected instance numbers; empty = no volume series
         int isOrder;
         int subSeries;
     };
     QList<Case> cases;
-    cases << Case{"axial, database order scrambled", {z(1, 10), z(2, 0), z(3, 5), z(4, 15)}, {2, 3, 1, 4}, -1, 1};
+    cases << Case{"axial, database order scrambled", {z(1, 10), z(2, 0), z(3, 5), z(4, 15)}, "2,3,1,4", -1, 1};
     // Normal (0, 0, -1): the signed rule picks y, constant here, so database order stands.
-    cases << Case{"axial, normal -z", line(1, 3, {0, 0, 0}, {0, 0, -3}, "1\\0\\0\\0\\-1\\0"), {1, 2, 3}, 1, 1};
+    cases << Case{"axial, normal -z", line(1, 3, {0, 0, 0}, {0, 0, -3}, "1\\0\\0\\0\\-1\\0"), "1,2,3", 1, 1};
     // Sagittal: main axis z is constant, the stable sort keeps the scanner's numbering.
     cases << Case{"sagittal, 35 slices", line(1, 35, {-81.6, -130, 130}, {4.8, 0, 0}, sagittal), numbers(1, 35), 1, 1};
-    cases << Case{"coronal", line(1, 4, {0, 45, 0}, {0, -15, 0}, coronal), {4, 3, 2, 1}, -1, 1};
-    cases << Case{"missing slice", line(1, 4, {0, 0, 0}, {0, 0, 5}) << z(5, 25), {1, 2, 3, 4}, 1, 1};
+    cases << Case{"coronal", line(1, 4, {0, 45, 0}, {0, -15, 0}, coronal), "4,3,2,1", -1, 1};
+    cases << Case{"missing slice", line(1, 4, {0, 0, 0}, {0, 0, 5}) << z(5, 25), "1,2,3,4", 1, 1};
     // Two images per position: the most common distance is 0; the first image and every image
     // at its predecessor's position stay.
-    cases << Case{"duplicated positions", {z(1, 0), z(2, 0), z(3, 5), z(4, 5), z(5, 10), z(6, 10)}, {1, 2, 4, 6}, 1, 1};
+    cases << Case{"duplicated positions", {z(1, 0), z(2, 0), z(3, 5), z(4, 5), z(5, 10), z(6, 10)}, "1,2,4,6", 1, 1};
     cases << Case{"one position only", {z(1, 0), z(2, 0)}, {}, -1, 1};
     cases << Case{"single image", {z(1, 0)}, {}, -1, 1};
     cases << Case{"mixed orientations", line(1, 10, {0, 0, 0}, {2, 0, 0}, sagittal) + line(11, 20, {0, 0, 0}, {0, 0, 3}),
@@ -341,7 +342,7 @@ void TestHierarchy::ordering()
     cases << Case{"no imagepixel rows", bare, {}, -1, 1};
     // Too few values leave the rest 0, non-numbers read as 0, surplus values are ignored: the
     // all-zero orientations of 2 and 3 form the larger sub-series.
-    cases << Case{"bad orientation texts", {z(1, 0, "1\\0"), z(2, 2, "a\\b\\c\\d\\e\\f\\g\\h"), z(3, 4, "")}, {2, 3}, 1, 2};
+    cases << Case{"bad orientation texts", {z(1, 0, "1\\0"), z(2, 2, "a\\b\\c\\d\\e\\f\\g\\h"), z(3, 4, "")}, "2,3", 1, 2};
 
     for (const Case& c : cases) {
         QSeries series(addSeries(studyPk, c.images));
@@ -354,8 +355,7 @@ void TestHierarchy::ordering()
         QVERIFY2(bool(volume) == !c.volume.isEmpty(), c.name);
         if (!volume)
             continue;
-        QVERIFY2(instanceNumbers(volume.get()) == c.volume,
-                 qPrintable(QString("%1: got %2").arg(c.name).arg(QVariant::fromValue(instanceNumbers(volume.get())).toStringList().join(','))));
+        QVERIFY2(instanceNumbers(volume.get()) == c.volume, qPrintable(c.name + QString(": got ") + instanceNumbers(volume.get())));
         QVERIFY2(series.getIsOrder() == c.isOrder, c.name);
         QCOMPARE(volume->getSeriesPK(), series.getSeriesPK());
         QVERIFY(!volume->parent());
