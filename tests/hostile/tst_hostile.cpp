@@ -113,14 +113,6 @@ QString firstValue(const QString& path, const DcmTagKey& tag)
     return kestrel::internal::dcmString(file.getDataset(), tag, 0, "<absent>");
 }
 
-QString stored(const QString& sql)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    if (!query.exec(sql) || !query.next())
-        return "<no row>";
-    return query.value(0).toString();
-}
-
 struct HostileCase {
     const char* name;
     QByteArray value;
@@ -201,10 +193,10 @@ private slots:
             QCOMPARE(rowCounts(), imported);
         }
         // What the catalogue holds is what the reader decodes, not something shortened or altered.
-        QCOMPARE(stored("SELECT PatientID FROM patient"), decoded(sources.first(), DCM_PatientID));
-        QCOMPARE(stored("SELECT PatientName FROM patient"), decoded(sources.first(), DCM_PatientName));
-        QCOMPARE(stored("SELECT StudyDescription FROM generalstudy"), decoded(sources.first(), DCM_StudyDescription));
-        QCOMPARE(stored("SELECT SeriesDescription FROM generalseries"),
+        QCOMPARE(TestCatalog::value("SELECT PatientID FROM patient"), decoded(sources.first(), DCM_PatientID));
+        QCOMPARE(TestCatalog::value("SELECT PatientName FROM patient"), decoded(sources.first(), DCM_PatientName));
+        QCOMPARE(TestCatalog::value("SELECT StudyDescription FROM generalstudy"), decoded(sources.first(), DCM_StudyDescription));
+        QCOMPARE(TestCatalog::value("SELECT SeriesDescription FROM generalseries"),
                  decoded(sources.first(), DCM_SeriesDescription));
 
         // Copy mode into a storage root of the test's own: the files land below the root.

@@ -15,23 +15,6 @@
 
 namespace {
 
-// Every value of every row of a query (bound VALUES), row by row; empty for statements without
-// rows, {"<query failed>"} on failure.
-QStringList values(const QString& sql, const QVariantList& binds = {})
-{
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare(sql);
-    for (const QVariant& v : binds)
-        query.addBindValue(v);
-    if (!query.exec())
-        return {"<query failed>"};
-    QStringList out;
-    while (query.next())
-        for (int i = 0; i < query.record().count(); ++i)
-            out << query.value(i).toString();
-    return out;
-}
-
 // Rows of the patient, study, series and the three image tables.
 QString catalogueCounts()
 {
@@ -56,7 +39,7 @@ bool setPhase(const QString& path, int phase)
 // Image rows of TABLE whose series, study and patient rows exist and agree on the study UID.
 int linkedImages(const QString& table)
 {
-    return values(QString("SELECT COUNT(*) FROM %1 i JOIN generalseries s ON i.series_fk = s.pk "
+    return TestCatalog::values(QString("SELECT COUNT(*) FROM %1 i JOIN generalseries s ON i.series_fk = s.pk "
                           "JOIN generalstudy st ON s.study_fk = st.pk JOIN patient p ON st.patient_fk = p.pk "
                           "WHERE s.StudyInstanceUID = st.StudyInstanceUID")
                       .arg(table))
@@ -131,21 +114,21 @@ private slots:
         // Values read from the files are bound: SQL text and apostrophes are data.
         const QString sqlId = "P'1; DROP TABLE patient;--";
         const QString ofPatient = "(SELECT pk FROM patient WHERE PatientID = ?)";
-        QCOMPARE(values("SELECT PatientName FROM patient WHERE PatientID = ?", {sqlId}), QStringList{"O'Brien^Anne"});
-        QCOMPARE(values("SELECT DISTINCT StudyTime FROM generalstudy WHERE patient_fk = " + ofPatient, {sqlId}),
+        QCOMPARE(TestCatalog::values("SELECT PatientName FROM patient WHERE PatientID = ?", {sqlId}), QStringList{"O'Brien^Anne"});
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT StudyTime FROM generalstudy WHERE patient_fk = " + ofPatient, {sqlId}),
                  QStringList{"10:15:30"});
-        QCOMPARE(values("SELECT DISTINCT Status FROM generalseries"), QStringList{QString::fromUtf8("未上传")});
-        const QStringList keys = values("SELECT SeriesInstanceUID, SeriesBase FROM generalseries");
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT Status FROM generalseries"), QStringList{QString::fromUtf8("未上传")});
+        const QStringList keys = TestCatalog::values("SELECT SeriesInstanceUID, SeriesBase FROM generalseries");
         for (int i = 0; i < keys.size(); i += 2)
             QCOMPARE(keys[i + 1], keys[i] + "#0");
         // Multi-valued attributes stay whole; the component columns hold them by index.
-        QCOMPARE(values("SELECT DISTINCT f.ImageType, f.ContentDate, p.ImageOrientationPatient FROM imageformat f "
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT f.ImageType, f.ContentDate, p.ImageOrientationPatient FROM imageformat f "
                         "JOIN imagepixel p ON p.SOPInstanceUID = f.SOPInstanceUID"),
                  (QStringList{"ORIGINAL\\PRIMARY\\M", "", "1\\0\\0\\0\\1\\0"}));
-        QCOMPARE(values("SELECT PixelSpacing, SpacingX, SpacingY, OrientationYY, PositionX, ImagePositionPatient "
+        QCOMPARE(TestCatalog::values("SELECT PixelSpacing, SpacingX, SpacingY, OrientationYY, PositionX, ImagePositionPatient "
                         "FROM imagepixel WHERE PositionZ = 35"),
                  (QStringList{"0.5\\0.75", "0.5", "0.75", "1", "-10", "-10\\20\\35"}));
-        QCOMPARE(values("SELECT InstanceNumber FROM imageformat WHERE series_fk = (SELECT pk FROM generalseries WHERE "
+        QCOMPARE(TestCatalog::values("SELECT InstanceNumber FROM imageformat WHERE series_fk = (SELECT pk FROM generalseries WHERE "
                         "SeriesNumber = '1' AND study_fk IN (SELECT pk FROM generalstudy WHERE patient_fk = " + ofPatient +
                         ")) ORDER BY InstanceNumber",
                         {sqlId}),
@@ -162,14 +145,14 @@ private slots:
         // New images of a known series join it.
         SyntheticImage extra;
         extra.patientId = "P2";
-        extra.studyUid = values("SELECT StudyInstanceUID FROM generalstudy WHERE patient_fk = " + ofPatient, {"P2"}).value(0);
-        extra.seriesUid = values("SELECT SeriesInstanceUID FROM generalseries WHERE StudyInstanceUID = ?", {extra.studyUid}).value(0);
+        extra.studyUid = TestCatalog::values("SELECT StudyInstanceUID FROM generalstudy WHERE patient_fk = " + ofPatient, {"P2"}).value(0);
+        extra.seriesUid = TestCatalog::values("SELECT SeriesInstanceUID FROM generalseries WHERE StudyInstanceUID = ?", {extra.studyUid}).value(0);
         extra.instanceNumber = 3;
         QVERIFY(writeSyntheticImage(catalog.path("late.dcm"), extra));
         again.reinit();
         again.loadLocalFilesToDB({catalog.path("late.dcm")}, 0);
         QCOMPARE(TestCatalog::count("generalseries"), 3);
-        QCOMPARE(values("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk WHERE s.SeriesInstanceUID = ?",
+        QCOMPARE(TestCatalog::values("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk WHERE s.SeriesInstanceUID = ?",
                         {extra.seriesUid}),
                  QStringList{"3"});
     }
@@ -198,9 +181,9 @@ private slots:
         for (int run = 0; run < 2; ++run) {
             QDcmFiles importer;
             importer.loadLocalFolderToDB(catalog.path("served"), 0, true);
-            QCOMPARE(values("SELECT SeriesBase FROM generalseries ORDER BY SeriesBase"),
+            QCOMPARE(TestCatalog::values("SELECT SeriesBase FROM generalseries ORDER BY SeriesBase"),
                      (QStringList{served.seriesUid + "#1", served.seriesUid + "#2", other.seriesUid + "#0"}));
-            QCOMPARE(values("SELECT s.SeriesBase, COUNT(*) FROM imagepixel i JOIN generalseries s ON i.series_fk = s.pk "
+            QCOMPARE(TestCatalog::values("SELECT s.SeriesBase, COUNT(*) FROM imagepixel i JOIN generalseries s ON i.series_fk = s.pk "
                             "GROUP BY s.SeriesBase ORDER BY s.SeriesBase"),
                      (QStringList{served.seriesUid + "#1", "2", served.seriesUid + "#2", "3", other.seriesUid + "#0", "2"}));
             QCOMPARE(TestCatalog::count("imageformat"), 7);
@@ -226,7 +209,7 @@ private slots:
 
         QDcmFiles importer;
         importer.loadLocalFolderToDB(catalog.path("src"), 1, true);
-        QCOMPARE(values("SELECT FilePath, IrradiationEventUID FROM imageformat ORDER BY InstanceNumber"),
+        QCOMPARE(TestCatalog::values("SELECT FilePath, IrradiationEventUID FROM imageformat ORDER BY InstanceNumber"),
                  (QStringList{copies[0], "copy", copies[1], "copy", sources[2], ""})); // the failed copy keeps the source
         QVERIFY(QFileInfo::exists(copies[0]) && QFileInfo::exists(copies[1]));
 
@@ -235,14 +218,14 @@ private slots:
         QFile::remove(copies[0]);
         QDcmFiles again;
         again.loadLocalFolderToDB(catalog.path("src"), 1, true);
-        QCOMPARE(values("SELECT FilePath FROM imageformat ORDER BY InstanceNumber"), copies);
+        QCOMPARE(TestCatalog::values("SELECT FilePath FROM imageformat ORDER BY InstanceNumber"), copies);
         QVERIFY(QFileInfo::exists(copies[0]) && QFileInfo(copies[2]).isFile());
 
         // Images marked "reserved" stay where their rows say.
-        QCOMPARE(values("UPDATE imageformat SET IrradiationEventUID = 'reserved', FilePath = 'kept'"), QStringList());
+        QCOMPARE(TestCatalog::values("UPDATE imageformat SET IrradiationEventUID = 'reserved', FilePath = 'kept'"), QStringList());
         QDcmFiles third;
         third.loadLocalFolderToDB(catalog.path("src"), 1, true);
-        QCOMPARE(values("SELECT FilePath FROM imageformat"), (QStringList{"kept", "kept", "kept"}));
+        QCOMPARE(TestCatalog::values("SELECT FilePath FROM imageformat"), (QStringList{"kept", "kept", "kept"}));
     }
 
     void commandLine()
@@ -275,12 +258,12 @@ private slots:
         SyntheticImage image;
         image.seriesUid = newTestUid();
         const QStringList files = writeSyntheticSeries(catalog.path("recv"), image, 3);
-        QCOMPARE(values("INSERT INTO series (seriesUID, recvnum, upDBnum, upCloudnum) VALUES (?, 3, 0, 0)", {image.seriesUid}),
+        QCOMPARE(TestCatalog::values("INSERT INTO series (seriesUID, recvnum, upDBnum, upCloudnum) VALUES (?, 3, 0, 0)", {image.seriesUid}),
                  QStringList());
         for (const QString& file : files) {
             DcmFileFormat ff;
             QVERIFY(ff.loadFile(QFile::encodeName(file).constData()).good());
-            QCOMPARE(values("INSERT INTO images (seriesUID, InstanceUID, DBflag, Cloudflag, filepath) VALUES (?, ?, 0, 0, ?)",
+            QCOMPARE(TestCatalog::values("INSERT INTO images (seriesUID, InstanceUID, DBflag, Cloudflag, filepath) VALUES (?, ?, 0, 0, ?)",
                             {image.seriesUid, kestrel::internal::dcmString(ff.getDataset(), DCM_SOPInstanceUID), file}),
                      QStringList());
         }
@@ -293,7 +276,7 @@ private slots:
         QCOMPARE(order, (QStringList{"update", "new:" + image.seriesUid}));
         QCOMPARE(TestCatalog::count("imageformat"), 3);
         QCOMPARE(TestCatalog::count("images", "DBflag = 1"), 3);
-        QCOMPARE(values("SELECT upDBnum FROM series"), QStringList{"3"});
+        QCOMPARE(TestCatalog::values("SELECT upDBnum FROM series"), QStringList{"3"});
 
         // Nothing waiting: no run, no signal.
         order.clear();
@@ -327,7 +310,7 @@ private slots:
             QDcmFiles().loadLocalFilesToDB({path}, 0);
         }
         for (int i = 0; i < 3; ++i)
-            QCOMPARE(values("SELECT PatientName FROM patient WHERE PatientID = ?", {"CS" + QString::number(i)}),
+            QCOMPARE(TestCatalog::values("SELECT PatientName FROM patient WHERE PatientID = ?", {"CS" + QString::number(i)}),
                      QStringList{cases[i].expected});
         QCOMPARE(TestCatalog::count("imageformat"), 3);
 
@@ -335,7 +318,7 @@ private slots:
         if (real.isEmpty())
             return;
         QDcmFiles().loadLocalFilesToDB({real + "/chrX2.dcm", real + "/chrFren.dcm", real + "/chrX1.dcm", real + "/chrGerm.dcm"}, 0);
-        const QStringList names = values("SELECT PatientName FROM patient");
+        const QStringList names = TestCatalog::values("SELECT PatientName FROM patient");
         for (const char* name : {"Buc^Jérôme", "Äneas^Rüdiger", "Wang^XiaoDong=王^小東=", "Wang^XiaoDong=王^小东="})
             QVERIFY2(names.contains(QString::fromUtf8(name)), name);
     }
@@ -407,7 +390,7 @@ private slots:
         QVERIFY(importer.lastImportSucceeded());
         QCOMPARE(catalogueCounts(), QString("%1 %2 %3 %4 %4 %4").arg(patients.size()).arg(studies.size()).arg(series.size()).arg(images.size()));
         QCOMPARE(linkedImages("imagepixel"), images.size());
-        QCOMPARE(values("SELECT DISTINCT ImageOrientationPatient FROM imagepixel i JOIN generalseries s ON "
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT ImageOrientationPatient FROM imagepixel i JOIN generalseries s ON "
                         "i.series_fk = s.pk WHERE s.SeriesDescription = 't1_fl2d_sag'"),
                  QStringList{"0\\1\\0\\0\\0\\-1"});
     }
