@@ -573,14 +573,8 @@ qint64 shiftToUnsigned(const T* values, qint64 count, quint16* out)
 
 QByteArray encodeText(const QString& text, DcmItem* ds)
 {
-    const QString charset = dcmCharacterSet(ds);
-    if (charset == QLatin1String("ISO_IR 192"))
-        return text.toUtf8();
-    if (charset == QLatin1String("GB18030") || charset == QLatin1String("GBK")) {
-        if (QTextCodec* codec = QTextCodec::codecForName("GB18030"))
-            return codec->fromUnicode(text);
-    }
-    return text.toLatin1();
+    QTextCodec* codec = dicomTextCodec(dcmCharacterSet(ds));
+    return codec ? codec->fromUnicode(text) : text.toLatin1();
 }
 
 } // namespace

@@ -554,6 +554,8 @@ int NDicomVolume::writeCache(const QString& key)
     query.addBindValue(volumeHeadtoString(m_head));
     if (!query.exec())
         qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << query.lastError().text();
+    // An INSERT leaves no row to stand on, so this is 0 after a good write too; kept because the
+    // callers have always ignored it and the boolean form relies on the same answer.
     return query.isValid() ? 1 : 0;
 }
 

@@ -97,14 +97,9 @@ bool isSequence(const Emptied& e)
 
 // Text values are kept as readable text where the character set is known; everything else goes
 // through Latin-1, which maps every byte to one character and back.
-QTextCodec* codecFor(const QString& charset)
+QTextCodec* codecFor(DcmItem* ds)
 {
-    const QString c = charset.trimmed().toUpper();
-    if (c == QLatin1String("ISO_IR 192"))
-        return QTextCodec::codecForName("UTF-8");
-    if (c == QLatin1String("GB18030") || c == QLatin1String("GBK"))
-        return QTextCodec::codecForName("GB18030");
-    return nullptr;
+    return dicomTextCodec(dcmCharacterSet(ds));
 }
 
 // Never a null string: an empty value must stay apart from a missing attribute (NULL).
@@ -235,7 +230,7 @@ qint64 QDcmAnonymize::getAnonymousPatientPKByNameAndID()
     DcmDataset* ds = m_file ? m_file->getDataset() : nullptr;
     if (!ds)
         return -1;
-    QTextCodec* codec = codecFor(dcmCharacterSet(ds));
+    QTextCodec* codec = codecFor(ds);
     const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), codec);
     const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), codec);
     QSqlQuery query(database());
@@ -331,7 +326,7 @@ bool QDcmAnonymize::addAnonymousPatientDataBase()
         emit errorInfo(tr("no free anonymous patient ID is left"));
         return false;
     }
-    QTextCodec* codec = codecFor(dcmCharacterSet(ds));
+    QTextCodec* codec = codecFor(ds);
     QSqlQuery query(database());
     query.prepare(schema::insertStatement("anonymouspatient"));
     query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientName), codec));
@@ -380,7 +375,7 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
     if (!ds)
         return false;
     m_anonSOPUID = newUid(kSOPRoot);
-    QTextCodec* codec = codecFor(dcmCharacterSet(ds));
+    QTextCodec* codec = codecFor(ds);
     QSqlQuery query(database());
     query.prepare(schema::insertStatement("anonymousimage"));
     query.addBindValue(dcmString(ds, DCM_SOPInstanceUID));
@@ -539,7 +534,7 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
         return -1;
     }
 
-    QTextCodec* codec = codecFor(dcmCharacterSet(ds));
+    QTextCodec* codec = codecFor(ds);
     ds->putAndInsertString(DCM_SOPInstanceUID, row.value("SOPInstanceUID").toString().toLatin1().constData(), true);
     for (const Emptied& e : kEmptied) {
         const QVariant value = row.value(QString::fromLatin1(e.keyword));

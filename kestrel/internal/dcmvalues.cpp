@@ -87,18 +87,22 @@ QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag)
     return splitDoubles(dcmStringAll(item, tag));
 }
 
-QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet)
+QTextCodec* dicomTextCodec(const QString& specificCharacterSet)
 {
     const QString charset = specificCharacterSet.trimmed().toUpper();
     if (charset == QLatin1String("ISO_IR 100"))
-        return QString::fromLatin1(bytes);
+        return QTextCodec::codecForName("ISO-8859-1");
     if (charset == QLatin1String("ISO_IR 192"))
-        return QString::fromUtf8(bytes);
-    if (charset == QLatin1String("GB18030") || charset == QLatin1String("GBK")) {
-        if (QTextCodec* codec = QTextCodec::codecForName("GB18030"))
-            return codec->toUnicode(bytes);
-    }
-    return QString::fromUtf8(bytes);
+        return QTextCodec::codecForName("UTF-8");
+    if (charset == QLatin1String("GB18030") || charset == QLatin1String("GBK"))
+        return QTextCodec::codecForName("GB18030");
+    return nullptr;
+}
+
+QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet)
+{
+    QTextCodec* codec = dicomTextCodec(specificCharacterSet);
+    return codec ? codec->toUnicode(bytes) : QString::fromUtf8(bytes);
 }
 
 QString dcmCharacterSet(DcmItem* item)

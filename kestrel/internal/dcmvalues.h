@@ -11,6 +11,7 @@
 class DcmItem;
 class DcmTagKey;
 class OFCondition;
+class QTextCodec;
 
 // Small readers over DCMTK's findAndGet* calls, used by every class that reads attributes.
 // A missing attribute gives the fallback; nothing throws.
@@ -37,9 +38,13 @@ KESTREL_EXPORT double dcmDouble(DcmItem* item, const DcmTagKey& tag, double fall
 KESTREL_EXPORT QVector<double> splitDoubles(const QString& text);
 KESTREL_EXPORT QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag);
 
-// Text decoded by a SpecificCharacterSet value: "ISO_IR 100" as Latin-1, "ISO_IR 192" as UTF-8,
-// "GB18030" (and "GBK") as GB18030, anything else as the bytes are (UTF-8). Never touches the
+// The codec of a SpecificCharacterSet value: "ISO_IR 100" Latin-1, "ISO_IR 192" UTF-8, "GB18030"
+// (and "GBK") GB18030; null for anything else, where each caller has its own fallback. Never the
 // process's locale codec.
+KESTREL_EXPORT QTextCodec* dicomTextCodec(const QString& specificCharacterSet);
+
+// Text decoded by a SpecificCharacterSet value (dicomTextCodec), anything else as the bytes are
+// (UTF-8).
 KESTREL_EXPORT QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet);
 
 // The item's SpecificCharacterSet (0008,0005), its last non-empty value, trimmed.

@@ -153,14 +153,7 @@ const TablePlan& planFor(const QString& table)
 class TextDecoder
 {
 public:
-    explicit TextDecoder(const QString& charset)
-    {
-        const QString name = charset.trimmed().toUpper();
-        if (name == QLatin1String("ISO_IR 100"))
-            m_latin1 = true;
-        else if (name == QLatin1String("GB18030") || name == QLatin1String("GBK"))
-            m_codec = QTextCodec::codecForName("GB18030");
-    }
+    explicit TextDecoder(const QString& charset) : m_codec(dicomTextCodec(charset)) {}
     QString operator()(const OFString& raw, DcmEVR vr) const
     {
         // A value ends at a NUL byte (padding, never text), as dcmBytes() reads it.
@@ -169,16 +162,13 @@ public:
         // default repertoire and kept byte for byte, as the lookups read them.
         const bool text = vr == EVR_PN || vr == EVR_SH || vr == EVR_LO || vr == EVR_ST || vr == EVR_LT ||
                           vr == EVR_UT || vr == EVR_UC;
-        if (m_latin1 || !text)
+        if (!text)
             return QString::fromLatin1(raw.c_str(), size);
-        if (m_codec)
-            return m_codec->toUnicode(raw.c_str(), size);
-        return QString::fromUtf8(raw.c_str(), size);
+        return m_codec ? m_codec->toUnicode(raw.c_str(), size) : QString::fromUtf8(raw.c_str(), size);
     }
 
 private:
-    bool m_latin1 = false;
-    QTextCodec* m_codec = nullptr;
+    QTextCodec* m_codec;
 };
 
 } // namespace

@@ -113,14 +113,6 @@ QString firstValue(const QString& path, const DcmTagKey& tag)
     return kestrel::internal::dcmString(file.getDataset(), tag, 0, "<absent>");
 }
 
-QString stored(const QString& sql)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    if (!query.exec(sql) || !query.next())
-        return "<no row>";
-    return query.value(0).toString();
-}
-
 struct HostileCase {
     const char* name;
     QByteArray value;
@@ -201,10 +193,10 @@ private slots:
             QCOMPARE(rowCounts(), imported);
         }
         // What the catalogue holds is what the reader decodes, not something shortened or altered.
-        QCOMPARE(stored("SELECT PatientID FROM patient"), decoded(sources.first(), DCM_PatientID));
-        QCOMPARE(stored("SELECT PatientName FROM patient"), decoded(sources.first(), DCM_PatientName));
-        QCOMPARE(stored("SELECT StudyDescription FROM generalstudy"), decoded(sources.first(), DCM_StudyDescription));
-        QCOMPARE(stored("SELECT SeriesDescription FROM generalseries"),
+        QCOMPARE(TestCatalog::value("SELECT PatientID FROM patient"), decoded(sources.first(), DCM_PatientID));
+        QCOMPARE(TestCatalog::value("SELECT PatientName FROM patient"), decoded(sources.first(), DCM_PatientName));
+        QCOMPARE(TestCatalog::value("SELECT StudyDescription FROM generalstudy"), decoded(sources.first(), DCM_StudyDescription));
+        QCOMPARE(TestCatalog::value("SELECT SeriesDescription FROM generalseries"),
                  decoded(sources.first(), DCM_SeriesDescription));
 
         // Copy mode into a storage root of the test's own: the files land below the root.
@@ -287,18 +279,12 @@ private slots:
         const int series = hostileCases().size();
         const RowCounts before = rowCounts();
 
-        RecvGuard guard;
-        QDcmRecvFile* recv = guard.recv;
-        recv->setUserOption(true, false, false);
-        Provider provider;
-        QVERIFY(provider.start(catalog.path("recv")));
-        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
-        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
-        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
-        QDcmFiles importer;
-        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+        ReceivingChain chain;
+        QVERIFY(chain.start(catalog.path("recv")));
+        QSignalSpy saved(chain.provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+        QSignalSpy uploaded(chain.recv(), &QDcmRecvFile::notifyUploadDB);
 
-        QCOMPARE(storescu(provider.port, files), 0);
+        QCOMPARE(storescu(chain.provider.port, files), 0);
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), files.size(), 10000);
         // The last series is handed over after ten seconds without objects.
         QTRY_COMPARE_WITH_TIMEOUT(uploaded.count(), series, 20000);

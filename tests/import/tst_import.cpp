@@ -2,6 +2,7 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
+#include "internal/dcmvalues.h"
 #include "kestrelpaths.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -9,43 +10,18 @@
 #include <dcmtk/dcmdata/dcfilefo.h>
 #include <dcmtk/dcmdata/dcvris.h>
 
-#include <QDate>
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QSet>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QSqlDatabase>
-#include <QSqlQuery>
+#include <QtSql>
 #include <QtTest>
 
 namespace {
 
-// Values of one column over the rows of a query, in row order.
-QStringList column(const QString& sql, const QVariantList& values = {})
+// Rows of the patient, study, series and the three image tables.
+QString catalogueCounts()
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare(sql);
-    for (const QVariant& v : values)
-        query.addBindValue(v);
-    QStringList out;
-    if (!query.exec())
-        return {"<query failed>"};
-    while (query.next())
-        out << query.value(0).toString();
-    return out;
-}
-
-int imageRowsPerTable(int* pixel = nullptr, int* mr = nullptr)
-{
-    if (pixel)
-        *pixel = TestCatalog::count("imagepixel");
-    if (mr)
-        *mr = TestCatalog::count("mrimageinfo");
-    return TestCatalog::count("imageformat");
+    QStringList counts;
+    for (const char* table : {"patient", "generalstudy", "generalseries", "imageformat", "imagepixel", "mrimageinfo"})
+        counts << QString::number(TestCatalog::count(table));
+    return counts.join(' ');
 }
 
 // Adds the phase element the served scanners write, with an explicit IS value.
@@ -60,16 +36,15 @@ bool setPhase(const QString& path, int phase)
     return file.saveFile(QFile::encodeName(path).constData(), EXS_LittleEndianExplicit).good();
 }
 
-// Every image row of TABLE whose series, study and patient rows exist and agree with the file's
-// own UIDs (checked through the stored SOPInstanceUID in imageformat/generalseries).
+// Image rows of TABLE whose series, study and patient rows exist and agree on the study UID.
 int linkedImages(const QString& table)
 {
-    return column(QString("SELECT COUNT(*) FROM %1 i JOIN generalseries s ON i.series_fk = s.pk "
+    return TestCatalog::values(QString("SELECT COUNT(*) FROM %1 i JOIN generalseries s ON i.series_fk = s.pk "
                           "JOIN generalstudy st ON s.study_fk = st.pk JOIN patient p ON st.patient_fk = p.pk "
                           "WHERE s.StudyInstanceUID = st.StudyInstanceUID")
-                          .arg(table))
-            .value(0)
-            .toInt();
+                      .arg(table))
+        .value(0)
+        .toInt();
 }
 
 } // namespace
@@ -91,7 +66,6 @@ private:
         a.studyTime = "101530.123";
         a.rowSpacing = 0.5;
         a.columnSpacing = 0.75;
-        a.orientation = {1, 0, 0, 0, 1, 0};
         a.position = {-10, 20, 30};
         const QStringList s1 = writeSyntheticSeries(dir + "/a1", a, 3, {0, 0, 2.5});
         a.seriesDescription = "T2";
@@ -106,24 +80,23 @@ private:
         SyntheticImage anonymous;
         anonymous.patientId.clear();
         writeSyntheticImage(dir + "/no_id.dcm", anonymous);
-        QFile text(dir + "/notes.txt");
-        text.open(QIODevice::WriteOnly);
-        text.write("not a DICOM file\n");
-        QFile(dir + "/empty.dcm").open(QIODevice::WriteOnly);
         QFile whole(s1.last());
         whole.open(QIODevice::ReadOnly);
-        QFile cut(dir + "/truncated.dcm");
-        cut.open(QIODevice::WriteOnly);
-        cut.write(whole.read(200));
+        for (const auto& [name, bytes] : {std::pair{"notes.txt", QByteArray("not a DICOM file\n")},
+                                          {"empty.dcm", QByteArray()}, {"truncated.dcm", whole.read(200)}}) {
+            QFile file(dir + "/" + name);
+            file.open(QIODevice::WriteOnly);
+            file.write(bytes);
+        }
     }
 
 private slots:
+    void initTestCase_data() { TestCatalog::addBackendRows(); }
     void initTestCase() { qputenv("OMP_NUM_THREADS", "2"); }
 
-    void hierarchyAndDeduplication_data() { TestCatalog::addBackendRows(); }
     void hierarchyAndDeduplication()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         const QString dir = catalog.path("in");
         writeMixedFolder(dir);
@@ -131,141 +104,98 @@ private slots:
         QDcmFiles importer;
         QCOMPARE(importer.loadLocalFolderToDB(dir, 0, true), 0);
         QVERIFY(importer.lastImportSucceeded());
-        QCOMPARE(TestCatalog::count("patient"), 2);
-        QCOMPARE(TestCatalog::count("generalstudy"), 2);
-        QCOMPARE(TestCatalog::count("generalseries"), 3);
-        int pixel = 0, mr = 0;
-        QCOMPARE(imageRowsPerTable(&pixel, &mr), 7);
-        QCOMPARE(pixel, 7);
-        QCOMPARE(mr, 7);
+        QCOMPARE(catalogueCounts(), QString("2 2 3 7 7 7"));
         for (const char* table : {"imageformat", "imagepixel", "mrimageinfo"})
             QCOMPARE(linkedImages(table), 7);
-        QDcmFiles::RunCounts counts = importer.lastRunCounts();
-        QCOMPARE(counts.imagesAdded, 7);
-        QCOMPARE(counts.duplicates, 1);
-        QCOMPARE(counts.skippedNoPatientID, 1);
+        const QDcmFiles::RunCounts counts = importer.lastRunCounts();
+        QCOMPARE((QList<int>{counts.imagesAdded, counts.duplicates, counts.skippedNoPatientID}), (QList<int>{7, 1, 1}));
         QVERIFY2(counts.unreadable >= 3, qPrintable(QString::number(counts.unreadable)));
 
         // Values read from the files are bound: SQL text and apostrophes are data.
-        QCOMPARE(column("SELECT PatientName FROM patient WHERE PatientID = ?", {"P'1; DROP TABLE patient;--"}),
-                 QStringList{"O'Brien^Anne"});
-        QCOMPARE(column("SELECT DISTINCT StudyTime FROM generalstudy WHERE patient_fk = "
-                        "(SELECT pk FROM patient WHERE PatientID = ?)",
-                        {"P'1; DROP TABLE patient;--"}),
+        const QString sqlId = "P'1; DROP TABLE patient;--";
+        const QString ofPatient = "(SELECT pk FROM patient WHERE PatientID = ?)";
+        QCOMPARE(TestCatalog::values("SELECT PatientName FROM patient WHERE PatientID = ?", {sqlId}), QStringList{"O'Brien^Anne"});
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT StudyTime FROM generalstudy WHERE patient_fk = " + ofPatient, {sqlId}),
                  QStringList{"10:15:30"});
-        QCOMPARE(column("SELECT DISTINCT Status FROM generalseries"), QStringList{QString::fromUtf8("未上传")});
-        QSqlQuery keys(QSqlDatabase::database());
-        QVERIFY(keys.exec("SELECT SeriesInstanceUID, SeriesBase FROM generalseries"));
-        while (keys.next())
-            QCOMPARE(keys.value(1).toString(), keys.value(0).toString() + "#0");
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT Status FROM generalseries"), QStringList{QString::fromUtf8("未上传")});
+        const QStringList keys = TestCatalog::values("SELECT SeriesInstanceUID, SeriesBase FROM generalseries");
+        for (int i = 0; i < keys.size(); i += 2)
+            QCOMPARE(keys[i + 1], keys[i] + "#0");
         // Multi-valued attributes stay whole; the component columns hold them by index.
-        QCOMPARE(column("SELECT DISTINCT ImageOrientationPatient FROM imagepixel"), QStringList{"1\\0\\0\\0\\1\\0"});
-        QCOMPARE(column("SELECT PixelSpacing FROM imagepixel WHERE PositionZ = 35"), QStringList{"0.5\\0.75"});
-        QSqlQuery geometry(QSqlDatabase::database());
-        QVERIFY(geometry.exec("SELECT SpacingX, SpacingY, OrientationYY, PositionX, PositionZ, ImagePositionPatient "
-                              "FROM imagepixel WHERE PositionZ = 35"));
-        QVERIFY(geometry.next());
-        QCOMPARE(geometry.value(0).toDouble(), 0.5);
-        QCOMPARE(geometry.value(1).toDouble(), 0.75);
-        QCOMPARE(geometry.value(2).toDouble(), 1.0);
-        QCOMPARE(geometry.value(3).toDouble(), -10.0);
-        QCOMPARE(geometry.value(5).toString(), QString("-10\\20\\35"));
-        geometry.finish();
-        QCOMPARE(column("SELECT DISTINCT ImageType FROM imageformat"), QStringList{"ORIGINAL\\PRIMARY\\M"});
-        QCOMPARE(column("SELECT DISTINCT ContentDate FROM imageformat"), QStringList{""});
-        QCOMPARE(column("SELECT InstanceNumber FROM imageformat WHERE series_fk = "
-                        "(SELECT pk FROM generalseries WHERE SeriesNumber = '1' AND study_fk IN "
-                        "(SELECT pk FROM generalstudy WHERE patient_fk = (SELECT pk FROM patient WHERE PatientID = ?))) "
-                        "ORDER BY InstanceNumber",
-                        {"P'1; DROP TABLE patient;--"}),
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT f.ImageType, f.ContentDate, p.ImageOrientationPatient FROM imageformat f "
+                        "JOIN imagepixel p ON p.SOPInstanceUID = f.SOPInstanceUID"),
+                 (QStringList{"ORIGINAL\\PRIMARY\\M", "", "1\\0\\0\\0\\1\\0"}));
+        QCOMPARE(TestCatalog::values("SELECT PixelSpacing, SpacingX, SpacingY, OrientationYY, PositionX, ImagePositionPatient "
+                        "FROM imagepixel WHERE PositionZ = 35"),
+                 (QStringList{"0.5\\0.75", "0.5", "0.75", "1", "-10", "-10\\20\\35"}));
+        QCOMPARE(TestCatalog::values("SELECT InstanceNumber FROM imageformat WHERE series_fk = (SELECT pk FROM generalseries WHERE "
+                        "SeriesNumber = '1' AND study_fk IN (SELECT pk FROM generalstudy WHERE patient_fk = " + ofPatient +
+                        ")) ORDER BY InstanceNumber",
+                        {sqlId}),
                  (QStringList{"1", "2", "3"}));
 
         // A second run over the same folder, by another importer, writes nothing.
         QDcmFiles again;
         again.loadLocalFolderToDB(dir, 0, true);
         QVERIFY(again.lastImportSucceeded());
-        QCOMPARE(TestCatalog::count("patient"), 2);
-        QCOMPARE(TestCatalog::count("generalstudy"), 2);
-        QCOMPARE(TestCatalog::count("generalseries"), 3);
-        QCOMPARE(imageRowsPerTable(&pixel, &mr), 7);
-        QCOMPARE(pixel + mr, 14);
+        QCOMPARE(catalogueCounts(), QString("2 2 3 7 7 7"));
         QCOMPARE(again.lastRunCounts().duplicates, 8);
         QCOMPARE(again.lastRunCounts().imagesAdded, 0);
 
         // New images of a known series join it.
         SyntheticImage extra;
         extra.patientId = "P2";
-        extra.studyUid = column("SELECT StudyInstanceUID FROM generalstudy WHERE patient_fk = "
-                                "(SELECT pk FROM patient WHERE PatientID = 'P2')")
-                                 .value(0);
-        extra.seriesUid = column("SELECT SeriesInstanceUID FROM generalseries WHERE StudyInstanceUID = ?",
-                                 {extra.studyUid})
-                                  .value(0);
+        extra.studyUid = TestCatalog::values("SELECT StudyInstanceUID FROM generalstudy WHERE patient_fk = " + ofPatient, {"P2"}).value(0);
+        extra.seriesUid = TestCatalog::values("SELECT SeriesInstanceUID FROM generalseries WHERE StudyInstanceUID = ?", {extra.studyUid}).value(0);
         extra.instanceNumber = 3;
         QVERIFY(writeSyntheticImage(catalog.path("late.dcm"), extra));
         again.reinit();
         again.loadLocalFilesToDB({catalog.path("late.dcm")}, 0);
         QCOMPARE(TestCatalog::count("generalseries"), 3);
-        QCOMPARE(column("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk "
-                        "WHERE s.SeriesInstanceUID = ?",
+        QCOMPARE(TestCatalog::values("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk WHERE s.SeriesInstanceUID = ?",
                         {extra.seriesUid}),
                  QStringList{"3"});
     }
 
-    void phases_data() { TestCatalog::addBackendRows(); }
     void phases()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         // Fourth component "30917": the served scanners' phase element splits one series UID.
         SyntheticImage served;
         served.studyUid = newTestUid();
         served.seriesUid = "1.2.840.30917.77." + QString::number(QDateTime::currentMSecsSinceEpoch());
-        QStringList files = writeSyntheticSeries(catalog.path("served/p1"), served, 2);
-        served.sopUid.clear();
+        const QStringList first = writeSyntheticSeries(catalog.path("served/p1"), served, 2);
         served.instanceNumber = 3;
         const QStringList second = writeSyntheticSeries(catalog.path("served/p2"), served, 3);
-        for (const QString& f : files)
-            QVERIFY(setPhase(f, 1));
-        for (const QString& f : second)
-            QVERIFY(setPhase(f, 2));
         // Any other UID ignores the element.
         SyntheticImage other;
-        other.patientId = "P0001";
         other.studyUid = served.studyUid;
         other.seriesUid = "1.2.840.30918.1.2";
-        for (const QString& f : writeSyntheticSeries(catalog.path("served/other"), other, 2))
-            QVERIFY(setPhase(f, 5));
+        const QStringList third = writeSyntheticSeries(catalog.path("served/other"), other, 2);
+        for (const auto& [files, phase] : {std::pair{first, 1}, {second, 2}, {third, 5}})
+            for (const QString& f : files)
+                QVERIFY(setPhase(f, phase));
 
-        QDcmFiles importer;
-        importer.loadLocalFolderToDB(catalog.path("served"), 0, true);
-        QCOMPARE(TestCatalog::count("generalseries"), 3);
-        QCOMPARE(column("SELECT SeriesBase FROM generalseries ORDER BY SeriesBase"),
-                 (QStringList{served.seriesUid + "#1", served.seriesUid + "#2", other.seriesUid + "#0"}));
-        QCOMPARE(column("SELECT s.SeriesBase, COUNT(*) FROM imagepixel i JOIN generalseries s ON i.series_fk = s.pk "
-                        "GROUP BY s.SeriesBase ORDER BY s.SeriesBase"),
-                 (QStringList{served.seriesUid + "#1", served.seriesUid + "#2", other.seriesUid + "#0"}));
-        QCOMPARE(column("SELECT COUNT(*) FROM imagepixel i JOIN generalseries s ON i.series_fk = s.pk "
-                        "WHERE s.SeriesBase = ?",
-                        {served.seriesUid + "#2"}),
-                 QStringList{"3"});
-        QCOMPARE(TestCatalog::count("imageformat"), 7);
-        QDcmFiles again;
-        again.loadLocalFolderToDB(catalog.path("served"), 0, true);
-        QCOMPARE(TestCatalog::count("generalseries"), 3);
-        QCOMPARE(TestCatalog::count("imageformat"), 7);
+        // Each series row gets its own images, also after a second run over the same files.
+        for (int run = 0; run < 2; ++run) {
+            QDcmFiles importer;
+            importer.loadLocalFolderToDB(catalog.path("served"), 0, true);
+            QCOMPARE(TestCatalog::values("SELECT SeriesBase FROM generalseries ORDER BY SeriesBase"),
+                     (QStringList{served.seriesUid + "#1", served.seriesUid + "#2", other.seriesUid + "#0"}));
+            QCOMPARE(TestCatalog::values("SELECT s.SeriesBase, COUNT(*) FROM imagepixel i JOIN generalseries s ON i.series_fk = s.pk "
+                            "GROUP BY s.SeriesBase ORDER BY s.SeriesBase"),
+                     (QStringList{served.seriesUid + "#1", "2", served.seriesUid + "#2", "3", other.seriesUid + "#0", "2"}));
+            QCOMPARE(TestCatalog::count("imageformat"), 7);
+        }
     }
 
-    void copyMode_data() { TestCatalog::addBackendRows(); }
     void copyMode()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         const QString storage = catalog.path("storage");
-        {
-            QSettings ini(catalog.configDir() + "/datasavepath.ini", QSettings::IniFormat);
-            ini.setValue("save/savepath", storage);
-        }
+        QSettings(catalog.configDir() + "/datasavepath.ini", QSettings::IniFormat).setValue("save/savepath", storage);
         SyntheticImage image;
         image.patientId = "PID/with slash";
         image.studyUid = newTestUid();
@@ -273,45 +203,36 @@ private slots:
         const QStringList sources = writeSyntheticSeries(catalog.path("src"), image, 3);
         const QString seriesDir = storage + "/" + QDate::currentDate().toString("yyyy-MM-dd") + "/PID_with_slash/" +
                                   image.studyUid + "/" + image.seriesUid + "_0";
+        const QStringList copies{seriesDir + "/slice_000.dcm", seriesDir + "/slice_001.dcm", seriesDir + "/slice_002.dcm"};
         // The third file's destination is blocked by a folder that cannot be replaced.
-        QDir().mkpath(seriesDir + "/slice_002.dcm/keep");
+        QDir().mkpath(copies[2] + "/keep");
 
         QDcmFiles importer;
         importer.loadLocalFolderToDB(catalog.path("src"), 1, true);
-        QCOMPARE(TestCatalog::count("imageformat"), 3);
-        const QStringList paths = column("SELECT FilePath FROM imageformat ORDER BY InstanceNumber");
-        QCOMPARE(paths.value(0), seriesDir + "/slice_000.dcm");
-        QCOMPARE(paths.value(1), seriesDir + "/slice_001.dcm");
-        QCOMPARE(paths.value(2), sources.value(2)); // the failed copy keeps the source
-        QVERIFY(QFileInfo::exists(paths.value(0)) && QFileInfo::exists(paths.value(1)));
-        QCOMPARE(column("SELECT IrradiationEventUID FROM imageformat ORDER BY InstanceNumber"),
-                 (QStringList{"copy", "copy", ""}));
+        QCOMPARE(TestCatalog::values("SELECT FilePath, IrradiationEventUID FROM imageformat ORDER BY InstanceNumber"),
+                 (QStringList{copies[0], "copy", copies[1], "copy", sources[2], ""})); // the failed copy keeps the source
+        QVERIFY(QFileInfo::exists(copies[0]) && QFileInfo::exists(copies[1]));
 
         // The same files again on the same day: copies overwritten, FilePath updated, no new row.
-        QDir(seriesDir + "/slice_002.dcm").removeRecursively();
-        QFile::remove(paths.value(0));
+        QDir(copies[2]).removeRecursively();
+        QFile::remove(copies[0]);
         QDcmFiles again;
         again.loadLocalFolderToDB(catalog.path("src"), 1, true);
-        QCOMPARE(TestCatalog::count("imageformat"), 3);
-        QCOMPARE(column("SELECT FilePath FROM imageformat ORDER BY InstanceNumber"),
-                 (QStringList{seriesDir + "/slice_000.dcm", seriesDir + "/slice_001.dcm", seriesDir + "/slice_002.dcm"}));
-        QVERIFY(QFileInfo::exists(seriesDir + "/slice_000.dcm"));
-        QVERIFY(QFileInfo::exists(seriesDir + "/slice_002.dcm"));
+        QCOMPARE(TestCatalog::values("SELECT FilePath FROM imageformat ORDER BY InstanceNumber"), copies);
+        QVERIFY(QFileInfo::exists(copies[0]) && QFileInfo(copies[2]).isFile());
 
         // Images marked "reserved" stay where their rows say.
-        QSqlQuery reserve(QSqlDatabase::database());
-        QVERIFY(reserve.exec("UPDATE imageformat SET IrradiationEventUID = 'reserved', FilePath = 'kept'"));
+        QCOMPARE(TestCatalog::values("UPDATE imageformat SET IrradiationEventUID = 'reserved', FilePath = 'kept'"), QStringList());
         QDcmFiles third;
         third.loadLocalFolderToDB(catalog.path("src"), 1, true);
-        QCOMPARE(column("SELECT DISTINCT FilePath FROM imageformat"), QStringList{"kept"});
-        QCOMPARE(TestCatalog::count("imageformat"), 3);
+        QCOMPARE(TestCatalog::values("SELECT FilePath FROM imageformat"), (QStringList{"kept", "kept", "kept"}));
     }
 
     void commandLine()
     {
-        KESTREL_OPEN_CATALOG(catalog, QString("sqlite"));
-        SyntheticImage image;
-        writeSyntheticSeries(catalog.path("cli"), image, 3);
+        QFETCH_GLOBAL(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        writeSyntheticSeries(catalog.path("cli"), SyntheticImage(), 3);
         QFile(catalog.path("cli/readme.txt")).open(QIODevice::WriteOnly);
         const QString program = Kestrel::applicationDir() + "/kestrel";
         if (!QFileInfo::exists(program))
@@ -330,28 +251,21 @@ private slots:
         QVERIFY(QString::fromUtf8(run.readAllStandardError()).contains("no such file or folder"));
     }
 
-    void receiveQueue_data() { TestCatalog::addBackendRows(); }
     void receiveQueue()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         SyntheticImage image;
         image.seriesUid = newTestUid();
         const QStringList files = writeSyntheticSeries(catalog.path("recv"), image, 3);
-        QSqlQuery insert(QSqlDatabase::database());
-        insert.prepare("INSERT INTO series (seriesUID, recvnum, upDBnum, upCloudnum) VALUES (?, 3, 0, 0)");
-        insert.addBindValue(image.seriesUid);
-        QVERIFY(insert.exec());
+        QCOMPARE(TestCatalog::values("INSERT INTO series (seriesUID, recvnum, upDBnum, upCloudnum) VALUES (?, 3, 0, 0)", {image.seriesUid}),
+                 QStringList());
         for (const QString& file : files) {
             DcmFileFormat ff;
             QVERIFY(ff.loadFile(QFile::encodeName(file).constData()).good());
-            OFString sop;
-            ff.getDataset()->findAndGetOFString(DCM_SOPInstanceUID, sop);
-            insert.prepare("INSERT INTO images (seriesUID, InstanceUID, DBflag, Cloudflag, filepath) VALUES (?, ?, 0, 0, ?)");
-            insert.addBindValue(image.seriesUid);
-            insert.addBindValue(QString::fromLatin1(sop.c_str()));
-            insert.addBindValue(file);
-            QVERIFY(insert.exec());
+            QCOMPARE(TestCatalog::values("INSERT INTO images (seriesUID, InstanceUID, DBflag, Cloudflag, filepath) VALUES (?, ?, 0, 0, ?)",
+                            {image.seriesUid, kestrel::internal::dcmString(ff.getDataset(), DCM_SOPInstanceUID), file}),
+                     QStringList());
         }
 
         QDcmFiles importer;
@@ -362,7 +276,7 @@ private slots:
         QCOMPARE(order, (QStringList{"update", "new:" + image.seriesUid}));
         QCOMPARE(TestCatalog::count("imageformat"), 3);
         QCOMPARE(TestCatalog::count("images", "DBflag = 1"), 3);
-        QCOMPARE(column("SELECT upDBnum FROM series"), QStringList{"3"});
+        QCOMPARE(TestCatalog::values("SELECT upDBnum FROM series"), QStringList{"3"});
 
         // Nothing waiting: no run, no signal.
         order.clear();
@@ -371,55 +285,47 @@ private slots:
         QCOMPARE(TestCatalog::count("imageformat"), 3);
     }
 
-    void characterSets_data() { TestCatalog::addBackendRows(); }
     void characterSets()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
-        struct Case {
+        const struct {
             QString charset;
             QByteArray bytes;
             QString expected;
-        };
-        const QList<Case> cases{
-                {"ISO_IR 100", QByteArray("Buc^J\xe9r\xf4me"), QString::fromUtf8("Buc^Jérôme")},
-                {"ISO_IR 192", QByteArray("Wang^XiaoDong=\xe7\x8e\x8b^\xe5\xb0\x8f\xe6\x9d\xb1="),
-                 QString::fromUtf8("Wang^XiaoDong=王^小東=")},
-                {"GB18030", QByteArray("Wang^XiaoDong=\xcd\xf5^\xd0\xa1\xb6\xab="), QString::fromUtf8("Wang^XiaoDong=王^小东=")},
+        } cases[] = {
+            {"ISO_IR 100", QByteArray("Buc^J\xe9r\xf4me"), QString::fromUtf8("Buc^Jérôme")},
+            {"ISO_IR 192", QByteArray("Wang^XiaoDong=\xe7\x8e\x8b^\xe5\xb0\x8f\xe6\x9d\xb1="), QString::fromUtf8("Wang^XiaoDong=王^小東=")},
+            {"GB18030", QByteArray("Wang^XiaoDong=\xcd\xf5^\xd0\xa1\xb6\xab="), QString::fromUtf8("Wang^XiaoDong=王^小东=")},
         };
         // The GB18030 file comes first: the next files' names and an accented path still read right.
-        QStringList paths;
-        for (int i = cases.size() - 1; i >= 0; --i) {
+        for (int i = 2; i >= 0; --i) {
             SyntheticImage image;
             image.specificCharacterSet = cases[i].charset;
             image.patientNameBytes = cases[i].bytes;
             image.patientId = "CS" + QString::number(i);
-            paths << catalog.path(QString::fromUtf8("données_é/%1.dcm").arg(i));
-            QDir().mkpath(QFileInfo(paths.last()).path());
-            QVERIFY(writeSyntheticImage(paths.last(), image));
-            QDcmFiles importer;
-            importer.loadLocalFilesToDB({paths.last()}, 0);
+            const QString path = catalog.path(QString::fromUtf8("données_é/%1.dcm").arg(i));
+            QDir().mkpath(QFileInfo(path).path());
+            QVERIFY(writeSyntheticImage(path, image));
+            QDcmFiles().loadLocalFilesToDB({path}, 0);
         }
-        for (int i = 0; i < cases.size(); ++i)
-            QCOMPARE(column("SELECT PatientName FROM patient WHERE PatientID = ?", {"CS" + QString::number(i)}),
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(TestCatalog::values("SELECT PatientName FROM patient WHERE PatientID = ?", {"CS" + QString::number(i)}),
                      QStringList{cases[i].expected});
         QCOMPARE(TestCatalog::count("imageformat"), 3);
 
         const QString real = sharedDataPath("pydicom/charset_files");
         if (real.isEmpty())
             return;
-        QDcmFiles importer;
-        importer.loadLocalFilesToDB({real + "/chrX2.dcm", real + "/chrFren.dcm", real + "/chrX1.dcm", real + "/chrGerm.dcm"},
-                                    0);
-        const QStringList names = column("SELECT PatientName FROM patient ORDER BY PatientName");
+        QDcmFiles().loadLocalFilesToDB({real + "/chrX2.dcm", real + "/chrFren.dcm", real + "/chrX1.dcm", real + "/chrGerm.dcm"}, 0);
+        const QStringList names = TestCatalog::values("SELECT PatientName FROM patient");
         for (const char* name : {"Buc^Jérôme", "Äneas^Rüdiger", "Wang^XiaoDong=王^小東=", "Wang^XiaoDong=王^小东="})
             QVERIFY2(names.contains(QString::fromUtf8(name)), name);
     }
 
-    void signalSequence_data() { TestCatalog::addBackendRows(); }
     void signalSequence()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         SyntheticImage image;
         image.rows = image.columns = 8;
@@ -438,13 +344,10 @@ private slots:
         importer.loadLocalFolderToDB(catalog.path("many"), 0, true);
 
         QCOMPARE(finished, (QList<bool>{false, true}));
-        QCOMPARE(texts.mid(0, 5), (QStringList{"Traversal", "read file ", "read file 100/230", "read file 200/230",
-                                               "sort dicom"}));
-        QCOMPARE(texts.at(5), QString("add data base"));
-        QCOMPARE(texts.at(6), QString("start add data base "));
-        QVERIFY2(QRegularExpression("^time \\d+ add data base:230/230$").match(texts.value(7)).hasMatch(),
-                 qPrintable(texts.value(7)));
         QCOMPARE(texts.size(), 8);
+        QVERIFY2(QRegularExpression("^time \\d+ add data base:230/230$").match(texts.last()).hasMatch(), qPrintable(texts.last()));
+        QCOMPARE(texts.mid(0, 7), (QStringList{"Traversal", "read file ", "read file 100/230", "read file 200/230", "sort dicom",
+                                               "add data base", "start add data base "}));
         QCOMPARE(progress, (QList<int>{1, 4, 8, 10, 100, 100}));
 
         // No file at all: progress is reported, nothing is written, nothing divides by zero.
@@ -456,10 +359,9 @@ private slots:
         QCOMPARE(TestCatalog::count("imageformat"), 230);
     }
 
-    void sharedData_data() { TestCatalog::addBackendRows(); }
     void sharedData()
     {
-        QFETCH(QString, backend);
+        QFETCH_GLOBAL(QString, backend);
         const QString root = sharedDataPath();
         if (root.isEmpty())
             QSKIP("the shared DICOM data is not present");
@@ -471,10 +373,9 @@ private slots:
             DcmFileFormat file;
             if (file.loadFile(QFile::encodeName(it.next()).constData(), EXS_Unknown, EGL_noChange, 1024).bad())
                 continue;
-            DcmDataset* ds = file.getDataset();
-            auto text = [ds](const DcmTagKey& tag) {
+            auto text = [&file](const DcmTagKey& tag) {
                 OFString v;
-                ds->findAndGetOFString(tag, v);
+                file.getDataset()->findAndGetOFString(tag, v);
                 return QString::fromLatin1(v.c_str());
             };
             if (text(DCM_SeriesInstanceUID).isEmpty() || text(DCM_PatientID).isEmpty() || text(DCM_SOPInstanceUID).isEmpty())
@@ -487,14 +388,9 @@ private slots:
         QDcmFiles importer;
         importer.loadLocalFolderToDB(root, 0, true);
         QVERIFY(importer.lastImportSucceeded());
-        QCOMPARE(TestCatalog::count("patient"), patients.size());
-        QCOMPARE(TestCatalog::count("generalstudy"), studies.size());
-        QCOMPARE(TestCatalog::count("generalseries"), series.size());
-        QCOMPARE(TestCatalog::count("imageformat"), images.size());
-        QCOMPARE(TestCatalog::count("imagepixel"), images.size());
-        QCOMPARE(TestCatalog::count("mrimageinfo"), images.size());
+        QCOMPARE(catalogueCounts(), QString("%1 %2 %3 %4 %4 %4").arg(patients.size()).arg(studies.size()).arg(series.size()).arg(images.size()));
         QCOMPARE(linkedImages("imagepixel"), images.size());
-        QCOMPARE(column("SELECT DISTINCT ImageOrientationPatient FROM imagepixel i JOIN generalseries s ON "
+        QCOMPARE(TestCatalog::values("SELECT DISTINCT ImageOrientationPatient FROM imagepixel i JOIN generalseries s ON "
                         "i.series_fk = s.pk WHERE s.SeriesDescription = 't1_fl2d_sag'"),
                  QStringList{"0\\1\\0\\0\\0\\-1"});
     }

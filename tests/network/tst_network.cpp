@@ -21,21 +21,6 @@
 #include <QSqlQuery>
 #include <QtTest>
 
-namespace {
-
-QVariant scalar(const QString& sql, const QVariantList& values = {})
-{
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare(sql);
-    for (const QVariant& v : values)
-        query.addBindValue(v);
-    if (!query.exec() || !query.next())
-        return QVariant();
-    return query.value(0);
-}
-
-} // namespace
-
 class TestNetwork : public QObject
 {
     Q_OBJECT
@@ -102,11 +87,11 @@ private slots:
         // A is recorded when B starts; B waits for the timer.
         QCOMPARE(uploaded.count(), 1);
         QCOMPARE(uploaded.at(0).at(0).toString(), a);
-        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 2);
+        QCOMPARE(TestCatalog::value("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 2);
         QCOMPARE(TestCatalog::count("images"), 2);
-        QCOMPARE(scalar("SELECT filepath FROM images WHERE InstanceUID = 'a.1'").toString(), QString("/r/a1-again"));
-        QCOMPARE(scalar("SELECT Cloudflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 2);
-        QCOMPARE(scalar("SELECT DBflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 0);
+        QCOMPARE(TestCatalog::value("SELECT filepath FROM images WHERE InstanceUID = 'a.1'"), QString("/r/a1-again"));
+        QCOMPARE(TestCatalog::value("SELECT Cloudflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 2);
+        QCOMPARE(TestCatalog::value("SELECT DBflag FROM images WHERE InstanceUID = 'a.1'").toInt(), 0);
         QVERIFY(!recv->needtoWriteDB({"x", a}));
         QVERIFY(recv->needtoWriteDB({b}));
         QVERIFY(recv->needtoWriteDB({}));
@@ -131,11 +116,11 @@ private slots:
             recv->onNotifyInstanceSaved(QString("/r2/") + sop, "", sop, a);
         recv->onTimerSlot();
         QCOMPARE(TestCatalog::count("series"), 2);
-        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 3);
-        QCOMPARE(scalar("SELECT upDBnum + upCloudnum FROM series WHERE seriesUID = ?", {a}).toInt(), 0);
+        QCOMPARE(TestCatalog::value("SELECT recvnum FROM series WHERE seriesUID = ?", {a}).toInt(), 3);
+        QCOMPARE(TestCatalog::value("SELECT upDBnum + upCloudnum FROM series WHERE seriesUID = ?", {a}).toInt(), 0);
         QCOMPARE(TestCatalog::count("images", "seriesUID = '1.2.3.4''A'"), 3);
         QCOMPARE(TestCatalog::count("images", "DBflag <> 0"), 1); // only B's image keeps its flag
-        QCOMPARE(scalar("SELECT filepath FROM images WHERE InstanceUID = 'a.2'").toString(), QString("/r/a2"));
+        QCOMPARE(TestCatalog::value("SELECT filepath FROM images WHERE InstanceUID = 'a.2'"), QString("/r/a2"));
 
         // Files recorded by the other path: grouped by series, no import signal, cloud from then on.
         QSignalSpy files(recv, &QDcmRecvFile::notifyUploadFile);
@@ -143,12 +128,12 @@ private slots:
         QCOMPARE(files.count(), 1);
         QCOMPARE(files.at(0).at(3).toString(), QString("note"));
         QCOMPARE(uploaded.count(), 3); // A twice and B; nothing for these files
-        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = 'c'").toInt(), 2);
+        QCOMPARE(TestCatalog::value("SELECT recvnum FROM series WHERE seriesUID = 'c'").toInt(), 2);
         QCOMPARE(TestCatalog::count("images", "Cloudflag = 0"), 3);
         recv->onNotifyInstanceSaved("/r/e1", "", "e.1", "e");
         recv->onTimerSlot();
         QCOMPARE(cloud.count(), 1);
-        QCOMPARE(scalar("SELECT Cloudflag FROM images WHERE InstanceUID = 'e.1'").toInt(), 0);
+        QCOMPARE(TestCatalog::value("SELECT Cloudflag FROM images WHERE InstanceUID = 'e.1'").toInt(), 0);
     }
 
     // storescu sends series A (a real series when the shared data is there), B and an object
@@ -157,12 +142,11 @@ private slots:
     void receiveAndRecordAfterSilence()
     {
         KESTREL_OPEN_CATALOG(catalog, "sqlite");
-        RecvGuard guard;
-        QDcmRecvFile* recv = guard.recv;
-        recv->setUserOption(true, false, false);
         QTemporaryDir dir;
-        Provider provider;
-        QVERIFY(provider.start(dir.filePath("recv")));
+        ReceivingChain chain;
+        QVERIFY(chain.start(dir.filePath("recv")));
+        QDcmRecvFile* recv = chain.recv();
+        const Provider& provider = chain.provider;
 
         SyntheticImage base;
         QStringList seriesA;
@@ -189,10 +173,7 @@ private slots:
         QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
         QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
         QElapsedTimer sinceLast;
-        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
         connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, this, [&] { sinceLast.start(); });
-        QDcmFiles importer;
-        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
 
         QCOMPARE(storescu(provider.port, seriesA + seriesB + QStringList{noSeries}), 0);
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), nA + 2, 10000);
@@ -212,16 +193,16 @@ private slots:
         QVERIFY2(sinceLast.elapsed() >= 9500, qPrintable(QString::number(sinceLast.elapsed())));
         QCOMPARE(uploaded.at(1).at(0).toString(), uidB);
         QVERIFY(!recv->isToDataBase());
-        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidA}).toInt(), nA);
-        QCOMPARE(scalar("SELECT recvnum FROM series WHERE seriesUID = ?", {uidB}).toInt(), 2);
+        QCOMPARE(TestCatalog::value("SELECT recvnum FROM series WHERE seriesUID = ?", {uidA}).toInt(), nA);
+        QCOMPARE(TestCatalog::value("SELECT recvnum FROM series WHERE seriesUID = ?", {uidB}).toInt(), 2);
         QCOMPARE(TestCatalog::count("images"), nA + 2);
         QVERIFY(!provider.service->isConnected());
         // Through the importer every received image of both series is in the catalogue once.
         const QString perSeries = "SELECT %1 FROM imagepixel p JOIN generalseries s ON p.series_fk = s.pk "
                                   "WHERE s.SeriesInstanceUID = ?";
         for (const QString& what : {QString("COUNT(*)"), QString("COUNT(DISTINCT p.SOPInstanceUID)")}) {
-            QCOMPARE(scalar(perSeries.arg(what), {uidA}).toInt(), nA);
-            QCOMPARE(scalar(perSeries.arg(what), {uidB}).toInt(), 1);
+            QCOMPARE(TestCatalog::value(perSeries.arg(what), {uidA}).toInt(), nA);
+            QCOMPARE(TestCatalog::value(perSeries.arg(what), {uidB}).toInt(), 1);
         }
         QCOMPARE(TestCatalog::count("images", "DBflag = 1"), nA + 2);
     }
@@ -277,7 +258,7 @@ private slots:
         recv->onTimerSlot();
 
         QCOMPARE(TestCatalog::count("images"), 2024);
-        QCOMPARE(scalar("SELECT COUNT(DISTINCT InstanceUID) FROM images").toInt(), 2024);
+        QCOMPARE(TestCatalog::value("SELECT COUNT(DISTINCT InstanceUID) FROM images").toInt(), 2024);
         QCOMPARE(TestCatalog::count("series"), 7);
         QSqlQuery paths(QSqlDatabase::database());
         QVERIFY(paths.exec("SELECT filepath FROM images"));

@@ -47,26 +47,15 @@ QString serverScript(const QString& verb, const QString& dir)
     return out.isEmpty() ? QStringLiteral("ok") : out;
 }
 
-QStringList column(const QString& sql)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    QStringList out;
-    if (!query.exec(sql))
-        return {"<query failed: " + query.lastError().text() + ">"};
-    while (query.next())
-        out << query.value(0).toString();
-    return out;
-}
-
 // Each image of the catalogue once: as many rows as distinct UIDs, in every image table.
 void verifyEachImageOnce(int images)
 {
     for (const char* table : {"imageformat", "imagepixel", "mrimageinfo"}) {
         QCOMPARE(TestCatalog::count(table), images);
-        QCOMPARE(column(QString("SELECT COUNT(DISTINCT SOPInstanceUID) FROM %1").arg(table)).value(0).toInt(), images);
+        QCOMPARE(TestCatalog::values(QString("SELECT COUNT(DISTINCT SOPInstanceUID) FROM %1").arg(table)).value(0).toInt(), images);
     }
     // Every image row hangs under a series of the catalogue.
-    QCOMPARE(column("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk").value(0).toInt(),
+    QCOMPARE(TestCatalog::values("SELECT COUNT(*) FROM imageformat i JOIN generalseries s ON i.series_fk = s.pk").value(0).toInt(),
              images);
 }
 
@@ -147,7 +136,7 @@ private slots:
         // Back again: whatever was committed is still there.
         QVERIFY2(!serverScript("start", m_serverDir.path()).isEmpty(), "the server did not start again");
         QVERIFY(kestrel::internal::reopenIfLost(QSqlDatabase::database()));
-        const QStringList committed = column("SELECT SOPInstanceUID FROM imageformat");
+        const QStringList committed = TestCatalog::values("SELECT SOPInstanceUID FROM imageformat");
         qInfo("committed before the server went away: %d of %d images", int(committed.size()), total);
         QVERIFY(!committed.isEmpty());
 
@@ -161,7 +150,7 @@ private slots:
         QCOMPARE(TestCatalog::count("generalseries"), kSeries);
         QCOMPARE(TestCatalog::count("generalstudy"), 2);
         QCOMPARE(TestCatalog::count("patient"), 2);
-        const QStringList after = column("SELECT SOPInstanceUID FROM imageformat");
+        const QStringList after = TestCatalog::values("SELECT SOPInstanceUID FROM imageformat");
         for (const QString& uid : committed)
             QVERIFY2(after.contains(uid), qPrintable("lost: " + uid));
     }
@@ -188,18 +177,13 @@ private slots:
         base.seriesNumber = 5;
         const QStringList later = writeSyntheticSeries(catalog.path("send/later"), base, kSlices);
 
-        RecvGuard guard;
-        QDcmRecvFile* recv = guard.recv;
-        recv->setUserOption(true, false, false);
-        recv->timer()->setInterval(1000); // a short quiet period ends a batch sooner
-        Provider provider;
-        QVERIFY(provider.start(catalog.path("recv")));
+        ReceivingChain chain;
+        QVERIFY(chain.start(catalog.path("recv")));
+        chain.recv()->timer()->setInterval(1000); // a short quiet period ends a batch sooner
+        const Provider& provider = chain.provider;
         QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
-        QSignalSpy uploaded(recv, &QDcmRecvFile::notifyUploadDB);
-        connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
-        QDcmFiles importer;
-        QSignalSpy importErrors(&importer, &QDcmFiles::errorInfo);
-        connect(recv, &QDcmRecvFile::notifyUploadDB, &importer, &QDcmFiles::onNotifyUploadDB);
+        QSignalSpy uploaded(chain.recv(), &QDcmRecvFile::notifyUploadDB);
+        QSignalSpy importErrors(chain.importer.get(), &QDcmFiles::errorInfo);
         // The first series is recorded and imported when the second starts; three objects into
         // the second series the server stops (the provider keeps receiving meanwhile).
         // (The spy counts in the provider's thread; this slot runs queued behind the bookkeeping.)

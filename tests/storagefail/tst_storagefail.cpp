@@ -29,21 +29,11 @@ namespace {
 
 using namespace kestrel::internal;
 
-QStringList column(const QString& sql)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    QStringList out;
-    if (query.exec(sql))
-        while (query.next())
-            out << query.value(0).toString();
-    return out;
-}
-
 // Every FilePath and cache Savepath of the catalogue that names no file.
 QStringList missingFiles()
 {
     QStringList missing;
-    for (const QString& path : column("SELECT FilePath FROM imageformat") + column("SELECT Savepath FROM registration"))
+    for (const QString& path : TestCatalog::values("SELECT FilePath FROM imageformat") + TestCatalog::values("SELECT Savepath FROM registration"))
         if (!QFileInfo(path).isFile() || QFileInfo(path).size() == 0)
             missing << path;
     return missing;
@@ -94,7 +84,7 @@ private slots:
         QVERIFY2(errors.isEmpty(), qPrintable(errors.value(0).value(0).toString()));
         QCOMPARE(TestCatalog::count("imageformat"), files.size());
         QCOMPARE(missingFiles(), QStringList());
-        for (const QString& path : column("SELECT FilePath FROM imageformat"))
+        for (const QString& path : TestCatalog::values("SELECT FilePath FROM imageformat"))
             QVERIFY2(path.startsWith(catalog.path("store")), qPrintable(path));
 
         // Once more over the stored copies: they are replaced through a file beside them.
@@ -102,7 +92,7 @@ private slots:
         again.loadLocalFolderToDB(catalog.path("in"), 1, true);
         QCOMPARE(TestCatalog::count("imageformat"), files.size());
         QCOMPARE(missingFiles(), QStringList());
-        const QString stored = column("SELECT FilePath FROM imageformat").value(0);
+        const QString stored = TestCatalog::values("SELECT FilePath FROM imageformat").value(0);
         QVERIFY(QDir(QFileInfo(stored).path()).entryList({"*.part"}, QDir::Files).isEmpty());
     }
 

@@ -1,5 +1,6 @@
 #include "dicompeers.h"
 
+#include "qdcmfiles.h"
 #include "qdcmrecvfile.h"
 #include "qdcmstoragescp.h"
 #include "qdicomservice.h"
@@ -142,4 +143,19 @@ bool Provider::start(const QString& outDir)
     while (!scp->isAccepting() && clock.elapsed() < 10000)
         QTest::qWait(20);
     return scp->isAccepting();
+}
+
+ReceivingChain::ReceivingChain() : importer(std::make_unique<QDcmFiles>()) {}
+
+ReceivingChain::~ReceivingChain() = default;
+
+bool ReceivingChain::start(const QString& outDir)
+{
+    guard.recv->setUserOption(true, false, false);
+    if (!provider.start(outDir))
+        return false;
+    QObject::connect(provider.scp, &QDcmStorageSCP::notifyInstanceSaved, guard.recv,
+                     &QDcmRecvFile::onNotifyInstanceSaved);
+    QObject::connect(guard.recv, &QDcmRecvFile::notifyUploadDB, importer.get(), &QDcmFiles::onNotifyUploadDB);
+    return true;
 }

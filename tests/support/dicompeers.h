@@ -10,6 +10,7 @@
 
 #include <memory>
 
+class QDcmFiles;
 class QDcmRecvFile;
 class QDcmStorageSCP;
 class QDicomService;
@@ -63,4 +64,17 @@ struct Provider {
     QDicomService* service;
     QDcmStorageSCP* scp = nullptr;
     int port = freePort();
+};
+
+// The host's receiving chain: the provider hands every stored object to the bookkeeping, which
+// hands each recorded series to an importer (database option on).
+struct ReceivingChain {
+    ReceivingChain();
+    ~ReceivingChain();
+    // Starts the provider with OUTDIR as the receiving base and connects the chain.
+    bool start(const QString& outDir);
+    RecvGuard guard; // released last
+    Provider provider;
+    std::unique_ptr<QDcmFiles> importer;
+    QDcmRecvFile* recv() const { return guard.recv; }
 };

@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QSqlRecord>
 #include <QTest>
 #include <QUuid>
 
@@ -113,6 +114,27 @@ int TestCatalog::count(const QString& table, const QString& where)
     if (!query.exec(text) || !query.next())
         return -1;
     return query.value(0).toInt();
+}
+
+QStringList TestCatalog::values(const QString& sql, const QVariantList& binds)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    query.prepare(sql);
+    for (const QVariant& v : binds)
+        query.addBindValue(v);
+    if (!query.exec())
+        return {"<query failed: " + query.lastError().text() + ">"};
+    QStringList out;
+    while (query.next())
+        for (int i = 0; i < query.record().count(); ++i)
+            out << query.value(i).toString();
+    return out;
+}
+
+QString TestCatalog::value(const QString& sql, const QVariantList& binds)
+{
+    const QStringList all = values(sql, binds);
+    return all.isEmpty() ? QStringLiteral("<no row>") : all.first();
 }
 
 QString sharedDataPath(const QString& relative)

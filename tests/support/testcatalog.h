@@ -2,6 +2,8 @@
 
 #include <QSqlDatabase>
 #include <QString>
+#include <QStringList>
+#include <QVariantList>
 #include <QTemporaryDir>
 
 // A private catalogue for one test: its own configuration folder (a copy of the shipped config/
@@ -34,6 +36,11 @@ public:
 
     // Rows of TABLE on the default connection, -1 when the query fails.
     static int count(const QString& table, const QString& where = QString());
+    // Every value of every row of SQL (with bound BINDS) on the default connection, row by row;
+    // empty without rows, {"<query failed: ...>"} on failure.
+    static QStringList values(const QString& sql, const QVariantList& binds = {});
+    // The first value of the first row, "<no row>" when there is none.
+    static QString value(const QString& sql, const QVariantList& binds = {});
     // Writes the database.ini of this catalogue (done by open(); public for tests of the opener).
     void writeDatabaseIni(const QString& extra = QString()) const;
 
