@@ -14,7 +14,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QScopeGuard>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QSqlQuery>
@@ -99,16 +98,6 @@ private slots:
     void volumeCacheUnwritable()
     {
         KESTREL_OPEN_CATALOG(catalog, "sqlite");
-        // The cache folder comes from ../config/cache.ini relative to the working directory.
-        QVERIFY(QDir().mkpath(catalog.path("work")));
-        QVERIFY(QDir().mkpath(catalog.path("config")));
-        const QString previous = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(catalog.path("work")));
-        auto restore = qScopeGuard([&] { QDir::setCurrent(previous); });
-        auto setCache = [&](const QString& folder) {
-            QSettings ini(catalog.path("config/cache.ini"), QSettings::IniFormat);
-            ini.setValue("registration/cachepath", folder);
-        };
         SyntheticImage base;
         base.rows = 64;
         base.columns = 128;
@@ -119,7 +108,7 @@ private slots:
         QFile blocker(catalog.path("plainfile"));
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
-        setCache(catalog.path("plainfile/cache"));
+        QVERIFY(catalog.setVolumeCache(catalog.path("plainfile/cache")));
         {
             NDicomVolume volume;
             QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
@@ -130,7 +119,7 @@ private slots:
 
         // The cache file is /dev/full: the write fails, nothing is registered, no file is left.
         QVERIFY(QDir().mkpath(catalog.path("cache")));
-        setCache(catalog.path("cache"));
+        QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
         const QString file = catalog.path("cache") + "/" + key + ".data";
         QVERIFY(QFile::link("/dev/full", file));
         {

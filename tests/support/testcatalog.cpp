@@ -8,6 +8,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QSqlError>
+#include <QSettings>
 #include <QSqlQuery>
 #include <QSqlRecord>
 #include <QTest>
@@ -60,6 +61,20 @@ TestCatalog::~TestCatalog()
     }
     QSqlDatabase::removeDatabase(QLatin1String(QSqlDatabase::defaultConnection));
     Kestrel::setConfigDirectory(QString());
+    if (!m_previousCurrentDir.isEmpty())
+        QDir::setCurrent(m_previousCurrentDir);
+}
+
+bool TestCatalog::setVolumeCache(const QString& folder)
+{
+    if (!QDir().mkpath(path("work")) || !QDir().mkpath(path("config")))
+        return false;
+    QSettings ini(path("config/cache.ini"), QSettings::IniFormat);
+    ini.setValue("registration/cachepath", folder);
+    ini.sync();
+    if (m_previousCurrentDir.isEmpty())
+        m_previousCurrentDir = QDir::currentPath();
+    return ini.status() == QSettings::NoError && QDir::setCurrent(path("work"));
 }
 
 bool TestCatalog::available() const

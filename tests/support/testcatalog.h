@@ -41,6 +41,9 @@ public:
     static QStringList values(const QString& sql, const QVariantList& binds = {});
     // The first value of the first row, "<no row>" when there is none.
     static QString value(const QString& sql, const QVariantList& binds = {});
+    // The volume cache reads ../config/cache.ini relative to the working directory: makes
+    // path("work") the working directory until the catalogue closes and points the cache at FOLDER.
+    bool setVolumeCache(const QString& folder);
     // Writes the database.ini of this catalogue (done by open(); public for tests of the opener).
     void writeDatabaseIni(const QString& extra = QString()) const;
 
@@ -48,6 +51,7 @@ private:
     QString m_backend;
     QTemporaryDir m_dir;
     QString m_schema;
+    QString m_previousCurrentDir;
 };
 
 // Opens a catalogue for the current data row or skips the test with the reason.

@@ -767,12 +767,7 @@ void TestVolume::cacheCycle()
 {
     QFETCH(QString, backend);
     KESTREL_OPEN_CATALOG(catalog, backend);
-    // The cache folder comes from ../config/cache.ini relative to the working directory.
-    QVERIFY(QDir().mkpath(catalog.path("work")) && QDir().mkpath(catalog.path("config")));
-    QSettings(catalog.path("config/cache.ini"), QSettings::IniFormat).setValue("registration/cachepath", catalog.path("cache"));
-    const QString previous = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(catalog.path("work")));
-    auto restore = qScopeGuard([&] { QDir::setCurrent(previous); });
+    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
 
     SyntheticImage base;
     base.rows = 64;
