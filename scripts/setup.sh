@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 PACKAGES=(
   build-essential cmake ninja-build ccache pkg-config
-  qtbase5-dev libqt5sql5-sqlite libqt5sql5-mysql
+  qtbase5-dev libqt5sql5-sqlite libqt5sql5-mysql libsqlite3-dev
   libdcmtk-dev dcmtk
   mariadb-server mariadb-client
   libomp-dev
