@@ -5,20 +5,17 @@
 #include "command.h"
 #include "phantom.h"
 
-#include "internal/dcmvalues.h"
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
+#include "qdcmfile.h"
 #include "qdcmfiles.h"
 #include "qinstance.h"
 #include "qseries.h"
 #include "viewfourcornerinfoconfig.h"
 
 #include <dcmtk/config/osconfig.h>
-#include <dcmtk/dcmdata/dcdict.h>
-#include <dcmtk/dcmdata/dcdicent.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
-#include <dcmtk/dcmdata/dctag.h>
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -63,15 +60,6 @@ QImage upright(NDicomImage& image, const QImage& picture)
     return column && column[2] > 0.5 ? picture.mirrored(false, true) : picture;
 }
 
-// The value of the DICOM keyword FIELD in DATASET, as text.
-QString fieldValue(DcmItem* dataset, const QString& field)
-{
-    const DcmDictEntry* entry = dcmDataDict.rdlock().findEntry(field.toLatin1().constData());
-    const DcmTagKey key = entry ? entry->getKey() : DcmTagKey();
-    dcmDataDict.rdunlock();
-    return entry ? kestrel::internal::dcmDecodedString(dataset, key) : QString();
-}
-
 // The overlay lines of one corner of the MR view, filled from the file's attributes.
 QStringList cornerLines(const QString& corner, DcmItem* dataset)
 {
@@ -84,7 +72,7 @@ QStringList cornerLines(const QString& corner, DcmItem* dataset)
         const QStringList parsed = ViewFourCornerInfoConfig::parse(settings->value(key).toString());
         QString line = parsed.value(0);
         for (int i = 1; i < parsed.size(); ++i)
-            line = line.arg(fieldValue(dataset, parsed.at(i)));
+            line = line.arg(getDcmAttributeText(dataset, parsed.at(i)));
         lines << line;
     }
     settings->endGroup();

@@ -1,6 +1,6 @@
 #include "phantom.h"
 
-#include "internal/syntheticdicom.h"
+#include "syntheticdicom.h"
 
 #include <dcmtk/dcmdata/dcdeftag.h>
 

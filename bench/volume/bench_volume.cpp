@@ -1,7 +1,7 @@
 // Volume benchmarks: building from files, the cache file, and the slab reductions, each printed
 // next to its peer or limit (dcm2niix, a plain read, memcpy of the bytes touched, numpy).
 //   bench_volume [--small-only] [--no-series]
-#include "internal/syntheticdicom.h"
+#include "syntheticdicom.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
 #include "qinstance.h"

@@ -1,5 +1,5 @@
 #include "dicom/qdcmdump.h"
-#include "internal/dcmvalues.h"
+#include "dicom/dcmvalues_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>

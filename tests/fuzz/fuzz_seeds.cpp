@@ -2,7 +2,7 @@
 // DIR/dicom (images of several encodings), DIR/volume (a cached volume file, head strings) and
 // DIR/bitvolume (mask header and voxels).
 #include "nvolume.h"
-#include "internal/syntheticdicom.h"
+#include "syntheticdicom.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>

@@ -1,7 +1,7 @@
 #include "testcatalog.h"
 
-#include "internal/catalogschema.h"
-#include "internal/dcmvalues.h"
+#include "catalog/catalogschema_p.h"
+#include "dicom/dcmvalues_p.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qpatient.h"

@@ -2,7 +2,7 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
-#include "internal/dcmvalues.h"
+#include "dicom/dcmvalues_p.h"
 #include "kestrelpaths.h"
 
 #include <dcmtk/config/osconfig.h>

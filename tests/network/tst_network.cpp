@@ -2,7 +2,7 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
-#include "internal/qdcmstoragescpprivate.h"
+#include "network/qdcmstoragescp_p.h"
 #include "kestrelpaths.h"
 #include "qdcmfiles.h"
 #include "qdcmrecvfile.h"

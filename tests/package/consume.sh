@@ -10,6 +10,11 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 for d in bin lib include/kestrel lib/cmake/Kestrel config database dicom; do
   [ -d "$work/prefix/$d" ] || { echo "installed tree lacks $d/"; exit 1; }
 done
+# The installed headers are the interface: exactly the listed ones, no private header among them.
+if ! diff <(cd "$work/prefix/include" && find . -type f | sed 's|^\./||' | sort) \
+          "$(dirname "$0")/installed-headers.txt"; then
+  echo "the installed headers differ from tests/package/installed-headers.txt"; exit 1
+fi
 
 mkdir -p "$work/example"
 awk '/^```cpp$/ {on=1; next} /^```$/ {if (on) exit} on {print}' "$readme" > "$work/example/main.cpp"

@@ -1,6 +1,6 @@
 #include "seriesfromfiles.h"
 
-#include "internal/dcmvalues.h"
+#include "dicom/dcmvalues_p.h"
 #include "qinstance.h"
 #include "qseries.h"
 

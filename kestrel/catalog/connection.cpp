@@ -1,0 +1,48 @@
+#include "catalog/connection_p.h"
+
+#include <QDebug>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QUuid>
+
+namespace kestrel::internal {
+
+QSqlDatabase cloneDefaultConnection()
+{
+    const QString name = QUuid::createUuid().toString();
+    QSqlDatabase db = QSqlDatabase::cloneDatabase(QLatin1String(QSqlDatabase::defaultConnection), name);
+    if (!db.open())
+        qWarning() << "cloneDefaultConnection: cannot open" << name << db.lastError().text();
+    return db;
+}
+
+void removeClonedConnection(const QString& name)
+{
+    if (name.isEmpty() || !QSqlDatabase::contains(name))
+        return;
+    {
+        QSqlDatabase db = QSqlDatabase::database(name, false);
+        if (db.isOpen())
+            db.close();
+    }
+    QSqlDatabase::removeDatabase(name);
+}
+
+bool reopenIfLost(QSqlDatabase db)
+{
+    if (db.isOpen() && db.driverName() == QLatin1String("QMYSQL")) {
+        // Qt keeps a connection "open" after the server dropped it; only a round trip tells.
+        bool alive = false;
+        {
+            QSqlQuery probe(db);
+            alive = probe.exec(QStringLiteral("SELECT 1"));
+        }
+        if (alive)
+            return true;
+        qWarning() << "reopenIfLost: the database server went away, reconnecting" << db.connectionName();
+        db.close();
+    }
+    return db.isOpen() || db.open();
+}
+
+} // namespace kestrel::internal

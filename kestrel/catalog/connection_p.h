@@ -1,0 +1,22 @@
+#pragma once
+
+#include "platform/testexport_p.h"
+
+#include <QSqlDatabase>
+#include <QString>
+
+namespace kestrel::internal {
+
+// Clones the application's default connection under a fresh QUuid name and opens it. Works from
+// any thread (the clone is made by name). The caller owns the name and removes it with
+// removeClonedConnection() once every QSqlDatabase/QSqlQuery copy of it is gone.
+KESTREL_TEST_EXPORT QSqlDatabase cloneDefaultConnection();
+KESTREL_TEST_EXPORT void removeClonedConnection(const QString& name);
+
+// Makes DB usable again after its server went away and came back: an open MySQL connection is
+// probed and, when the probe fails, closed and opened anew; a closed one is opened. Call it at
+// the start of a unit of work, never while queries of the connection are still in use. True when
+// the connection is open afterwards.
+KESTREL_TEST_EXPORT bool reopenIfLost(QSqlDatabase db);
+
+} // namespace kestrel::internal

@@ -1,0 +1,143 @@
+#include "dicom/dcmvalues_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcerror.h>
+#include <dcmtk/dcmdata/dcitem.h>
+#include <dcmtk/dcmdata/dcrledrg.h>
+#include <dcmtk/dcmjpeg/djdecode.h>
+#include <dcmtk/dcmjpls/djdecode.h>
+
+#include <QStringList>
+#include <QTextCodec>
+
+namespace kestrel::internal {
+
+bool dcmHas(DcmItem* item, const DcmTagKey& tag)
+{
+    return item && item->tagExists(tag);
+}
+
+namespace {
+// A value ends at a NUL byte (padding, never text), whichever of DCMTK's paths read it.
+int valueLength(const OFString& value)
+{
+    return static_cast<int>(qstrnlen(value.c_str(), uint(value.length())));
+}
+} // namespace
+
+QString dcmString(DcmItem* item, const DcmTagKey& tag, unsigned long pos, const QString& fallback)
+{
+    OFString value;
+    if (!item || item->findAndGetOFString(tag, value, pos).bad())
+        return fallback;
+    return QString::fromLatin1(value.c_str(), valueLength(value));
+}
+
+QString dcmStringAll(DcmItem* item, const DcmTagKey& tag, const QString& fallback)
+{
+    OFString value;
+    if (!item || item->findAndGetOFStringArray(tag, value).bad())
+        return fallback;
+    return QString::fromLatin1(value.c_str(), valueLength(value));
+}
+
+QByteArray dcmBytes(DcmItem* item, const DcmTagKey& tag)
+{
+    OFString value;
+    if (!item || item->findAndGetOFStringArray(tag, value).bad())
+        return QByteArray();
+    return QByteArray(value.c_str(), valueLength(value));
+}
+
+int dcmInt(DcmItem* item, const DcmTagKey& tag, int fallback, unsigned long pos)
+{
+    Sint32 value = 0;
+    if (item && item->findAndGetSint32(tag, value, pos).good())
+        return value;
+    bool ok = false;
+    const int parsed = dcmString(item, tag, pos).trimmed().toInt(&ok);
+    return ok ? parsed : fallback;
+}
+
+double dcmDouble(DcmItem* item, const DcmTagKey& tag, double fallback, unsigned long pos)
+{
+    Float64 value = 0;
+    if (item && item->findAndGetFloat64(tag, value, pos).good())
+        return value;
+    bool ok = false;
+    const double parsed = dcmString(item, tag, pos).trimmed().toDouble(&ok);
+    return ok ? parsed : fallback;
+}
+
+QVector<double> splitDoubles(const QString& text)
+{
+    QVector<double> values;
+    if (text.trimmed().isEmpty())
+        return values;
+    const QStringList parts = text.split('\\');
+    values.reserve(parts.size());
+    for (const QString& part : parts)
+        values.append(part.trimmed().toDouble());
+    return values;
+}
+
+QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag)
+{
+    return splitDoubles(dcmStringAll(item, tag));
+}
+
+QTextCodec* dicomTextCodec(const QString& specificCharacterSet)
+{
+    const QString charset = specificCharacterSet.trimmed().toUpper();
+    if (charset == QLatin1String("ISO_IR 100"))
+        return QTextCodec::codecForName("ISO-8859-1");
+    if (charset == QLatin1String("ISO_IR 192"))
+        return QTextCodec::codecForName("UTF-8");
+    if (charset == QLatin1String("GB18030") || charset == QLatin1String("GBK"))
+        return QTextCodec::codecForName("GB18030");
+    return nullptr;
+}
+
+QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet)
+{
+    QTextCodec* codec = dicomTextCodec(specificCharacterSet);
+    return codec ? codec->toUnicode(bytes) : QString::fromUtf8(bytes);
+}
+
+QString dcmCharacterSet(DcmItem* item)
+{
+    const QStringList values = dcmStringAll(item, DCM_SpecificCharacterSet).split('\\');
+    for (int i = values.size() - 1; i >= 0; --i) {
+        if (!values.at(i).trimmed().isEmpty())
+            return values.at(i).trimmed();
+    }
+    return QString();
+}
+
+QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
+{
+    return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item));
+}
+
+void registerDecoders()
+{
+    static const bool registered = [] {
+        DcmRLEDecoderRegistration::registerCodecs();
+        DJDecoderRegistration::registerCodecs();
+        DJLSDecoderRegistration::registerCodecs();
+        return true;
+    }();
+    Q_UNUSED(registered);
+}
+
+OFCondition guardedRead(const std::function<OFCondition()>& read)
+{
+    try {
+        return read();
+    } catch (...) {
+        return EC_CorruptedData;
+    }
+}
+
+} // namespace kestrel::internal

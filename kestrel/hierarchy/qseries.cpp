@@ -1,0 +1,309 @@
+#include "qseries.h"
+
+#include "geometry/geometry_p.h"
+#include "hierarchy/hierarchy_p.h"
+#include "qinstance.h"
+#include "qpatient.h"
+#include "qstudy.h"
+
+#include <QHash>
+#include <QMessageLogger>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QVariant>
+
+#include <algorithm>
+#include <cmath>
+
+using namespace kestrel::internal;
+
+namespace {
+
+QSqlQuery runQuery(const QString& sql, bool* ok)
+{
+    QSqlQuery query(QSqlDatabase::database());
+    query.setForwardOnly(true);
+    *ok = query.exec(sql);
+    return query;
+}
+
+geometry::Vec3 positionOf(const QInstance* instance)
+{
+    const double* p = instance->getPosition();
+    return {p[0], p[1], p[2]};
+}
+
+// Sub-series members share pixel layout and in-plane directions.
+bool compatible(const QInstance* a, const QInstance* b)
+{
+    if (a->getBitsAllocated() != b->getBitsAllocated())
+        return false;
+    if (a->getPhotometricInterpretation() != b->getPhotometricInterpretation())
+        return false;
+    const double* oa = a->getOrientation();
+    const double* ob = b->getOrientation();
+    for (int i = 0; i < 6; ++i)
+        if (!(std::fabs(oa[i] - ob[i]) < 0.0001))
+            return false;
+    return true;
+}
+
+} // namespace
+
+QSeries::QSeries(QObject* parent)
+    : QObject(parent)
+{
+}
+
+QSeries::QSeries(qint64 pk, QObject* parent)
+    : QObject(parent)
+    , m_seriesPK(pk)
+{
+}
+
+// Children are deleted through their Qt parent, never through the instance list.
+QSeries::~QSeries() = default;
+
+QStringList QSeries::getColumnName()
+{
+    return cachedColumnNames(QStringLiteral("generalseries"), QPatient::getDatabBaseName(),
+                             QStringLiteral("select column_name from Information_schema.columns where table_Name = "
+                                            "'generalseries'and table_schema = '%1'"),
+                             {QStringLiteral("PRAGMA table_info([generalseries])")});
+}
+
+QStudy* QSeries::getStudy() const
+{
+    return qobject_cast<QStudy*>(parent());
+}
+
+QString QSeries::getValue(QString key) const
+{
+    return m_allInfo.value(key);
+}
+
+void QSeries::setInstanse(QList<QInstance*> instance)
+{
+    m_instances = instance;
+    if (!m_instances.isEmpty())
+        m_seriesPK = m_instances.first()->getSeriesFK();
+    for (QInstance* item : qAsConst(m_instances))
+        item->setParent(this);
+}
+
+void QSeries::addInstance(QInstance* instance)
+{
+    m_instances.append(instance);
+}
+
+void QSeries::searchSeriesInfo()
+{
+    bool ok = false;
+    QSqlQuery query = runQuery(QStringLiteral("SELECT pk,study_fk,SeriesInstanceUID,SeriesDescription,SeriesNumber,"
+                                              "Modality,SeriesBase FROM generalseries WHERE pk=%1")
+                                   .arg(m_seriesPK),
+                               &ok);
+    while (ok && query.next()) {
+        m_studyFK = query.value(1).toLongLong();
+        m_seriesUID = query.value(2).toString();
+        m_seriesDescription = query.value(3).toString();
+        m_seriesNumber = query.value(4).toInt();
+        m_modality = query.value(5).toString();
+        m_seriesBase = query.value(6).toString();
+    }
+}
+
+void QSeries::searchSeriesAllInfo()
+{
+    const QStringList names = getColumnName();
+    bool ok = false;
+    QSqlQuery query = runQuery(QStringLiteral("SELECT * FROM generalseries WHERE pk= %1").arg(m_seriesPK), &ok);
+    while (ok && query.next())
+        for (int i = 0; i < names.size(); ++i)
+            m_allInfo.insert(names[i], query.value(i).toString());
+}
+
+void QSeries::searchAllInfo()
+{
+    if (m_instanceInfoLoaded || m_instances.isEmpty())
+        return;
+    QHash<qint64, QInstance*> byKey;
+    for (QInstance* instance : qAsConst(m_instances))
+        byKey.insert(instance->getInstancePK(), instance);
+    const QStringList names = QInstance::getColumnName();
+    bool ok = false;
+    QSqlQuery query = runQuery(
+        QStringLiteral("SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = "
+                       "imagepixel.SOPInstanceUID and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and "
+                       "imageformat.series_fk=")
+            + QLatin1Char('\'') + QString::number(m_seriesPK) + QLatin1Char('\''),
+        &ok);
+    while (ok && query.next()) {
+        QInstance* instance = byKey.value(query.value(0).toLongLong());
+        if (!instance) {
+            QMessageLogger("qseries", 162, "QSeries::searchAllInfo").warning("QSeries::searchAllInfo");
+            continue;
+        }
+        for (int i = 0; i < names.size(); ++i)
+            instance->setValue(names[i], query.value(i).toString());
+    }
+    m_instanceInfoLoaded = true;
+}
+
+void QSeries::searchInstance()
+{
+    bool ok = false;
+    QSqlQuery query = runQuery(QStringLiteral("SELECT series_fk,pk,SOPInstanceUID,ImageType,InstanceNumber,FilePath FROM "
+                                              "imageformat WHERE series_fk='%1' ORDER BY `InstanceNumber` ASC")
+                                   .arg(m_seriesPK),
+                               &ok);
+    while (ok && query.next()) {
+        auto* instance = new QInstance(query.value(1).toLongLong(), this);
+        instance->setSeriesFK(m_seriesPK);
+        instance->setSOPInstanceUID(query.value(2).toString());
+        instance->setImageType(query.value(3).toString());
+        instance->setInstanceNumber(query.value(4).toInt());
+        instance->setFilePath(query.value(5).toString());
+        m_instances.append(instance);
+    }
+}
+
+void QSeries::searchInstanceInfos()
+{
+    // The join pairs rows by series only, so a series of N images gives N×N rows and objects.
+    // Callers rely on this shape of the one-query path; one object per image comes from
+    // searchInstance() followed by QInstance::searchInstanceInfo().
+    bool ok = false;
+    QSqlQuery query = runQuery(
+        QStringLiteral("select imageformat.pk,imageformat.SOPInstanceUID,imageformat.ImageType,imageformat.InstanceNumber,"
+                       "imageformat.FilePath, imagepixel.PixelSpacing,imagepixel.ImageOrientationPatient,"
+                       "imagepixel.ImagePositionPatient,imagepixel.Rows,imagepixel.Columns,imagepixel.BitsAllocated,"
+                       "imageformat.series_fk ,imagepixel.series_fk from imageformat,imagepixel  WHERE "
+                       "imageformat.series_fk=%1 and imagepixel.series_fk=%1 ORDER BY `imageformat`.`InstanceNumber` ASC")
+            .arg(m_seriesPK),
+        &ok);
+    while (ok && query.next()) {
+        auto* instance = new QInstance(query.value(0).toLongLong(), this);
+        instance->setSeriesFK(m_seriesPK);
+        instance->setSOPInstanceUID(query.value(1).toString());
+        instance->setImageType(query.value(2).toString());
+        instance->setInstanceNumber(query.value(3).toInt());
+        instance->setFilePath(query.value(4).toString());
+        instance->setBitsAllocated(query.value(10).toInt());
+        instance->setPixelSpacing(query.value(5).toString());
+        instance->setPosition(query.value(7).toString());
+        instance->setOrientation(query.value(6).toString());
+        instance->setImageSize(query.value(8).toInt(), query.value(9).toInt());
+        m_instances.append(instance);
+    }
+}
+
+void QSeries::sortByPosition()
+{
+    if (m_instances.size() < 2 || !m_instances.first()->isGeometryValid())
+        return;
+    const QInstance* first = m_instances.first();
+    const int k = first->getMainZ();
+    if (k < 0 || k > 2)
+        return;
+    const bool descending = first->getOrientation(2)[k] < 0;
+    // Stable, so that images at one position keep their database order: a sagittal series whose
+    // main axis is the (constant) z keeps the order in which the scanner numbered its slices.
+    std::stable_sort(m_instances.begin(), m_instances.end(), [k, descending](const QInstance* a, const QInstance* b) {
+        if (a->getMainZ() != b->getMainZ())
+            return false;
+        return descending ? a->getPosition()[k] > b->getPosition()[k] : a->getPosition()[k] < b->getPosition()[k];
+    });
+}
+
+QList<QSeries*> QSeries::subSeries()
+{
+    QList<QSeries*> result;
+    for (QInstance* instance : qAsConst(m_instances)) {
+        instance->searchInstanceInfo();
+        if (instance->getSamplesPerPixel() != 1)
+            continue; // colour images never enter a sub-series
+        QSeries* target = nullptr;
+        for (QSeries* sub : qAsConst(result)) {
+            if (compatible(sub->m_instances.first(), instance)) {
+                target = sub;
+                break;
+            }
+        }
+        if (!target) {
+            target = new QSeries();
+            result.append(target);
+        }
+        target->addInstance(instance);
+    }
+    return result;
+}
+
+QSeries* QSeries::getVolumeSE()
+{
+    QList<QSeries*> subs = subSeries();
+    if (subs.isEmpty())
+        return nullptr;
+    int best = 0;
+    for (int i = 1; i < subs.size(); ++i)
+        if (subs[i]->m_instances.size() > subs[best]->m_instances.size())
+            best = i;
+    QSeries* chosen = subs.takeAt(best);
+    qDeleteAll(subs);
+
+    const geometry::Vec3 firstInDatabaseOrder = positionOf(chosen->m_instances.first());
+    chosen->sortByPosition();
+    const QList<QInstance*> sorted = chosen->m_instances;
+    delete chosen;
+    if (sorted.size() < 2)
+        return nullptr;
+
+    // Slice spacing: the most common distance between neighbours (clusters 0.01 mm wide).
+    QVector<double> distances;
+    for (int i = 1; i < sorted.size(); ++i)
+        distances.append(geometry::distance(positionOf(sorted[i]), positionOf(sorted[i - 1])));
+    QVector<double> ordered = distances;
+    std::sort(ordered.begin(), ordered.end());
+    double spacing = ordered.first();
+    int bestCount = 0;
+    for (int start = 0; start < ordered.size();) {
+        int end = start + 1;
+        while (end < ordered.size() && !(ordered[end] - ordered[end - 1] > 0.01))
+            ++end;
+        if (end - start > bestCount) {
+            bestCount = end - start;
+            spacing = ordered[start];
+        }
+        start = end;
+    }
+
+    // Gap filter: an image stays when the distance to its predecessor in sorted order is the
+    // spacing; the first image has no predecessor and always stays (it starts the volume).
+    QList<QInstance*> kept{sorted.first()};
+    for (int i = 1; i < sorted.size(); ++i)
+        if (std::fabs(distances[i - 1] - spacing) < 0.1)
+            kept.append(sorted[i]);
+    if (kept.size() < 2 || geometry::distance(positionOf(kept.first()), positionOf(kept.last())) == 0)
+        return nullptr;
+
+    const QInstance* first = kept.first();
+    const double* o = first->getOrientation();
+    const geometry::Vec3 normal = geometry::normalized(geometry::sliceNormal({o[0], o[1], o[2]}, {o[3], o[4], o[5]}));
+    const int k = first->getMainZ();
+    const double along = (k >= 0 && k <= 2) ? normal[k] * (kept.last()->getPosition()[k] - first->getPosition()[k]) : 0;
+    if (along < 0)
+        std::reverse(kept.begin(), kept.end());
+
+    auto* volume = new QSeries();
+    volume->m_modality = m_modality;
+    volume->m_seriesUID = m_seriesUID;
+    volume->m_seriesPK = m_seriesPK;
+    volume->m_studyFK = m_studyFK;
+    volume->m_seriesDescription = m_seriesDescription;
+    volume->m_seriesNumber = m_seriesNumber;
+    volume->m_seriesBase = m_seriesBase;
+    volume->m_instances = kept;
+
+    m_isOrder = positionOf(kept.first()) == firstInDatabaseOrder ? 1 : -1;
+    return volume;
+}

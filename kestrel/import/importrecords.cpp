@@ -1,0 +1,416 @@
+#include "import/importrecords_p.h"
+
+#include "catalog/catalogschema_p.h"
+#include "dicom/dcmvalues_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcdicent.h>
+#include <dcmtk/dcmdata/dcdict.h>
+#include <dcmtk/dcmdata/dcelem.h>
+#include <dcmtk/dcmdata/dchashdi.h>
+#include <dcmtk/dcmdata/dcitem.h>
+#include <dcmtk/dcmdata/dctag.h>
+
+#include <QDebug>
+#include <QSqlDriver>
+#include <QHash>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QTextCodec>
+#include <QTime>
+
+#include <memory>
+
+#include <sqlite3.h>
+
+namespace kestrel::internal::records {
+
+namespace {
+
+// How one column gets its value.
+struct ColumnSource {
+    enum Kind { Text, Integer, Component, Caller };
+    Kind kind = Caller;
+    DcmTagKey tag;
+    int component = -1;
+    bool hasTag = false;
+};
+
+struct TablePlan {
+    QStringList columns;
+    QVector<ColumnSource> sources;
+    // Attribute tag -> the columns it fills (text, integer or component).
+    QHash<quint32, QVector<int>> byTag;
+};
+
+quint32 tagCode(const DcmTagKey& key)
+{
+    return (quint32(key.getGroup()) << 16) | key.getElement();
+}
+
+// Every keyword of DCMTK's dictionary with its tag (one walk; findTagFromName scans the whole
+// dictionary on each call).
+QHash<QString, DcmTagKey> dictionaryKeywords()
+{
+    QHash<QString, DcmTagKey> keywords;
+    DcmDataDictionary& dictionary = dcmDataDict.wrlock();
+    for (DcmHashDictIterator it = dictionary.normalBegin(); it != dictionary.normalEnd(); ++it) {
+        const DcmDictEntry* entry = *it;
+        if (!entry || !entry->getTagName())
+            continue;
+        // Case-insensitive (the catalogue writes "InplanePhaseEncodingDirection"); retired
+        // attributes count as well (OtherPatientIDs).
+        QString name = QString::fromLatin1(entry->getTagName()).toLower();
+        const bool retired = name.startsWith(QLatin1String("retired_"));
+        if (retired)
+            name = name.mid(8);
+        if (entry->getPrivateCreator() || (retired && keywords.contains(name)))
+            continue;
+        keywords.insert(name, entry->getKey());
+    }
+    dcmDataDict.wrunlock();
+    return keywords;
+}
+
+// The attribute of a column: column names are DICOM keywords with the catalogue's own capitals
+// ("NumberofAverages").
+DcmTagKey tagForColumn(const QHash<QString, DcmTagKey>& keywords, const QString& column, bool* found)
+{
+    const auto hit = keywords.constFind(column.toLower());
+    *found = hit != keywords.constEnd();
+    return *found ? *hit : DcmTagKey();
+}
+
+bool isBinary(const DcmTagKey& key)
+{
+    switch (DcmTag(key).getEVR()) {
+    case EVR_OB: case EVR_OW: case EVR_OF: case EVR_OD: case EVR_OL: case EVR_OV:
+    case EVR_UN: case EVR_SQ: case EVR_ox: case EVR_px: case EVR_lt:
+        return true;
+    default:
+        return false;
+    }
+}
+
+const QHash<QString, QPair<DcmTagKey, int>>& componentColumns()
+{
+    static const QHash<QString, QPair<DcmTagKey, int>> map{
+            {"SpacingX", {DCM_PixelSpacing, 0}},           {"SpacingY", {DCM_PixelSpacing, 1}},
+            {"OrientationXX", {DCM_ImageOrientationPatient, 0}}, {"OrientationXY", {DCM_ImageOrientationPatient, 1}},
+            {"OrientationXZ", {DCM_ImageOrientationPatient, 2}}, {"OrientationYX", {DCM_ImageOrientationPatient, 3}},
+            {"OrientationYY", {DCM_ImageOrientationPatient, 4}}, {"OrientationYZ", {DCM_ImageOrientationPatient, 5}},
+            {"PositionX", {DCM_ImagePositionPatient, 0}},  {"PositionY", {DCM_ImagePositionPatient, 1}},
+            {"PositionZ", {DCM_ImagePositionPatient, 2}}};
+    return map;
+}
+
+std::unique_ptr<TablePlan> buildPlan(const QHash<QString, DcmTagKey>& keywords, const QString& table)
+{
+    static const QStringList callerColumns{"patient_fk", "study_fk", "series_fk", "SeriesBase", "FilePath", "Status"};
+    auto plan = std::make_unique<TablePlan>();
+    plan->columns = schema::columns(table);
+    for (int i = 0; i < plan->columns.size(); ++i) {
+        const QString& name = plan->columns.at(i);
+        ColumnSource source;
+        if (componentColumns().contains(name)) {
+            source.kind = ColumnSource::Component;
+            source.tag = componentColumns().value(name).first;
+            source.component = componentColumns().value(name).second;
+            source.hasTag = true;
+        } else if (!callerColumns.contains(name)) {
+            bool found = false;
+            const DcmTagKey tag = tagForColumn(keywords, name, &found);
+            if (!found)
+                qWarning() << "importrecords: no attribute for column" << table << name;
+            source.kind = name == QLatin1String("InstanceNumber") ? ColumnSource::Integer : ColumnSource::Text;
+            // Binary values (pixel data, profiles, lookup data) and sequences are stored as "":
+            // they are never loaded by the header reads.
+            source.hasTag = found && !isBinary(tag);
+            source.tag = tag;
+        }
+        plan->sources.append(source);
+        if (source.hasTag)
+            plan->byTag[tagCode(source.tag)].append(i);
+    }
+    return plan;
+}
+
+const TablePlan& planFor(const QString& table)
+{
+    // Built once for every table (thread-safe static initialisation); the pipeline reads records
+    // from several OpenMP workers.
+    static const QHash<QString, std::shared_ptr<const TablePlan>> plans = [] {
+        const QHash<QString, DcmTagKey> keywords = dictionaryKeywords();
+        QHash<QString, std::shared_ptr<const TablePlan>> all;
+        for (const char* name : {"patient", "generalstudy", "generalseries", "imageformat", "imagepixel", "mrimageinfo"})
+            all.insert(QString::fromLatin1(name), buildPlan(keywords, QString::fromLatin1(name)));
+        return all;
+    }();
+    static const TablePlan none;
+    const auto plan = plans.constFind(table.toLower());
+    return plan == plans.constEnd() ? none : **plan;
+}
+
+// Decoding by SpecificCharacterSet, decided once per dataset.
+class TextDecoder
+{
+public:
+    explicit TextDecoder(const QString& charset) : m_codec(dicomTextCodec(charset)) {}
+    QString operator()(const OFString& raw, DcmEVR vr) const
+    {
+        // A value ends at a NUL byte (padding, never text), as dcmBytes() reads it.
+        const int size = int(qstrnlen(raw.c_str(), uint(raw.length())));
+        // Only these VRs are text in the character set; UIDs, codes, dates and numbers are in the
+        // default repertoire and kept byte for byte, as the lookups read them.
+        const bool text = vr == EVR_PN || vr == EVR_SH || vr == EVR_LO || vr == EVR_ST || vr == EVR_LT ||
+                          vr == EVR_UT || vr == EVR_UC;
+        if (!text)
+            return QString::fromLatin1(raw.c_str(), size);
+        return m_codec ? m_codec->toUnicode(raw.c_str(), size) : QString::fromUtf8(raw.c_str(), size);
+    }
+
+private:
+    QTextCodec* m_codec;
+};
+
+} // namespace
+
+namespace {
+
+QVector<QVariant> emptyValues(const TablePlan& plan)
+{
+    QVector<QVariant> values(plan.columns.size());
+    const QString empty = QStringLiteral("");
+    for (int i = 0; i < plan.sources.size(); ++i) {
+        switch (plan.sources.at(i).kind) {
+        case ColumnSource::Text: values[i] = empty; break;
+        case ColumnSource::Integer: values[i] = QVariant(QVariant::LongLong); break;
+        case ColumnSource::Component: values[i] = QVariant(QVariant::Double); break;
+        case ColumnSource::Caller: break;
+        }
+    }
+    return values;
+}
+
+void store(const TablePlan& plan, const QVector<int>& columns, const QString& text, QVector<QVariant>& values)
+{
+    QVector<double> parts;
+    bool split = false;
+    for (int column : columns) {
+        const ColumnSource& source = plan.sources.at(column);
+        if (source.kind == ColumnSource::Text) {
+            values[column] = text;
+        } else if (source.kind == ColumnSource::Integer) {
+            bool ok = false;
+            const qint64 number = text.trimmed().toLongLong(&ok);
+            if (ok)
+                values[column] = number;
+        } else if (source.kind == ColumnSource::Component) {
+            if (!split) {
+                parts = splitDoubles(text);
+                split = true;
+            }
+            if (source.component < parts.size())
+                values[column] = parts.at(source.component);
+        }
+    }
+}
+
+} // namespace
+
+QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item)
+{
+    QVector<const TablePlan*> plans;
+    QVector<QVector<QVariant>> values;
+    for (const QString& table : tables) {
+        plans.append(&planFor(table));
+        values.append(emptyValues(*plans.last()));
+    }
+    if (!item)
+        return values;
+    const TextDecoder decode(dcmCharacterSet(item));
+    // One walk over the item's elements for all tables instead of one search per column.
+    for (DcmObject* object = item->nextInContainer(nullptr); object; object = item->nextInContainer(object)) {
+        auto* element = static_cast<DcmElement*>(object);
+        if (element->ident() == EVR_SQ)
+            continue;
+        const quint32 code = tagCode(element->getTag());
+        QString text;
+        bool decoded = false;
+        for (int t = 0; t < plans.size(); ++t) {
+            const auto hit = plans[t]->byTag.constFind(code);
+            if (hit == plans[t]->byTag.constEnd())
+                continue;
+            if (!decoded) {
+                OFString raw;
+                // A UID has one value: stored as the lookups read it, the first one.
+                if ((element->ident() == EVR_UI ? element->getOFString(raw, 0) : element->getOFStringArray(raw)).bad())
+                    break;
+                text = decode(raw, element->ident());
+                decoded = true;
+            }
+            store(*plans[t], *hit, text, values[t]);
+        }
+    }
+    return values;
+}
+
+QVector<QVariant> readColumns(const QString& table, DcmItem* item)
+{
+    return readColumns(QStringList{table}, item).value(0);
+}
+
+int columnIndex(const QString& table, const QString& column)
+{
+    return schema::columns(table).indexOf(column);
+}
+
+QString timeOfDay(const QString& dicomTime)
+{
+    const QString whole = dicomTime.trimmed().section('.', 0, 0);
+    const QTime time = QTime::fromString(whole, QStringLiteral("hhmmss"));
+    return time.isValid() ? time.toString(QStringLiteral("hh:mm:ss")) : QStringLiteral("");
+}
+
+QString notUploadedStatus()
+{
+    // "未上传" as the application has always stored it: six GBK bytes, decoded by GBK itself so the
+    // text does not depend on the locale.
+    static const QString status = [] {
+        const char bytes[] = "\xCE\xB4\xC9\xCF\xB4\xAB";
+        QTextCodec* gbk = QTextCodec::codecForName("GBK");
+        return gbk ? gbk->toUnicode(bytes) : QString::fromUtf8("\xE6\x9C\xAA\xE4\xB8\x8A\xE4\xBC\xA0");
+    }();
+    return status;
+}
+
+namespace {
+
+// The SQLite handle behind DB, or null for other drivers.
+sqlite3* sqliteHandle(const QSqlDatabase& db)
+{
+    const QVariant handle = db.driver() ? db.driver()->handle() : QVariant();
+    if (!handle.isValid() || qstrcmp(handle.typeName(), "sqlite3*") != 0)
+        return nullptr;
+    return *static_cast<sqlite3* const*>(handle.constData());
+}
+
+// Binds VALUE the way Qt's SQLite driver does: null, blob, integer, real, else text.
+int bindSqlite(sqlite3_stmt* statement, int index, const QVariant& value)
+{
+    if (value.isNull())
+        return sqlite3_bind_null(statement, index);
+    switch (value.userType()) {
+    case QMetaType::QByteArray: {
+        const QByteArray* bytes = static_cast<const QByteArray*>(value.constData());
+        return sqlite3_bind_blob(statement, index, bytes->constData(), bytes->size(), SQLITE_STATIC);
+    }
+    case QMetaType::Int:
+    case QMetaType::Bool:
+        return sqlite3_bind_int(statement, index, value.toInt());
+    case QMetaType::Double:
+        return sqlite3_bind_double(statement, index, value.toDouble());
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+        return sqlite3_bind_int64(statement, index, value.toLongLong());
+    case QMetaType::QString: {
+        const QString* text = static_cast<const QString*>(value.constData());
+        return sqlite3_bind_text16(statement, index, text->utf16(), text->size() * 2, SQLITE_STATIC);
+    }
+    default: {
+        const QString text = value.toString();
+        return sqlite3_bind_text16(statement, index, text.utf16(), text.size() * 2, SQLITE_TRANSIENT);
+    }
+    }
+}
+
+// SQLite: one single-row statement on the driver's own handle, stepped once per row. Qt's binding
+// (a name lookup per value) cost as much as the inserts themselves; the values are bound as Qt
+// would bind them, so the rows are the same either way.
+bool insertRowsSqlite(sqlite3* handle, const QString& table, int columns,
+                      const QVector<const QVector<QVariant>*>& rows, QString* error)
+{
+    const QByteArray text = (schema::insertHead(table) + schema::placeholders(columns)).toUtf8();
+    sqlite3_stmt* statement = nullptr;
+    auto fail = [&] {
+        if (error)
+            *error = QString::fromUtf8(sqlite3_errmsg(handle)) + QStringLiteral(" Unable to insert into ") + table;
+        return false;
+    };
+    if (sqlite3_prepare_v2(handle, text.constData(), text.size(), &statement, nullptr) != SQLITE_OK)
+        return fail();
+    bool ok = true;
+    for (const QVector<QVariant>* row : rows) {
+        if (row->size() != columns) {
+            if (error)
+                *error = QStringLiteral("%1 values for the %2 columns of %3").arg(row->size()).arg(columns).arg(table);
+            ok = false;
+            continue;
+        }
+        int index = 0;
+        bool bound = true;
+        for (const QVariant& value : *row)
+            bound = bindSqlite(statement, ++index, value) == SQLITE_OK && bound;
+        if (!bound || sqlite3_step(statement) != SQLITE_DONE)
+            ok = fail();
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
+    }
+    sqlite3_finalize(statement);
+    return ok;
+}
+
+} // namespace
+
+bool insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows, QString* error)
+{
+    if (rows.isEmpty())
+        return true;
+    const int columns = qMax(1, schema::columns(table).size());
+    if (sqlite3* handle = sqliteHandle(db))
+        return insertRowsSqlite(handle, table, columns, rows, error);
+    // A series' rows go through one short multi-row statement, prepared once and run over the
+    // batch: MariaDB's bind buffers are rebuilt per statement, and about 256 values per statement
+    // measured fastest.
+    const int rowsPerStatement = qMax(1, 256 / columns);
+    const QString head = schema::insertHead(table);
+    const QString oneRow = schema::placeholders(columns);
+    auto statement = [&](int n) {
+        QString text = head;
+        text.reserve(head.size() + n * (oneRow.size() + 1));
+        for (int r = 0; r < n; ++r) {
+            if (r)
+                text += ',';
+            text += oneRow;
+        }
+        return text;
+    };
+    bool ok = true;
+    QSqlQuery query(db);
+    int prepared = 0;
+    for (int first = 0; first < rows.size(); first += rowsPerStatement) {
+        const int n = qMin(rowsPerStatement, rows.size() - first);
+        if (n != prepared) {
+            prepared = query.prepare(statement(n)) ? n : 0;
+            if (!prepared) {
+                ok = false;
+                if (error)
+                    *error = query.lastError().text();
+                continue;
+            }
+        }
+        for (int r = 0; r < n; ++r) {
+            for (const QVariant& value : *rows.at(first + r))
+                query.addBindValue(value);
+        }
+        if (!query.exec()) {
+            ok = false;
+            if (error)
+                *error = query.lastError().text();
+        }
+    }
+    return ok;
+}
+
+} // namespace kestrel::internal::records

@@ -1,0 +1,460 @@
+// QDcmFiles: the patient, study and series rows, the image records and their writers, and the
+// lookups of the import pass. Every statement runs on the importer's own connection with bound
+// values.
+#include "qdcmfiles.h"
+
+#include "catalog/catalogschema_p.h"
+#include "dicom/dcmvalues_p.h"
+#include "import/imagerecordfill_p.h"
+#include "import/importrecords_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QDate>
+#include <QSqlError>
+#include <QSqlQuery>
+
+using namespace kestrel::internal;
+
+namespace {
+
+const QString kImageFormat = QStringLiteral("imageformat");
+const QString kImagePixel = QStringLiteral("imagepixel");
+const QString kMrImageInfo = QStringLiteral("mrimageinfo");
+
+constexpr unsigned int kSortReadLength = 2048;
+constexpr unsigned int kRecordReadLength = 4096;
+
+// Runs TEXT with VALUES bound in order; false when it fails.
+bool run(QSqlQuery& query, const QString& text, const QVariantList& values = {})
+{
+    if (!query.prepare(text))
+        return false;
+    for (const QVariant& value : values)
+        query.addBindValue(value);
+    return query.exec();
+}
+
+// The key of the last row, -1 without rows, FAILED when the query fails.
+qint64 lastKey(QSqlDatabase db, const QString& text, const QVariant& value, qint64 failed = -1)
+{
+    QSqlQuery query(db);
+    if (!run(query, text, {value}))
+        return failed;
+    qint64 pk = -1;
+    while (query.next())
+        pk = query.value(0).toLongLong();
+    return pk;
+}
+
+QList<PKAndUID> keysAndUIDs(QSqlDatabase db, const QString& text, qint64 parentPk)
+{
+    QList<PKAndUID> list;
+    QSqlQuery query(db);
+    if (run(query, text, {parentPk})) {
+        while (query.next())
+            list.append(PKAndUID{query.value(0).toLongLong(), query.value(1).toString()});
+    }
+    return list;
+}
+
+// Marks RECORD against KNOWN: a duplicate stops here; otherwise the UID is claimed and the series
+// key resolved (per file from its SeriesInstanceUID when the series was created in this run).
+bool claim(QDcmFiles* importer, ImageRecord* record, QSet<QString>& known, qint64 seriesPk, DcmItem* item)
+{
+    record->sopInstanceUID = dcmString(item, DCM_SOPInstanceUID);
+    if (known.contains(record->sopInstanceUID)) {
+        record->state = ImageRecord::Duplicate;
+        return false;
+    }
+    known.insert(record->sopInstanceUID);
+    record->seriesPk = seriesPk == -1 ? importer->getSeriesPKBySeriesUID(dcmString(item, DCM_SeriesInstanceUID)) : seriesPk;
+    return true;
+}
+
+void finish(ImageRecord* record, const QString& table)
+{
+    setColumn(record, table, "series_fk", record->seriesPk);
+    setColumn(record, table, "SOPInstanceUID", record->sopInstanceUID);
+    record->state = ImageRecord::New;
+}
+
+} // namespace
+
+namespace kestrel::internal {
+
+void setColumn(ImageRecord* record, const QString& table, const QString& column, const QVariant& value)
+{
+    const int index = records::columnIndex(table, column);
+    if (index >= 0 && index < record->values.size())
+        record->values[index] = value;
+}
+
+QVariant columnValue(const ImageRecord& record, const QString& table, const QString& column)
+{
+    const int index = records::columnIndex(table, column);
+    return index >= 0 && index < record.values.size() ? record.values.at(index) : QVariant();
+}
+
+namespace {
+
+void finishImageFormat(ImageFormat* record, const QString& sop)
+{
+    // ContentDate goes through a QDate parsed with "YYYYMMDD", a pattern that never matches an
+    // eight-digit date: the column stays empty, as the application's readers expect.
+    const QDate contentDate = QDate::fromString(columnValue(*record, kImageFormat, "ContentDate").toString(), "YYYYMMDD");
+    setColumn(record, kImageFormat, "ContentDate", contentDate.isValid() ? contentDate.toString("yyyyMMdd") : QString(""));
+    setColumn(record, kImageFormat, "FilePath", record->filePath);
+    record->sopInstanceUID = sop;
+}
+
+void finishImagePix(ImagePix* record, const QString& sop)
+{
+    record->sliceThickness = columnValue(*record, kImagePixel, "SliceThickness").toString().section('\\', 0, 0).toFloat();
+    record->sliceLocation = columnValue(*record, kImagePixel, "SliceLocation").toString().section('\\', 0, 0).toFloat();
+    record->sopInstanceUID = sop;
+}
+
+} // namespace
+
+void readImageFormat(ImageFormat* record, DcmItem* item)
+{
+    record->values = records::readColumns(kImageFormat, item);
+    finishImageFormat(record, dcmString(item, DCM_SOPInstanceUID));
+}
+
+void readImagePix(ImagePix* record, DcmItem* item)
+{
+    record->values = records::readColumns(kImagePixel, item);
+    finishImagePix(record, dcmString(item, DCM_SOPInstanceUID));
+}
+
+void readMRImageInfo(MRImageInfo* record, DcmItem* item)
+{
+    record->values = records::readColumns(kMrImageInfo, item);
+    record->sopInstanceUID = dcmString(item, DCM_SOPInstanceUID);
+}
+
+void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, DcmItem* item)
+{
+    static const QStringList tables{kImageFormat, kImagePixel, kMrImageInfo};
+    QVector<QVector<QVariant>> values = records::readColumns(tables, item);
+    const QString sop = dcmString(item, DCM_SOPInstanceUID);
+    format->values = std::move(values[0]);
+    pix->values = std::move(values[1]);
+    info->values = std::move(values[2]);
+    finishImageFormat(format, sop);
+    finishImagePix(pix, sop);
+    info->sopInstanceUID = sop;
+}
+
+} // namespace kestrel::internal
+
+// ---------------------------------------------------------------------------------------------
+// Patients, studies, series
+
+qint64 QDcmFiles::getPatientIDAndName(QString file)
+{
+    if (!loadWithParser(file, kSortReadLength))
+        return -2;
+    DcmDataset* dataset = m_fileFormat->getDataset();
+    // The ID as the patient row stores it (the whole value, decoded by the file's character set):
+    // any other form misses rows with several values or non-ASCII text and adds the patient again.
+    const QString id = dcmDecodedString(dataset, DCM_PatientID);
+    const QString name = dcmDecodedString(dataset, DCM_PatientName);
+    // A file without PatientID cannot be placed; one without a name is catalogued under its ID.
+    if (id.isEmpty())
+        return -2;
+    m_patientID = id;
+    return getPatientPKByNameAndID(name, id);
+}
+
+qint64 QDcmFiles::getPatientPKByNameAndID(QString name, QString id)
+{
+    // Patients are identified by PatientID alone: two names under one ID are one patient.
+    Q_UNUSED(name)
+    return lastKey(database(), QStringLiteral("SELECT pk FROM patient WHERE PatientID = ?"), id, -2);
+}
+
+bool QDcmFiles::addPatientDataBase(QString file)
+{
+    if (!loadWithParser(file, kSortReadLength))
+        return false;
+    QVector<QVariant> values = records::readColumns(QStringLiteral("patient"), m_fileFormat->getDataset());
+    values[records::columnIndex("patient", "Status")] = records::notUploadedStatus();
+    return records::insertRows(database(), QStringLiteral("patient"), {&values}, &m_lastError);
+}
+
+bool QDcmFiles::addStudyDataBase(QString file, qint64 patientPk)
+{
+    if (!loadWithParser(file, kSortReadLength))
+        return false;
+    const QString table = QStringLiteral("generalstudy");
+    QVector<QVariant> values = records::readColumns(table, m_fileFormat->getDataset());
+    const int time = records::columnIndex(table, "StudyTime");
+    values[time] = records::timeOfDay(values.at(time).toString());
+    values[records::columnIndex(table, "patient_fk")] = patientPk;
+    values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
+    return records::insertRows(database(), table, {&values}, &m_lastError);
+}
+
+bool QDcmFiles::addGeneralSeriesDataBase(UIDandFile series, qint64 studyPk)
+{
+    if (!loadWithParser(series.path, kSortReadLength)) {
+        m_lastError = tr("cannot read %1").arg(series.path);
+        return false;
+    }
+    const QString table = QStringLiteral("generalseries");
+    QVector<QVariant> values = records::readColumns(table, m_fileFormat->getDataset());
+    const int time = records::columnIndex(table, "SeriesTime");
+    values[time] = records::timeOfDay(values.at(time).toString());
+    values[records::columnIndex(table, "study_fk")] = studyPk;
+    values[records::columnIndex(table, "SeriesBase")] = series.uid;
+    values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
+    return records::insertRows(database(), table, {&values}, &m_lastError);
+}
+
+QList<PKAndUID> QDcmFiles::getStudyPKAndUIDByPatientFK(qint64 patientPk)
+{
+    return keysAndUIDs(database(), QStringLiteral("SELECT pk,StudyInstanceUID FROM generalstudy WHERE patient_fk = ?"), patientPk);
+}
+
+qint64 QDcmFiles::getStudyPKByStudyUID(QString studyUID)
+{
+    return lastKey(database(), QStringLiteral("SELECT pk FROM generalstudy WHERE StudyInstanceUID = ?"), studyUID);
+}
+
+QList<PKAndUID> QDcmFiles::getSeriesPKAndUIDByStudyFK(qint64 studyPk)
+{
+    return keysAndUIDs(database(), QStringLiteral("SELECT pk,SeriesBase FROM generalseries WHERE study_fk = ?"), studyPk);
+}
+
+qint64 QDcmFiles::getSeriesPKBySeriesUID(QString seriesUID)
+{
+    return lastKey(database(), QStringLiteral("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?"), seriesUID);
+}
+
+qint64 QDcmFiles::getSeriesPkBySeriesBase(QString seriesBase)
+{
+    return lastKey(database(), QStringLiteral("SELECT pk FROM generalseries WHERE SeriesBase = ?"), seriesBase);
+}
+
+qint64 QDcmFiles::getStudyUid(QString file)
+{
+    // The key of the study the file belongs to.
+    if (!loadWithParser(file, kSortReadLength))
+        return -1;
+    return getStudyPKByStudyUID(dcmString(m_fileFormat->getDataset(), DCM_StudyInstanceUID));
+}
+
+qint64 QDcmFiles::getSeriesUid(QString file)
+{
+    // The key of the (last) series row with the file's SeriesInstanceUID.
+    if (!loadWithParser(file, kSortReadLength))
+        return -1;
+    return getSeriesPKBySeriesUID(dcmString(m_fileFormat->getDataset(), DCM_SeriesInstanceUID));
+}
+
+bool QDcmFiles::getPatientName(QString file, QString& name)
+{
+    if (!loadWithParser(file, kSortReadLength))
+        return false;
+    name = dcmDecodedString(m_fileFormat->getDataset(), DCM_PatientName);
+    return true;
+}
+
+bool QDcmFiles::getSeriesInstanceUID(QString file, QString& seriesUID)
+{
+    if (!loadWithParser(file, kSortReadLength))
+        return false;
+    seriesUID = dcmString(m_fileFormat->getDataset(), DCM_SeriesInstanceUID);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Image records
+
+bool QDcmFiles::getImageFormat(ImageFormat* record, QSet<QString>& known, qint64 seriesPk, DcmFileFormat* file)
+{
+    DcmDataset* dataset = file->getDataset();
+    if (!claim(this, record, known, seriesPk, dataset)) {
+        if (m_copyMode) {
+            // In copy mode the stored row's IrradiationEventUID is the storage marker.
+            record->values = QVector<QVariant>(schema::columns(kImageFormat).size());
+            QSqlQuery query(database());
+            if (run(query, QStringLiteral("SELECT IrradiationEventUID FROM imageformat WHERE SOPInstanceUID = ?"),
+                    {record->sopInstanceUID}) &&
+                query.next())
+                setColumn(record, kImageFormat, "IrradiationEventUID", query.value(0).toString());
+        }
+        return true;
+    }
+    const qint64 pk = record->seriesPk;
+    readImageFormat(record, dataset);
+    record->seriesPk = pk;
+    finish(record, kImageFormat);
+    return true;
+}
+
+bool QDcmFiles::getImagePix(ImagePix* record, QSet<QString>& known, qint64 seriesPk, DcmFileFormat* file)
+{
+    DcmDataset* dataset = file->getDataset();
+    if (!claim(this, record, known, seriesPk, dataset))
+        return true;
+    const qint64 pk = record->seriesPk;
+    readImagePix(record, dataset);
+    record->seriesPk = pk;
+    finish(record, kImagePixel);
+    return true;
+}
+
+bool QDcmFiles::getMRImageInfo(MRImageInfo* record, QSet<QString>& known, qint64 seriesPk, DcmFileFormat* file)
+{
+    DcmDataset* dataset = file->getDataset();
+    if (!claim(this, record, known, seriesPk, dataset))
+        return true;
+    const qint64 pk = record->seriesPk;
+    readMRImageInfo(record, dataset);
+    record->seriesPk = pk;
+    finish(record, kMrImageInfo);
+    return true;
+}
+
+// The batch writers bind every value: ImageType's backslashes and any apostrophe reach the column as
+// they are on both databases.
+template <typename Record>
+static bool writeBatch(QSqlDatabase db, const QString& table, Record* records, int count, QString* error)
+{
+    QVector<const QVector<QVariant>*> rows;
+    for (int i = 0; i < count; ++i) {
+        if (records[i].state == ImageRecord::New && !records[i].values.isEmpty())
+            rows.append(&records[i].values);
+    }
+    return records::insertRows(db, table, rows, error);
+}
+
+bool QDcmFiles::addImageFormatsToDB(ImageFormat* records, int count)
+{
+    QString error;
+    if (writeBatch(database(), kImageFormat, records, count, &error))
+        return true;
+    ++m_counts.failedBatches;
+    emit errorInfo(error);
+    return false;
+}
+
+bool QDcmFiles::addImagePixsToDB(ImagePix* records, int count)
+{
+    QString error;
+    if (writeBatch(database(), kImagePixel, records, count, &error))
+        return true;
+    ++m_counts.failedBatches;
+    emit errorInfo(error);
+    return false;
+}
+
+bool QDcmFiles::addMRImageInfosToDB(MRImageInfo* records, int count)
+{
+    QString error;
+    if (writeBatch(database(), kMrImageInfo, records, count, &error))
+        return true;
+    ++m_counts.failedBatches;
+    emit errorInfo(error);
+    return false;
+}
+
+bool QDcmFiles::insertRecord(const QString& table, const ImageRecord& record)
+{
+    if (record.state != ImageRecord::New)
+        return false;
+    return records::insertRows(database(), table, {&record.values}, &m_lastError);
+}
+
+bool QDcmFiles::addImageFormatDataBase(QSet<QString>& known, QString file, qint64 seriesPk)
+{
+    if (!loadWithParser(file, kRecordReadLength))
+        return false;
+    ImageFormat record;
+    record.filePath = file;
+    getImageFormat(&record, known, seriesPk, m_fileFormat);
+    return insertRecord(kImageFormat, record);
+}
+
+bool QDcmFiles::addImagePixDataBase(QSet<QString>& known, QString file, qint64 seriesPk)
+{
+    if (!loadWithParser(file, kRecordReadLength))
+        return false;
+    ImagePix record;
+    getImagePix(&record, known, seriesPk, m_fileFormat);
+    return insertRecord(kImagePixel, record);
+}
+
+bool QDcmFiles::addMRImageInfoDataBase(QSet<QString>& known, QString file, qint64 seriesPk)
+{
+    if (!loadWithParser(file, kRecordReadLength))
+        return false;
+    MRImageInfo record;
+    getMRImageInfo(&record, known, seriesPk, m_fileFormat);
+    return insertRecord(kMrImageInfo, record);
+}
+
+bool QDcmFiles::getImageInstanceUID(QString table, qint64 seriesPk, QSet<QString>& known)
+{
+    if (table != kImageFormat && table != kImagePixel && table != kMrImageInfo)
+        return false;
+    QSqlQuery query(database());
+    if (!run(query, QStringLiteral("SELECT SOPInstanceUID FROM %1 WHERE series_fk = ?").arg(table), {seriesPk}))
+        return false;
+    while (query.next())
+        known.insert(query.value(0).toString());
+    return true;
+}
+
+bool QDcmFiles::IsImageFormatTableExist()
+{
+    QSqlQuery query(database());
+    return query.exec(QStringLiteral("SELECT * FROM imageformat WHERE InstanceNumber = NULL"));
+}
+
+bool QDcmFiles::IsImagePixTableExist()
+{
+    QSqlQuery query(database());
+    return query.exec(QStringLiteral("SELECT * FROM imagepixel WHERE SliceThickness = NULL"));
+}
+
+bool QDcmFiles::getEchoTime(qint64 seriesPk, QString& echoTime)
+{
+    QSqlQuery query(database());
+    if (!run(query, QStringLiteral("SELECT EchoTime FROM mrimageinfo WHERE series_fk = ?"), {seriesPk}) || !query.next())
+        return false;
+    echoTime = query.value(0).toString();
+    return true;
+}
+
+bool QDcmFiles::getEchoTime(QString file, QString& echoTime)
+{
+    if (!loadWithParser(file, kRecordReadLength))
+        return false;
+    echoTime = dcmStringAll(m_fileFormat->getDataset(), DCM_EchoTime);
+    return true;
+}
+
+bool QDcmFiles::getMagneticFieldStrength(qint64 seriesPk, QString& strength)
+{
+    QSqlQuery query(database());
+    if (!run(query, QStringLiteral("SELECT MagneticFieldStrength FROM mrimageinfo WHERE series_fk = ?"), {seriesPk}) ||
+        !query.next())
+        return false;
+    strength = query.value(0).toString();
+    return true;
+}
+
+bool QDcmFiles::getMagneticFieldStrength(QString file, QString& strength)
+{
+    if (!loadWithParser(file, kRecordReadLength))
+        return false;
+    strength = dcmStringAll(m_fileFormat->getDataset(), DCM_MagneticFieldStrength);
+    return true;
+}

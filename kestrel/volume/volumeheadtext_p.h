@@ -1,0 +1,30 @@
+#pragma once
+
+#include "platform/testexport_p.h"
+#include "volumehead.h"
+
+#include <QString>
+
+// The "magic:DCVM;..." text form of a VolumeHead, and the checks that keep a head's geometry
+// inside the buffer it describes.
+namespace kestrel::internal {
+
+// The 21-item head string. Doubles are printed as C printf's "%g" (6 significant digits), which
+// the modules reading the string expect (Qt's own formatting rounds ties and -0 differently).
+KESTREL_TEST_EXPORT QString volumeHeadText(const VolumeHead& head);
+
+// Parses a head string by position into HEAD (keys are ignored). Items missing from a short text
+// leave their fields as they were. UIDs are copied without terminator and only over the length of
+// the new value; values longer than the field are cut to it.
+KESTREL_TEST_EXPORT void parseVolumeHeadText(const QString& text, VolumeHead& head);
+
+// Code of a PhotometricInterpretation string (0 = MONOCHROME1 ... 12 = YBR_RCT), or CURRENT when
+// the string is not one of them.
+KESTREL_TEST_EXPORT int photometricCode(const QString& value, int current);
+
+// Number of whole frames of HEAD's geometry that fit in LENGTH bytes of buffer whose voxels start
+// at OFFSET, at most HEAD.timeNum (at least 1 when frame 0 fits). 0 when the sizes or strides are
+// negative or frame 0 does not fit.
+KESTREL_TEST_EXPORT int framesInBuffer(const VolumeHead& head, qint64 offset, qint64 length);
+
+} // namespace kestrel::internal

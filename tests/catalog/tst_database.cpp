@@ -1,0 +1,154 @@
+#include "testcatalog.h"
+
+#include "catalog/catalogschema_p.h"
+#include "kestrelpaths.h"
+#include "veldatabaseconnection.h"
+
+#include <QFile>
+#include <QSignalSpy>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QSqlRecord>
+#include <QtTest>
+
+using namespace kestrel::internal;
+
+class TestDatabase : public QObject
+{
+    Q_OBJECT
+
+private:
+    // Columns of TABLE as the catalogue created them, in order.
+    static QStringList createdColumns(const TestCatalog& catalog, const QString& table)
+    {
+        QStringList names;
+        QSqlQuery query(QSqlDatabase::database());
+        if (catalog.isMariaDb()) {
+            query.prepare("SELECT column_name FROM information_schema.columns WHERE table_schema = ? AND "
+                          "table_name = ? ORDER BY ordinal_position");
+            query.addBindValue(catalog.schemaName());
+            query.addBindValue(table);
+            query.exec();
+        } else {
+            query.exec(QString("PRAGMA table_info([%1])").arg(table));
+        }
+        while (query.next())
+            names << query.value(catalog.isMariaDb() ? 0 : 1).toString();
+        return names;
+    }
+
+private slots:
+    void schemaMatchesColumnLists_data() { TestCatalog::addBackendRows(); }
+    void schemaMatchesColumnLists()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        for (const QString& table : schema::tables()) {
+            QStringList expected = schema::columns(table);
+            const bool keyed = table != "series" && table != "images";
+            if (keyed)
+                expected.prepend("pk");
+            QCOMPARE(createdColumns(catalog, table), expected);
+        }
+        for (const char* table : {"patientuser", "andvancequiry", "querypatientuser", "querygeneralstudyuser",
+                                     "querygeneralseriesuser", "queryimageformatuser"})
+            QVERIFY2(TestCatalog::count(table) >= 0, table);
+        // The display tables mirror their level's columns, key first.
+        QCOMPARE(createdColumns(catalog, "querypatientuser").mid(1, 28), schema::columns("patient"));
+    }
+
+    void keysAreAssignedAndValuesBound_data() { TestCatalog::addBackendRows(); }
+    void keysAreAssignedAndValuesBound()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        const QStringList columns = schema::columns("imagepixel");
+        QSqlQuery insert(QSqlDatabase::database());
+        QVERIFY(insert.prepare(schema::insertStatement("imagepixel")));
+        const int firstNumeric = columns.indexOf("series_fk");
+        for (int i = 0; i < columns.size(); ++i) {
+            if (columns[i] == "ImageOrientationPatient")
+                insert.addBindValue(QString("1\\0\\0\\0\\1\\0"));
+            else if (i >= firstNumeric && columns[i] != "SOPInstanceUID")
+                insert.addBindValue(0.5 * i);
+            else
+                insert.addBindValue(QString("O'Brien; --"));
+        }
+        QVERIFY(insert.exec());
+        QVERIFY(insert.exec());
+        QSqlQuery read(QSqlDatabase::database());
+        QVERIFY(read.exec("SELECT pk, ImageOrientationPatient FROM imagepixel ORDER BY pk"));
+        QVERIFY(read.next());
+        const qint64 first = read.value(0).toLongLong();
+        QCOMPARE(read.value(1).toString(), QString("1\\0\\0\\0\\1\\0"));
+        QVERIFY(read.next());
+        QCOMPARE(read.value(0).toLongLong(), first + 1);
+    }
+
+    void reopeningKeepsTheCatalogue_data() { TestCatalog::addBackendRows(); }
+    void reopeningKeepsTheCatalogue()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QVERIFY(QSqlQuery(QSqlDatabase::database()).exec("INSERT INTO patient (PatientID) VALUES ('42')"));
+        QVERIFY(createConnection());
+        QCOMPARE(TestCatalog::count("patient"), 1);
+        QCOMPARE(TestCatalog::count("querypatientuser"), 1);
+    }
+
+    void unreachableServerFails()
+    {
+        TestCatalog catalog("sqlite");
+        QFile ini(catalog.configDir() + "/database.ini");
+        QVERIFY(ini.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        ini.write("[currentdatabase]\ndbname=remote\n[remote]\ndatabaseType=QMYSQL\nhostName=127.0.0.1\n"
+                  "databaseName=orvena\ndefaultName=mysql\nuserName=nobody\n");
+        ini.close();
+        qputenv("MYSQL_TCP_PORT", "1"); // nothing listens there
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Cannot open database: .+"));
+        QVERIFY(!createConnection());
+        qunsetenv("MYSQL_TCP_PORT");
+    }
+
+    void sqliteScriptSplitsOnSeparatorOnly()
+    {
+        // Every piece of the shipped script is one statement: a plain ";" never ends a piece.
+        QFile script(Kestrel::applicationDir() + "/../database/vel-sqlite.sql");
+        QVERIFY(script.open(QIODevice::ReadOnly));
+        const QStringList pieces = QString::fromUtf8(script.readAll()).split(";#", Qt::SkipEmptyParts);
+        QVERIFY(pieces.size() > schema::tables().size());
+        for (const QString& piece : pieces)
+            QVERIFY2(!piece.contains(';'), qPrintable(piece.left(80)));
+    }
+
+    void velDatabaseConnectionReportsProgress()
+    {
+        TestCatalog catalog("sqlite");
+        QFile ini(catalog.configDir() + "/database.ini");
+        QVERIFY(ini.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        // The user name is read outside the group: the one inside is ignored.
+        ini.write(QString("[database]\ndatabaseType=QSQLITE\ndatabaseName=%1\nuserName=ignored\n")
+                      .arg(catalog.path("vel.sqlite"))
+                      .toUtf8());
+        ini.close();
+        VelDatabaseConnection connection;
+        QSignalSpy spy(&connection, &VelDatabaseConnection::message);
+        QVERIFY(connection.createConnection());
+        QCOMPARE(spy.count(), 2);
+        QCOMPARE(spy.at(0).at(0).toString(), QString("openning database.."));
+        QCOMPARE(spy.at(1).at(0).toString(), QString("success open database"));
+        QCOMPARE(spy.at(1).at(1).toInt(), 1);
+        QCOMPARE(spy.at(1).at(2).value<QColor>(), QColor(0, 0, 0, 255));
+        QCOMPARE(QSqlDatabase::database().userName(), QString("root"));
+
+        ini.open(QIODevice::WriteOnly | QIODevice::Truncate);
+        ini.write("[database]\ndatabaseType=QSQLITE\ndatabaseName=/nonexistent/dir/x.sqlite\n");
+        ini.close();
+        spy.clear();
+        QVERIFY(!connection.createConnection());
+        QVERIFY(spy.at(1).at(0).toString().startsWith("Cannot open database"));
+    }
+};
+
+QTEST_MAIN(TestDatabase)
+#include "tst_database.moc"

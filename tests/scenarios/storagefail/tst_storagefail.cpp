@@ -1,0 +1,147 @@
+#include "ndicomvolume.h"
+#include "qdcmfiles.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "syntheticdicom.h"
+#include "seriesfromfiles.h"
+#include "testcatalog.h"
+
+#include "dicom/dcmvalues_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+#include <QDir>
+#include <QFile>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSqlQuery>
+#include <QtTest>
+
+#include <memory>
+
+// Storage that cannot be written (a folder below a regular file, a file that is /dev/full) while
+// the importer copies and while a volume is cached: the failure is reported and the catalogue
+// never names a file that is not there, before or after a run on working storage.
+namespace {
+
+using namespace kestrel::internal;
+
+// Every FilePath and cache Savepath of the catalogue that names no file.
+QStringList missingFiles()
+{
+    QStringList missing;
+    for (const QString& path : TestCatalog::values("SELECT FilePath FROM imageformat") + TestCatalog::values("SELECT Savepath FROM registration"))
+        if (!QFileInfo(path).isFile() || QFileInfo(path).size() == 0)
+            missing << path;
+    return missing;
+}
+
+void setStorageRoot(const TestCatalog& catalog, const QString& root)
+{
+    QSettings ini(catalog.configDir() + "/datasavepath.ini", QSettings::IniFormat);
+    ini.setValue("save/savepath", root);
+}
+
+} // namespace
+
+class TestStorageFail : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void copyModeUnwritable_data() { TestCatalog::addBackendRows(); }
+    void copyModeUnwritable()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        const QStringList files = writeSyntheticSeries(catalog.path("in"), SyntheticImage(), 4);
+        QFile blocker(catalog.path("plainfile"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+
+        // The storage root lies below a regular file, then is a link to /dev/full.
+        for (const QString& root : {catalog.path("plainfile/store"), catalog.path("full")}) {
+            if (root.endsWith("full"))
+                QVERIFY(QFile::link("/dev/full", root));
+            setStorageRoot(catalog, root);
+            QDcmFiles importer;
+            QSignalSpy errors(&importer, &QDcmFiles::errorInfo);
+            importer.loadLocalFolderToDB(catalog.path("in"), 1, true);
+            QVERIFY2(!errors.isEmpty(), qPrintable(root));
+            QVERIFY(errors.first().first().toString().contains("cannot copy"));
+            QCOMPARE(TestCatalog::count("imageformat"), files.size());
+            QCOMPARE(missingFiles(), QStringList());
+        }
+
+        // Working storage: the re-run copies and the rows name the copies.
+        setStorageRoot(catalog, catalog.path("store"));
+        QDcmFiles importer;
+        QSignalSpy errors(&importer, &QDcmFiles::errorInfo);
+        importer.loadLocalFolderToDB(catalog.path("in"), 1, true);
+        QVERIFY2(errors.isEmpty(), qPrintable(errors.value(0).value(0).toString()));
+        QCOMPARE(TestCatalog::count("imageformat"), files.size());
+        QCOMPARE(missingFiles(), QStringList());
+        for (const QString& path : TestCatalog::values("SELECT FilePath FROM imageformat"))
+            QVERIFY2(path.startsWith(catalog.path("store")), qPrintable(path));
+
+        // Once more over the stored copies: they are replaced through a file beside them.
+        QDcmFiles again;
+        again.loadLocalFolderToDB(catalog.path("in"), 1, true);
+        QCOMPARE(TestCatalog::count("imageformat"), files.size());
+        QCOMPARE(missingFiles(), QStringList());
+        const QString stored = TestCatalog::values("SELECT FilePath FROM imageformat").value(0);
+        QVERIFY(QDir(QFileInfo(stored).path()).entryList({"*.part"}, QDir::Files).isEmpty());
+    }
+
+    void volumeCacheUnwritable()
+    {
+        KESTREL_OPEN_CATALOG(catalog, "sqlite");
+        SyntheticImage base;
+        base.rows = 64;
+        base.columns = 128;
+        std::unique_ptr<QSeries> series(seriesFromFiles(writeSyntheticSeries(catalog.path("dicom"), base, 10), 1));
+        const QString key = series->getSeriesBase();
+
+        // A cache folder below a regular file: nothing registered, the volume is still built.
+        QFile blocker(catalog.path("plainfile"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        QVERIFY(catalog.setVolumeCache(catalog.path("plainfile/cache")));
+        {
+            NDicomVolume volume;
+            QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
+            QVERIFY(volume.isValid());
+            QCOMPARE(volume.getCurVolumeDataPath(), QString());
+            QCOMPARE(TestCatalog::count("registration"), 0);
+        }
+
+        // The cache file is /dev/full: the write fails, nothing is registered, no file is left.
+        QVERIFY(QDir().mkpath(catalog.path("cache")));
+        QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
+        const QString file = catalog.path("cache") + "/" + key + ".data";
+        QVERIFY(QFile::link("/dev/full", file));
+        {
+            NDicomVolume volume;
+            QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
+            QVERIFY(volume.isValid());
+            QCOMPARE(volume.getCurVolumeDataPath(), QString());
+            QCOMPARE(TestCatalog::count("registration"), 0);
+            QCOMPARE(missingFiles(), QStringList());
+        }
+
+        // Working storage again: built, written and registered once.
+        QFile::remove(file);
+        {
+            NDicomVolume volume;
+            QVERIFY(volume.getVolumeFromSeriesUID(series.get()));
+            QCOMPARE(volume.getCurVolumeDataPath(), file);
+            QCOMPARE(TestCatalog::count("registration"), 1);
+            QCOMPARE(missingFiles(), QStringList());
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestStorageFail)
+#include "tst_storagefail.moc"
