@@ -80,16 +80,4 @@ int printCatalogTree(QTextStream& out, bool all)
     return keys.size();
 }
 
-QImage windowedImage(NDicomImage& image, double width, double centre)
-{
-    if (image.width() <= 0 || image.height() <= 0)
-        return QImage();
-    std::vector<unsigned int> grey(size_t(image.width()) * size_t(image.height()));
-    image.getGrayImage32(width, centre, grey.data());
-    QImage out(image.width(), image.height(), QImage::Format_RGB32);
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(out.scanLine(y), grey.data() + size_t(y) * size_t(image.width()), size_t(image.width()) * 4);
-    return out;
-}
-
 } // namespace app

@@ -17,7 +17,4 @@ bool openCatalog();
 // Returns the number of patients printed.
 int printCatalogTree(QTextStream& out, bool all);
 
-// The image windowed to grey levels (WIDTH/CENTRE in modality values).
-QImage windowedImage(NDicomImage& image, double width, double centre);
-
 } // namespace app

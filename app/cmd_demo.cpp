@@ -4,6 +4,7 @@
 #include "catalog.h"
 #include "command.h"
 #include "phantom.h"
+#include "picture.h"
 
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
@@ -32,8 +33,7 @@ namespace {
 
 struct Panel {
     QString label;
-    QImage image;
-    double aspect; // physical height / width of one pixel
+    QImage image; // at physical aspect
 };
 
 qint64 seriesKey(const QString& seriesUid)
@@ -52,42 +52,13 @@ bool isCached(const QString& seriesBase)
     return query.exec() && query.next() && QFileInfo::exists(query.value(0).toString());
 }
 
-// The plane as a radiologist reads it: the head at the top. Planes whose rows run towards the
-// feet-to-head direction are shown mirrored top to bottom.
-QImage upright(NDicomImage& image, const QImage& picture)
-{
-    const double* column = image.getOrientation(1);
-    return column && column[2] > 0.5 ? picture.mirrored(false, true) : picture;
-}
-
-// The overlay lines of one corner of the MR view, filled from the file's attributes.
-QStringList cornerLines(const QString& corner, DcmItem* dataset)
-{
-    std::shared_ptr<QSettings> settings = ViewFourCornerInfoConfig::getSetting("MR");
-    QStringList lines;
-    settings->beginGroup(corner);
-    QStringList keys = settings->childKeys();
-    std::sort(keys.begin(), keys.end());
-    for (const QString& key : keys) {
-        const QStringList parsed = ViewFourCornerInfoConfig::parse(settings->value(key).toString());
-        QString line = parsed.value(0);
-        for (int i = 1; i < parsed.size(); ++i)
-            line = line.arg(getDcmAttributeText(dataset, parsed.at(i)));
-        lines << line;
-    }
-    settings->endGroup();
-    return lines;
-}
-
 QImage overview(const QList<Panel>& panels, const QString& firstFile)
 {
     const int height = 320, margin = 12, labelHeight = 28;
     QList<QImage> scaled;
     int width = margin;
     for (const Panel& panel : panels) {
-        const double physicalWidth = panel.image.width();
-        const double physicalHeight = panel.image.height() * panel.aspect;
-        const int w = int(height * physicalWidth / physicalHeight + 0.5);
+        const int w = int(height * double(panel.image.width()) / panel.image.height() + 0.5);
         scaled << panel.image.scaled(w, height, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
         width += w + margin;
     }
@@ -114,11 +85,7 @@ QImage overview(const QList<Panel>& panels, const QString& firstFile)
         painter.setFont(font);
         painter.setPen(QColor(255, 220, 120));
         const QRect area(margin + 4, margin + 2, scaled[0].width() - 8, height - 4);
-        const struct { const char* group; int align; } corners[] = {
-            {"TopLeft", Qt::AlignLeft | Qt::AlignTop}, {"TopRight", Qt::AlignRight | Qt::AlignTop},
-            {"BottomLeft", Qt::AlignLeft | Qt::AlignBottom}, {"BottomRight", Qt::AlignRight | Qt::AlignBottom}};
-        for (const auto& corner : corners)
-            painter.drawText(area, corner.align, cornerLines(corner.group, file.getDataset()).join('\n'));
+        hostkit::drawCornerOverlay(painter, area, "MR", file.getDataset());
     }
     return canvas;
 }
@@ -193,17 +160,13 @@ int runDemo(const QStringList& args)
         int (NDicomVolume::*planes)();
         int thickness;
         RenderType render;
-        double aspect;
     };
-    const double sx = head.voxelspace[0], sz = head.voxelspace[2];
     const Cut cuts[] = {
-        {"axial.png", "Axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum, 1, RenderMax, 1.0},
-        {"coronal.png", "Coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum, 1, RenderMax,
-         sz / sx},
-        {"sagittal.png", "Sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum, 1, RenderMax,
-         sz / sx},
+        {"axial.png", "Axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum, 1, RenderMax},
+        {"coronal.png", "Coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum, 1, RenderMax},
+        {"sagittal.png", "Sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum, 1, RenderMax},
         {"axial-mip.png", "Axial MIP, 20 slices", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum,
-         20, RenderMax, 1.0},
+         20, RenderMax},
     };
     QList<Panel> panels;
     for (const Cut& cut : cuts) {
@@ -211,11 +174,11 @@ int runDemo(const QStringList& args)
         const int middle = (volume.*cut.planes)() / 2;
         if (!(volume.*cut.cut)(image, middle, cut.thickness, cut.render))
             return app::fail("demo", QString("cannot cut the %1 plane").arg(cut.label));
-        const QImage picture = upright(image, app::windowedImage(image, head.WindowWidth, head.WindowCenter));
+        const QImage picture = hostkit::physicalImage(image, head.WindowWidth, head.WindowCenter);
         const QString file = outDir + "/" + cut.file;
         if (!picture.save(file, "PNG"))
             return app::fail("demo", "cannot write " + file);
-        panels << Panel{QString("%1 (%2)").arg(cut.label).arg(middle), picture, cut.aspect};
+        panels << Panel{QString("%1 (%2)").arg(cut.label).arg(middle), picture};
         out << "  " << file << '\n';
     }
     const QString overviewFile = outDir + "/overview.png";

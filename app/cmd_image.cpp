@@ -1,4 +1,5 @@
 #include "command.h"
+#include "picture.h"
 
 #include "ndicomimage.h"
 
@@ -49,13 +50,9 @@ int runImage(const QStringList& args)
         if (!okWidth || !okCentre)
             return app::fail("image", "--window needs two numbers: WIDTH CENTRE");
     }
-    QImage out(image.width(), image.height(), QImage::Format_RGB32);
+    const QImage out = hostkit::physicalImage(image, width, centre);
     if (out.isNull())
         return app::fail("image", "the image is empty");
-    std::vector<unsigned int> grey(size_t(image.width()) * size_t(image.height()));
-    image.getGrayImage32(width, centre, grey.data());
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(out.scanLine(y), grey.data() + size_t(y) * size_t(image.width()), size_t(image.width()) * 4);
     if (!out.save(parser.value("png"), "PNG"))
         return app::fail("image", QString("cannot write %1").arg(parser.value("png")));
     printf("%s: %dx%d, window %g/%g\n", qPrintable(parser.value("png")), image.width(), image.height(), width,

@@ -2,6 +2,7 @@
 // builds (or loads from the cache) a series' volume and writes its three planes as PNG.
 #include "catalog.h"
 #include "command.h"
+#include "picture.h"
 
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
@@ -93,7 +94,7 @@ int runVolume(const QStringList& args)
         const int plane = index >= 0 ? index : (volume.*view.planes)() / 2;
         const bool cut = (volume.*view.cut)(image, plane, thickness, render);
         const QString file = dir.filePath(QString(view.name) + ".png");
-        if (!cut || !app::windowedImage(image, volume.getHead()->WindowWidth, volume.getHead()->WindowCenter).save(file, "PNG")) {
+        if (!cut || !hostkit::physicalImage(image, volume.getHead()->WindowWidth, volume.getHead()->WindowCenter).save(file, "PNG")) {
             status = app::fail("volume", QString("cannot write the %1 plane (index past the end?)").arg(view.name));
             continue;
         }
