@@ -1,10 +1,11 @@
 #include "volume/volumeheadtext_p.h"
 
+#include "platform/textnumbers_p.h"
+
 #include <QByteArray>
 #include <QStringList>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 namespace kestrel::internal {
@@ -13,9 +14,7 @@ namespace {
 
 QString g(double value)
 {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%g", value);
-    return QString::fromLatin1(buffer);
+    return formatNumber(value);
 }
 
 QString doubles(const double* values, int count)

@@ -10,6 +10,9 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
+#include <clocale>
+#include <cstdio>
+
 #include <QtTest>
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -157,6 +160,7 @@ private slots:
     void displayTables();
     void axialCoronalSagittalChoice();
     void seriesToVolume();
+    void germanDesktop();
     void signedAndOddSeries();
     void cacheCycle_data() { TestCatalog::addBackendRows(); }
     void cacheCycle();
@@ -706,6 +710,40 @@ void TestVolume::seriesToVolume()
         QVERIFY(timed.getData() == reinterpret_cast<char*>(timed.getLayers()[0]));
         QCOMPARE(timed.getVoxel(7, 6, 3), quint16(1000 * t + 67));
     }
+}
+
+// A desktop set to German: numbers in the head text keep their decimal point, and the head read
+// back from the text equals the volume's.
+void TestVolume::germanDesktop()
+{
+    const QByteArray previous = setlocale(LC_ALL, nullptr);
+    QVERIFY2(setlocale(LC_ALL, "de_DE.UTF-8"), "the de_DE.UTF-8 locale is missing (scripts/setup.sh installs it)");
+    char check[16];
+    std::snprintf(check, sizeof check, "%g", 0.5);
+    QCOMPARE(QByteArray(check), QByteArray("0,5")); // the C library now writes German numbers
+
+    QTemporaryDir dir;
+    QObject owner;
+    SyntheticImage base;
+    base.rows = 8;
+    base.columns = 8;
+    base.rowSpacing = 0.9375;
+    base.columnSpacing = 0.9375;
+    base.position = {-0.5, 20.25, 30};
+    const QStringList files = writeSyntheticSeries(dir.path(), base, 3, {0, 0, 1.2});
+    const std::unique_ptr<NDicomVolume> v = volumeOf(files, &owner);
+    const QString text = v->volumeHeadtoString(*v->getHead());
+    setlocale(LC_ALL, previous.constData());
+    QVERIFY2(text.contains(";voxelspace:0.9375,0.9375,1.2;") && text.contains(";topxyz:-0.5,20.25,30;"),
+             qPrintable(text));
+
+    QVERIFY(setlocale(LC_ALL, "de_DE.UTF-8"));
+    VolumeHead back = makeHead(1, 1, 1);
+    kestrel::internal::parseVolumeHeadText(text, back);
+    setlocale(LC_ALL, previous.constData());
+    QCOMPARE(back.voxelspace[0], 0.9375);
+    QCOMPARE(back.voxelspace[2], 1.2);
+    QCOMPARE(back.topxyz[1], 20.25);
 }
 
 void TestVolume::signedAndOddSeries()
