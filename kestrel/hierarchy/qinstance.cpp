@@ -1,6 +1,6 @@
 #include "qinstance.h"
 
-#include "geometry/geometry_p.h"
+#include "geometry/slicestack_p.h"
 #include "hierarchy/hierarchy_p.h"
 #include "ndicomimage.h"
 #include "qpatient.h"
@@ -9,8 +9,6 @@
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QVariant>
-
-#include <cmath>
 
 using namespace kestrel::internal;
 
@@ -82,16 +80,7 @@ void QInstance::setOrientation(QString orientation)
 
     const geometry::Vec3 row{m_orientation[0][0], m_orientation[0][1], m_orientation[0][2]};
     const geometry::Vec3 column{m_orientation[1][0], m_orientation[1][1], m_orientation[1][2]};
-    geometry::Vec3 n = geometry::sliceNormal(row, column);
-    // The stored normal is scaled by sqrt(Nx² + Ny·Nz + Nz²), not by its true length: slice order,
-    // the main axis and the volumes cached by earlier versions all derive from this value, so it
-    // is kept as it is (a coronal normal gives 0 and stays unscaled).
-    const double len = std::sqrt(n[0] * n[0] + n[1] * n[2] + n[2] * n[2]);
-    if (len > 0) {
-        n[0] /= len;
-        n[1] /= len;
-        n[2] /= len;
-    }
+    const geometry::Vec3 n = geometry::imageNormal(row, column);
     for (int i = 0; i < 3; ++i)
         m_orientation[2][i] = n[i];
     m_mainZ = geometry::signedMainAxis(n);

@@ -1,6 +1,6 @@
 #include "qseries.h"
 
-#include "geometry/geometry_p.h"
+#include "geometry/slicestack_p.h"
 #include "hierarchy/hierarchy_p.h"
 #include "qinstance.h"
 #include "qpatient.h"
@@ -12,8 +12,8 @@
 #include <QSqlQuery>
 #include <QVariant>
 
-#include <algorithm>
 #include <cmath>
+#include <vector>
 
 using namespace kestrel::internal;
 
@@ -27,10 +27,18 @@ QSqlQuery runQuery(const QString& sql, bool* ok)
     return query;
 }
 
-geometry::Vec3 positionOf(const QInstance* instance)
+// The geometry of INSTANCES for the slice stack, keyed by list index.
+std::vector<geometry::StackImage> stackImages(const QList<QInstance*>& instances)
 {
-    const double* p = instance->getPosition();
-    return {p[0], p[1], p[2]};
+    std::vector<geometry::StackImage> images;
+    for (int i = 0; i < instances.size(); ++i) {
+        const QInstance* instance = instances[i];
+        const double* p = instance->getPosition();
+        const double* o = instance->getOrientation();
+        images.push_back({{p[0], p[1], p[2]}, {o[0], o[1], o[2]}, {o[3], o[4], o[5]}, instance->isGeometryValid(),
+                          instance->getInstanceNumber(), i});
+    }
+    return images;
 }
 
 // Sub-series members share pixel layout and in-plane directions.
@@ -200,20 +208,10 @@ void QSeries::searchInstanceInfos()
 
 void QSeries::sortByPosition()
 {
-    if (m_instances.size() < 2 || !m_instances.first()->isGeometryValid())
-        return;
-    const QInstance* first = m_instances.first();
-    const int k = first->getMainZ();
-    if (k < 0 || k > 2)
-        return;
-    const bool descending = first->getOrientation(2)[k] < 0;
-    // Stable, so that images at one position keep their database order: a sagittal series whose
-    // main axis is the (constant) z keeps the order in which the scanner numbered its slices.
-    std::stable_sort(m_instances.begin(), m_instances.end(), [k, descending](const QInstance* a, const QInstance* b) {
-        if (a->getMainZ() != b->getMainZ())
-            return false;
-        return descending ? a->getPosition()[k] > b->getPosition()[k] : a->getPosition()[k] < b->getPosition()[k];
-    });
+    const QList<QInstance*> given = m_instances;
+    const std::vector<int> order = geometry::orderAlongMainAxis(stackImages(given));
+    for (size_t i = 0; i < order.size(); ++i)
+        m_instances[int(i)] = given[order[i]];
 }
 
 QList<QSeries*> QSeries::subSeries()
@@ -251,48 +249,11 @@ QSeries* QSeries::getVolumeSE()
     QSeries* chosen = subs.takeAt(best);
     qDeleteAll(subs);
 
-    const geometry::Vec3 firstInDatabaseOrder = positionOf(chosen->m_instances.first());
-    chosen->sortByPosition();
-    const QList<QInstance*> sorted = chosen->m_instances;
+    const QList<QInstance*> images = chosen->m_instances;
     delete chosen;
-    if (sorted.size() < 2)
+    const geometry::SliceStack stack = geometry::buildSliceStack(stackImages(images));
+    if (stack.slices.empty())
         return nullptr;
-
-    // Slice spacing: the most common distance between neighbours (clusters 0.01 mm wide).
-    QVector<double> distances;
-    for (int i = 1; i < sorted.size(); ++i)
-        distances.append(geometry::distance(positionOf(sorted[i]), positionOf(sorted[i - 1])));
-    QVector<double> ordered = distances;
-    std::sort(ordered.begin(), ordered.end());
-    double spacing = ordered.first();
-    int bestCount = 0;
-    for (int start = 0; start < ordered.size();) {
-        int end = start + 1;
-        while (end < ordered.size() && !(ordered[end] - ordered[end - 1] > 0.01))
-            ++end;
-        if (end - start > bestCount) {
-            bestCount = end - start;
-            spacing = ordered[start];
-        }
-        start = end;
-    }
-
-    // Gap filter: an image stays when the distance to its predecessor in sorted order is the
-    // spacing; the first image has no predecessor and always stays (it starts the volume).
-    QList<QInstance*> kept{sorted.first()};
-    for (int i = 1; i < sorted.size(); ++i)
-        if (std::fabs(distances[i - 1] - spacing) < 0.1)
-            kept.append(sorted[i]);
-    if (kept.size() < 2 || geometry::distance(positionOf(kept.first()), positionOf(kept.last())) == 0)
-        return nullptr;
-
-    const QInstance* first = kept.first();
-    const double* o = first->getOrientation();
-    const geometry::Vec3 normal = geometry::normalized(geometry::sliceNormal({o[0], o[1], o[2]}, {o[3], o[4], o[5]}));
-    const int k = first->getMainZ();
-    const double along = (k >= 0 && k <= 2) ? normal[k] * (kept.last()->getPosition()[k] - first->getPosition()[k]) : 0;
-    if (along < 0)
-        std::reverse(kept.begin(), kept.end());
 
     auto* volume = new QSeries();
     volume->m_modality = m_modality;
@@ -302,8 +263,8 @@ QSeries* QSeries::getVolumeSE()
     volume->m_seriesDescription = m_seriesDescription;
     volume->m_seriesNumber = m_seriesNumber;
     volume->m_seriesBase = m_seriesBase;
-    volume->m_instances = kept;
-
-    m_isOrder = positionOf(kept.first()) == firstInDatabaseOrder ? 1 : -1;
+    for (const geometry::StackSlice& slice : stack.slices)
+        volume->m_instances.append(images[int(slice.frames.front().key)]); // a volume takes one image per slice
+    m_isOrder = stack.startsAtFirstImage ? 1 : -1;
     return volume;
 }

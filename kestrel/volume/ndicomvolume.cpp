@@ -1,7 +1,7 @@
 #include "ndicomvolume.h"
 
 #include "dicom/dcmvalues_p.h"
-#include "geometry/imagegeometry_p.h"
+#include "geometry/slicestack_p.h"
 #include "volume/volumeheadtext_p.h"
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
@@ -59,24 +59,13 @@ NDicomVolume::~NDicomVolume()
 
 int NDicomVolume::viewAxis(int target) const
 {
-    // Patient axis (0 = x, 1 = y, 2 = z) that each voxel axis i, j, k is closest to.
-    int view[3];
-    for (int a = 0; a < 3; ++a)
-        view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
-    if (view[2] == target)
-        return 3;
-    if (view[1] == target)
-        return 2;
-    if (view[0] == target)
-        return 1;
-    return 0;
+    return geometry::voxelAxisAlong(m_head.orientation, target) + 1;
 }
 
 bool NDicomVolume::planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target)
 {
     int view[3];
-    for (int a = 0; a < 3; ++a)
-        view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
+    geometry::patientAxes(m_head.orientation, view);
     switch (viewAxis(target)) {
     case 3:
         return getDicomImagePlaneK(image, index, thickness, view, render);
@@ -197,13 +186,9 @@ void NDicomVolume::sortFiles(QSeries* series)
     std::memcpy(m_orientation + 3, first->getOrientation(1), 3 * sizeof(double));
     const double* p0 = first->getPosition();
     const double* p1 = slices.last()->getPosition();
-    const double d[3] = {p1[0] - p0[0], p1[1] - p0[1], p1[2] - p0[2]};
-    const double length = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-    if (length > 0 && slices.size() > 1) {
-        for (int c = 0; c < 3; ++c)
-            m_orientation[6 + c] = d[c] / length;
-        m_spacing[2] = length / (slices.size() - 1);
-    }
+    geometry::Vec3 axis;
+    if (geometry::stackAxis({p0[0], p0[1], p0[2]}, {p1[0], p1[1], p1[2]}, slices.size(), axis, m_spacing[2]))
+        std::copy(axis.begin(), axis.end(), m_orientation + 6);
 }
 
 bool NDicomVolume::fillHead()

@@ -1,5 +1,6 @@
 #include "nvolume.h"
 
+#include "geometry/slicestack_p.h"
 #include "volume/volumeheadtext_p.h"
 #include "volume/volumeplugin_p.h"
 #include "simd/kernels_p.h"
@@ -468,14 +469,7 @@ bool NVolume::getCubeEightTopPosition()
 
 int NVolume::getmainz(double a, double b, double c)
 {
-    const double x = std::fabs(a), y = std::fabs(b), z = std::fabs(c);
-    if (z > x && z > y)
-        return 3;
-    if (y > x && y > z)
-        return 2;
-    if (x > y && x > z)
-        return 1;
-    return 0;
+    return geometry::strictMainAxis({a, b, c}) + 1;
 }
 
 int NVolume::getPosiOrNegativeOrien(double a, double b, double c)
