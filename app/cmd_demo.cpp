@@ -8,6 +8,7 @@
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
+#include "veldatabaseconnection.h"
 #include "qdcmfile.h"
 #include "qdcmfiles.h"
 #include "qinstance.h"
@@ -24,7 +25,6 @@
 #include <QImage>
 #include <QPainter>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QVariant>
 
@@ -36,20 +36,10 @@ struct Panel {
     double aspect; // physical height / width of one pixel
 };
 
-qint64 seriesKey(const QString& seriesUid)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?");
-    query.addBindValue(seriesUid);
-    return query.exec() && query.next() ? query.value(0).toLongLong() : -1;
-}
-
 bool isCached(const QString& seriesBase)
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("SELECT Savepath FROM registration WHERE SeriesInstanceUID = ?");
-    query.addBindValue(seriesBase);
-    return query.exec() && query.next() && QFileInfo::exists(query.value(0).toString());
+    const QString file = getCachedVolumePath(seriesBase);
+    return !file.isEmpty() && QFileInfo::exists(file);
 }
 
 // The plane as a radiologist reads it: the head at the top. Planes whose rows run towards the
@@ -163,7 +153,7 @@ int runDemo(const QStringList& args)
     app::printCatalogTree(out, false);
 
     out << "== Volume of the axial series\n" << Qt::flush;
-    const qint64 pk = seriesKey(app::phantomAxialSeriesUid());
+    const qint64 pk = getSeriesKey(app::phantomAxialSeriesUid());
     if (pk < 0)
         return app::fail("demo", "the axial series is not in the catalogue");
     QSeries series(pk);
