@@ -67,9 +67,12 @@ Status sqliteStatus(sqlite3* handle, const QString& table, const QString& sql)
 // SQLite: one single-row statement on the driver's own handle, stepped once per row. Qt's binding
 // (a name lookup per value) cost as much as the inserts themselves; the values are bound as Qt
 // would bind them, so the rows are the same either way.
-Status insertRowsSqlite(sqlite3* handle, const QString& table, int columns, const QVector<const QVector<QVariant>*>& rows)
+Status insertRowsSqlite(sqlite3* handle, const QString& table, int columns, const QVector<const QVector<QVariant>*>& rows,
+                        bool ignoreTaken, int* inserted)
 {
-    const QString sql = schema::insertHead(table) + schema::placeholders(columns);
+    QString sql = schema::insertHead(table) + schema::placeholders(columns);
+    if (ignoreTaken)
+        sql.replace(0, 6, QStringLiteral("INSERT OR IGNORE"));
     const QByteArray text = sql.toUtf8();
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(handle, text.constData(), text.size(), &statement, nullptr) != SQLITE_OK)
@@ -88,6 +91,8 @@ Status insertRowsSqlite(sqlite3* handle, const QString& table, int columns, cons
             bound = bindSqlite(statement, ++index, value) == SQLITE_OK && bound;
         if (!bound || sqlite3_step(statement) != SQLITE_DONE)
             status = sqliteStatus(handle, table, sql);
+        else if (inserted)
+            *inserted += sqlite3_changes(handle);
         sqlite3_reset(statement);
         sqlite3_clear_bindings(statement);
     }
@@ -98,10 +103,13 @@ Status insertRowsSqlite(sqlite3* handle, const QString& table, int columns, cons
 // MySQL: a series' rows go through one short multi-row statement, prepared once and run over the
 // batch: MariaDB's bind buffers are rebuilt per statement, and about 256 values per statement
 // measured fastest.
-Status insertRowsMultiRow(QSqlDatabase db, const QString& table, int columns, const QVector<const QVector<QVariant>*>& rows)
+Status insertRowsMultiRow(QSqlDatabase db, const QString& table, int columns, const QVector<const QVector<QVariant>*>& rows,
+                          bool ignoreTaken, int* inserted)
 {
     const int rowsPerStatement = qMax(1, 256 / columns);
-    const QString head = schema::insertHead(table);
+    QString head = schema::insertHead(table);
+    if (ignoreTaken)
+        head.replace(0, 6, QStringLiteral("INSERT IGNORE"));
     const QString oneRow = schema::placeholders(columns);
     auto text = [&](int n) {
         QString sql = head;
@@ -128,20 +136,25 @@ Status insertRowsMultiRow(QSqlDatabase db, const QString& table, int columns, co
         const Status run = statement->run();
         if (!run)
             status = run;
+        else if (inserted)
+            *inserted += qMax(0, statement->rowsAffected());
     }
     return status;
 }
 
 } // namespace
 
-Status insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows)
+Status insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows, bool ignoreTaken,
+                  int* inserted)
 {
+    if (inserted)
+        *inserted = 0;
     if (rows.isEmpty())
         return Status::ok();
     const int columns = qMax(1, schema::columns(table).size());
     if (sqlite3* handle = sqliteHandle(db))
-        return insertRowsSqlite(handle, table, columns, rows);
-    return insertRowsMultiRow(db, table, columns, rows);
+        return insertRowsSqlite(handle, table, columns, rows, ignoreTaken, inserted);
+    return insertRowsMultiRow(db, table, columns, rows, ignoreTaken, inserted);
 }
 
 } // namespace kestrel::internal

@@ -15,7 +15,10 @@ namespace kestrel::internal {
 // DB. SQLite: one single-row statement on the driver's own handle, stepped per row; MySQL: short
 // multi-row statements of about 256 values each. Every value is bound. A failed statement is
 // logged; the status of the last failure comes back (its text as the application has always
-// shown it), and the other rows are still written.
-KESTREL_TEST_EXPORT Status insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows);
+// shown it), and the other rows are still written. With IGNORETAKEN a row whose unique key another
+// row already holds (written by this or another process) is skipped without an error; *INSERTED
+// counts the rows written.
+KESTREL_TEST_EXPORT Status insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows,
+                                      bool ignoreTaken = false, int* inserted = nullptr);
 
 } // namespace kestrel::internal

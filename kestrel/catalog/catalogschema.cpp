@@ -19,7 +19,7 @@ const TableColumns kTables[] = {
          "TypeOfPatientID OtherPatientNames EthnicGroup PatientComments PatientSpeciesDescription "
          "PatientSpeciesCodeSequence PatientBreedDescription PatientBreedCodeSequence BreedRegistrationSequence BreedRegistrationNumber "
          "BreedRegistryCodeSequence ResponsiblePerson ResponsiblePersonRole ResponsibleOrganization PatientIdentityRemoved "
-         "DeidentificationMethod DeidentificationMethodCodeSequence Status"},
+         "DeidentificationMethod DeidentificationMethodCodeSequence Status IssuerOfPatientID PatientKey"},
         {QStringLiteral("generalstudy"),
          "StudyInstanceUID StudyDate StudyTime ReferringPhysicianName ReferringPhysicianIdentificationSequence "
          "StudyID AccessionNumber IssuerOfAccessionNumberSequence StudyDescription PhysiciansOfRecord "

@@ -8,12 +8,37 @@
 
 namespace kestrel::internal {
 
+QString catalogConnectOptions(const QString& driverName)
+{
+    if (driverName == QLatin1String("QSQLITE"))
+        return QStringLiteral("QSQLITE_BUSY_TIMEOUT=60000");
+    if (driverName == QLatin1String("QMYSQL"))
+        return QStringLiteral("MYSQL_OPT_CONNECT_TIMEOUT=5;MYSQL_OPT_READ_TIMEOUT=60;MYSQL_OPT_WRITE_TIMEOUT=60");
+    return QString();
+}
+
+Status prepareConnection(QSqlDatabase db)
+{
+    if (!db.isOpen())
+        return Status(Status::Unavailable, db.lastError().text());
+    if (db.driverName() == QLatin1String("QSQLITE")) {
+        // WAL is a property of the file: set once, kept by every later connection.
+        Statement(db, QStringLiteral("PRAGMA journal_mode=WAL"), Statement::Direct).run();
+        return Statement(db, QStringLiteral("PRAGMA synchronous=NORMAL"), Statement::Direct).run();
+    }
+    if (db.driverName() == QLatin1String("QMYSQL"))
+        return Statement(db, QStringLiteral("SET NAMES utf8mb4"), Statement::Direct).run();
+    return Status::ok();
+}
+
 QSqlDatabase cloneDefaultConnection()
 {
     const QString name = QUuid::createUuid().toString();
     QSqlDatabase db = QSqlDatabase::cloneDatabase(QLatin1String(QSqlDatabase::defaultConnection), name);
     if (!db.open())
         qWarning() << "cloneDefaultConnection: cannot open" << name << db.lastError().text();
+    else
+        prepareConnection(db);
     return db;
 }
 
@@ -39,7 +64,12 @@ bool reopenIfLost(QSqlDatabase db)
         qWarning() << "reopenIfLost: the database server went away, reconnecting" << db.connectionName();
         db.close();
     }
-    return db.isOpen() || db.open();
+    if (db.isOpen())
+        return true;
+    if (!db.open())
+        return false;
+    prepareConnection(db);
+    return true;
 }
 
 } // namespace kestrel::internal

@@ -9,6 +9,13 @@ namespace kestrel::internal {
 Transaction::Transaction(QSqlDatabase db)
     : m_db(std::move(db))
 {
+    if (m_db.driverName() == QLatin1String("QSQLITE")) {
+        // Writers take the file's write lock when they begin: two processes that both began by
+        // reading could otherwise each wait for the other to finish reading, and one would fail.
+        m_begun = Statement(m_db, QStringLiteral("BEGIN IMMEDIATE"), Statement::Direct).run();
+        m_active = m_begun.isOk();
+        return;
+    }
     m_active = m_db.transaction();
     if (!m_active) {
         m_begun = sqlStatus(m_db.lastError());

@@ -13,6 +13,10 @@
 // created the caller connects again.
 KESTREL_EXPORT bool createConnection();
 
+// Why the last createConnection() failed, in one line naming the catalogue (the resolved SQLite
+// path, or the server, user and schema) and the driver's text; empty after a success.
+KESTREL_EXPORT QString getConnectionError();
+
 // Reads of the catalogue on the default connection, for programs that show it.
 
 // Keys (pk) of every patient, ascending; empty when there are none or the read fails.

@@ -2,11 +2,18 @@
 
 #include "kestrelpaths.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include <unistd.h>
 
 namespace kestrel::internal::storage {
 
@@ -82,6 +89,60 @@ bool copyOverwrite(const QString& from, const QString& to)
         return false;
     }
     return true;
+}
+
+QString storedFileName(const QString& seriesDir, const QString& sopInstanceUID)
+{
+    return QDir(seriesDir).filePath(safeFolderName(sopInstanceUID) + QStringLiteral(".dcm"));
+}
+
+bool sameContent(const QString& a, const QString& b)
+{
+    QFile fa(a), fb(b);
+    if (fa.size() != fb.size() || !fa.open(QIODevice::ReadOnly) || !fb.open(QIODevice::ReadOnly))
+        return false;
+    while (!fa.atEnd()) {
+        if (fa.read(1 << 20) != fb.read(1 << 20))
+            return false;
+    }
+    return true;
+}
+
+CopyResult storeCopy(const QString& from, const QString& to)
+{
+    if (QFileInfo(from).absoluteFilePath() == QFileInfo(to).absoluteFilePath())
+        return CopyResult::AlreadyThere;
+    if (!QFileInfo::exists(from))
+        return CopyResult::Failed;
+    const QFileInfo there(to);
+    if (there.exists() && !there.isFile())
+        return CopyResult::Failed; // a folder or another kind of entry holds the name
+    if (there.exists())
+        return sameContent(from, to) ? CopyResult::AlreadyThere : CopyResult::OtherContent;
+    QDir().mkpath(QFileInfo(to).path());
+    static std::atomic<int> serial{0};
+    const QString part = QStringLiteral("%1.part-%2-%3").arg(to).arg(QCoreApplication::applicationPid()).arg(serial++);
+    if (!QFile::copy(from, part)) {
+        QFile::remove(part);
+        return CopyResult::Failed;
+    }
+    // link() puts the copy in place only where nothing is: another process's copy that arrived
+    // first stays, and ours goes.
+    const QByteArray partName = QFile::encodeName(part), toName = QFile::encodeName(to);
+    const bool linked = ::link(partName.constData(), toName.constData()) == 0;
+    const int error = errno;
+    if (!linked && error != EEXIST && !QFileInfo::exists(to)) {
+        // A file system without hard links: moved into place where nothing was a moment ago.
+        const bool moved = std::rename(partName.constData(), toName.constData()) == 0;
+        QFile::remove(part);
+        return moved ? CopyResult::Copied : CopyResult::Failed;
+    }
+    QFile::remove(part);
+    if (linked)
+        return CopyResult::Copied;
+    if (error == EEXIST || QFileInfo::exists(to))
+        return sameContent(from, to) ? CopyResult::AlreadyThere : CopyResult::OtherContent;
+    return CopyResult::Failed;
 }
 
 void removeEmptyFolders(const QString& dir, int levels)

@@ -166,10 +166,11 @@ private slots:
         QTest::addColumn<QString>("backend");
         QTest::addColumn<int>("releaseBefore"); // the attempt before which the other writer lets go; 0: never
         QTest::addColumn<int>("attempts");
-        for (const char* backend : {"sqlite", "mariadb"}) {
-            QTest::addRow("%s held throughout", backend) << backend << 0 << 3;
-            QTest::addRow("%s released after the first attempt", backend) << backend << 2 << 2;
-        }
+        // SQLite writers take the file's lock when they begin: while another holds it, the unit
+        // never starts and gives up Busy after its retries.
+        QTest::addRow("sqlite held throughout") << "sqlite" << 0 << 0;
+        QTest::addRow("mariadb held throughout") << "mariadb" << 0 << 3;
+        QTest::addRow("mariadb released after the first attempt") << "mariadb" << 2 << 2;
     }
     void runWriteRetriesWhileTheCatalogueIsHeld()
     {
