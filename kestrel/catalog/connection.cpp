@@ -26,8 +26,12 @@ Status prepareConnection(QSqlDatabase db)
         Statement(db, QStringLiteral("PRAGMA journal_mode=WAL"), Statement::Direct).run();
         return Statement(db, QStringLiteral("PRAGMA synchronous=NORMAL"), Statement::Direct).run();
     }
-    if (db.driverName() == QLatin1String("QMYSQL"))
+    if (db.driverName() == QLatin1String("QMYSQL")) {
+        // Each statement sees what other workstations committed before it: an insert-or-look-up
+        // that finds its key taken then reads the row that won.
+        Statement(db, QStringLiteral("SET SESSION TRANSACTION ISOLATION LEVEL READ COMMITTED"), Statement::Direct).run();
         return Statement(db, QStringLiteral("SET NAMES utf8mb4"), Statement::Direct).run();
+    }
     return Status::ok();
 }
 

@@ -14,6 +14,7 @@
 #include "import/importrecords_p.h"
 #include "import/importstate_p.h"
 #include "import/storagetree_p.h"
+#include "platform/fileplacement_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -66,18 +67,6 @@ Status insertOrLookUp(QSqlDatabase db, const QString& table, const QVector<QVari
     return lookUp(db, table, column, key, pk);
 }
 
-bool sameBytes(const QString& a, const QString& b)
-{
-    QFile fa(a), fb(b);
-    if (fa.size() != fb.size() || !fa.open(QIODevice::ReadOnly) || !fb.open(QIODevice::ReadOnly))
-        return false;
-    while (!fa.atEnd()) {
-        if (fa.read(1 << 20) != fb.read(1 << 20))
-            return false;
-    }
-    return true;
-}
-
 } // namespace
 
 bool QDcmFiles::addDataBase()
@@ -114,7 +103,7 @@ bool QDcmFiles::importPass(bool copy)
         ++m_counts.duplicates;
         const QString& path = facts[size_t(repeat)].path;
         const QString& keptPath = facts[size_t(kept)].path;
-        if (!sameBytes(path, keptPath)) {
+        if (!sameContent(path, keptPath)) {
             const QString reason = tr("%1: the SOP Instance UID of %2, with other content").arg(path, keptPath);
             m_counts.skippedFiles << reason;
             emit errorInfo(tr("not catalogued: %1").arg(reason));
@@ -409,7 +398,7 @@ void QDcmFiles::checkRepeatedFiles(const ImageFormat* records, int count)
             // The catalogued file is gone (moved, or catalogued from another working folder):
             // the row follows the file that is here.
             moved.append({it.key(), it.value()});
-        } else if (!sameBytes(stored, it.value())) {
+        } else if (!sameContent(stored, it.value())) {
             const QString reason = tr("%1: the SOP Instance UID of the catalogued %2, with other content").arg(it.value(), stored);
             m_counts.skippedFiles << reason;
             emit errorInfo(tr("not catalogued: %1").arg(reason));

@@ -141,21 +141,19 @@ QString QDcmFiles::phaseOf(const QString& seriesUID, DcmFileFormat* file)
 // ---------------------------------------------------------------------------------------------
 // Reading and grouping
 
-int QDcmFiles::loadLocalFolderToDB(QString path, int copyMode, bool recursive)
+QStringList QDcmFiles::filesBelow(const QStringList& paths, QStringList* skipped)
 {
-    // The walk always descends into sub-folders; callers rely on that whatever they pass.
-    Q_UNUSED(recursive)
-    emit finishReadFiles(false);
-    emit readInfo(tr("Traversal"));
-    QList<QString> files;
-    QStringList skipped;
-    const QFileInfo info(path);
-    if (info.isFile()) {
-        files.append(path);
-    } else if (info.isDir()) {
-        // Links are followed; each real folder is visited once, so a link back up ends the walk
-        // there instead of going round.
-        QSet<QString> visited;
+    QStringList files;
+    QSet<QString> visited;
+    for (const QString& path : paths) {
+        const QFileInfo info(path);
+        if (!info.isDir()) {
+            if (info.exists())
+                files.append(info.absoluteFilePath());
+            else if (skipped)
+                *skipped << path + QStringLiteral(": no such file");
+            continue;
+        }
         QStringList folders{info.absoluteFilePath()};
         while (!folders.isEmpty()) {
             const QString folder = folders.takeFirst();
@@ -165,7 +163,8 @@ int QDcmFiles::loadLocalFolderToDB(QString path, int copyMode, bool recursive)
             visited.insert(real);
             const QDir dir(folder);
             if (!dir.isReadable()) {
-                skipped << folder + QStringLiteral(": the folder cannot be read");
+                if (skipped)
+                    *skipped << folder + QStringLiteral(": the folder cannot be read");
                 continue;
             }
             const QFileInfoList entries =
@@ -173,13 +172,25 @@ int QDcmFiles::loadLocalFolderToDB(QString path, int copyMode, bool recursive)
             for (const QFileInfo& entry : entries) {
                 if (entry.isDir())
                     folders.append(entry.absoluteFilePath());
-                else if (entry.isSymLink() && !entry.exists())
-                    skipped << entry.absoluteFilePath() + QStringLiteral(": a link to nothing");
-                else
+                else if (entry.isSymLink() && !entry.exists()) {
+                    if (skipped)
+                        *skipped << entry.absoluteFilePath() + QStringLiteral(": a link to nothing");
+                } else
                     files.append(entry.absoluteFilePath());
             }
         }
     }
+    return files;
+}
+
+int QDcmFiles::loadLocalFolderToDB(QString path, int copyMode, bool recursive)
+{
+    // The walk always descends into sub-folders; callers rely on that whatever they pass.
+    Q_UNUSED(recursive)
+    emit finishReadFiles(false);
+    emit readInfo(tr("Traversal"));
+    QStringList skipped;
+    const QList<QString> files = QFileInfo::exists(path) ? filesBelow({path}, &skipped) : QStringList();
     const int result = loadLocalFilesToDB(files, copyMode);
     m_counts.skippedFiles = skipped + m_counts.skippedFiles;
     m_counts.unreadable += skipped.size();
@@ -418,9 +429,12 @@ void QDcmFiles::onNotifyUploadDB(QString seriesUID)
 
     // The queue's flags and the series' count change together or not at all.
     const Status flagged = runWrite(db, [&](Transaction&) {
-        Statement flag(db, QStringLiteral("UPDATE images SET DBflag=1 WHERE InstanceUID = ?"));
+        // Only what reached the catalogue is marked: the rest waits and is tried again with the
+        // next received series.
+        Statement flag(db, QStringLiteral("UPDATE images SET DBflag=1 WHERE InstanceUID = ? AND EXISTS "
+                                          "(SELECT 1 FROM imageformat WHERE SOPInstanceUID = ?)"));
         for (const QString& uid : qAsConst(instanceUIDs)) {
-            if (const Status status = flag.bind(uid).run(); !status)
+            if (const Status status = flag.bind(uid).bind(uid).run(); !status)
                 return status;
         }
         Statement count(db, QStringLiteral("SELECT count(*) FROM images WHERE seriesUID = ? And DBflag=1"));

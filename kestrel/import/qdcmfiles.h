@@ -108,6 +108,11 @@ public:
     ~QDcmFiles() override;
 
     int loadLocalFilesToDB(QList<QString> files, int copyMode);
+
+    // Every file under PATHS (files as they are, folders with all their sub-folders). Links are
+    // followed and each real folder is walked once, so a link back up cannot loop; unreadable
+    // folders and links to nothing are named in *SKIPPED ("path: reason").
+    static QStringList filesBelow(const QStringList& paths, QStringList* skipped = nullptr);
     int loadLocalFolderToDB(QString path, int copyMode, bool recursive);
 
     bool addDataBase();

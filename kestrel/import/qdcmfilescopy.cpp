@@ -6,6 +6,7 @@
 #include "catalog/transaction_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/storagetree_p.h"
+#include "platform/fileplacement_p.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -52,7 +53,7 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
             storedPath.finish();
             if (QFileInfo::exists(stored)) {
                 // Identical bytes are stored once; another content never replaces what a row names.
-                if (!storage::sameContent(stored, record.filePath)) {
+                if (!sameContent(stored, record.filePath)) {
                     const QString reason = tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, stored);
                     m_counts.skippedFiles << reason;
                     emit errorInfo(tr("not catalogued: %1").arg(reason));

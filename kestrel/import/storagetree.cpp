@@ -1,19 +1,15 @@
 #include "import/storagetree_p.h"
 
 #include "kestrelpaths.h"
+#include "platform/fileplacement_p.h"
 
-#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
-#include <atomic>
-#include <cerrno>
-#include <cstdio>
 
-#include <unistd.h>
 
 namespace kestrel::internal::storage {
 
@@ -96,18 +92,6 @@ QString storedFileName(const QString& seriesDir, const QString& sopInstanceUID)
     return QDir(seriesDir).filePath(safeFolderName(sopInstanceUID) + QStringLiteral(".dcm"));
 }
 
-bool sameContent(const QString& a, const QString& b)
-{
-    QFile fa(a), fb(b);
-    if (fa.size() != fb.size() || !fa.open(QIODevice::ReadOnly) || !fb.open(QIODevice::ReadOnly))
-        return false;
-    while (!fa.atEnd()) {
-        if (fa.read(1 << 20) != fb.read(1 << 20))
-            return false;
-    }
-    return true;
-}
-
 CopyResult storeCopy(const QString& from, const QString& to)
 {
     if (QFileInfo(from).absoluteFilePath() == QFileInfo(to).absoluteFilePath())
@@ -120,28 +104,17 @@ CopyResult storeCopy(const QString& from, const QString& to)
     if (there.exists())
         return sameContent(from, to) ? CopyResult::AlreadyThere : CopyResult::OtherContent;
     QDir().mkpath(QFileInfo(to).path());
-    static std::atomic<int> serial{0};
-    const QString part = QStringLiteral("%1.part-%2-%3").arg(to).arg(QCoreApplication::applicationPid()).arg(serial++);
+    const QString part = partName(to);
     if (!QFile::copy(from, part)) {
         QFile::remove(part);
         return CopyResult::Failed;
     }
-    // link() puts the copy in place only where nothing is: another process's copy that arrived
-    // first stays, and ours goes.
-    const QByteArray partName = QFile::encodeName(part), toName = QFile::encodeName(to);
-    const bool linked = ::link(partName.constData(), toName.constData()) == 0;
-    const int error = errno;
-    if (!linked && error != EEXIST && !QFileInfo::exists(to)) {
-        // A file system without hard links: moved into place where nothing was a moment ago.
-        const bool moved = std::rename(partName.constData(), toName.constData()) == 0;
-        QFile::remove(part);
-        return moved ? CopyResult::Copied : CopyResult::Failed;
+    switch (placeFile(part, to)) {
+    case Placement::Placed: return CopyResult::Copied;
+    case Placement::AlreadyThere: return CopyResult::AlreadyThere;
+    case Placement::OtherContent: return CopyResult::OtherContent;
+    case Placement::Failed: break;
     }
-    QFile::remove(part);
-    if (linked)
-        return CopyResult::Copied;
-    if (error == EEXIST || QFileInfo::exists(to))
-        return sameContent(from, to) ? CopyResult::AlreadyThere : CopyResult::OtherContent;
     return CopyResult::Failed;
 }
 

@@ -28,9 +28,6 @@ KESTREL_TEST_EXPORT bool copyOverwrite(const QString& from, const QString& to);
 // ".dcm". Equal file names of two exports cannot meet there.
 KESTREL_TEST_EXPORT QString storedFileName(const QString& seriesDir, const QString& sopInstanceUID);
 
-// True when the two files hold the same bytes.
-KESTREL_TEST_EXPORT bool sameContent(const QString& a, const QString& b);
-
 enum class CopyResult {
     Copied,       // TO holds a new copy of FROM
     AlreadyThere, // TO already held the same bytes: stored once

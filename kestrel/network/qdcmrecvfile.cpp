@@ -27,26 +27,25 @@ Status insertOrUpdate(Statement& insert, const QVariantList& insertValues, State
     return update.bindAll(updateValues).run();
 }
 
-// The series row and one row per image of SERIES, each added or, when there, reset. The tables
-// have no unique keys: the INSERT adds a row only when none exists for the UID and otherwise
-// falls back to the UPDATE, so a series received twice is recorded once.
+// The series row and one row per image of SERIES, each added or, when there, reset. The UIDs are
+// the tables' unique keys: the INSERT adds a row only where none is (another process's included)
+// and otherwise the UPDATE resets it, so a series received twice is recorded once.
 Status recordSeries(QSqlDatabase db, const _recvSeries& series, int cloudflag)
 {
     const int count = series.instances.size();
-    Statement insertSeries(db, QStringLiteral("INSERT INTO series (seriesUID,recvnum,upDBnum,upCloudnum) SELECT ?, ?, ?, ? FROM "
-                                              "(SELECT 1 AS one) AS single WHERE NOT EXISTS (SELECT 1 FROM series WHERE seriesUID = ?)"));
+    const QString insertVerb = db.driverName() == QLatin1String("QMYSQL") ? QStringLiteral("INSERT IGNORE")
+                                                                           : QStringLiteral("INSERT OR IGNORE");
+    Statement insertSeries(db, insertVerb + QStringLiteral(" INTO series (seriesUID,recvnum,upDBnum,upCloudnum) VALUES (?, ?, ?, ?)"));
     Statement updateSeries(db, QStringLiteral("UPDATE series SET recvnum=?,upDBnum=0,upCloudnum=0 WHERE seriesUID = ?"));
-    Status status = insertOrUpdate(insertSeries, {series.seriesUID, count, 0, 0, series.seriesUID}, updateSeries,
-                                   {count, series.seriesUID});
+    Status status = insertOrUpdate(insertSeries, {series.seriesUID, count, 0, 0}, updateSeries, {count, series.seriesUID});
     if (!status)
         return status;
 
-    Statement insert(db, QStringLiteral("INSERT INTO images (seriesUID,InstanceUID,DBflag,Cloudflag,filepath) SELECT ?, ?, ?, ?, ? "
-                                        "FROM (SELECT 1 AS one) AS single WHERE NOT EXISTS (SELECT 1 FROM images WHERE InstanceUID = ?)"));
+    Statement insert(db, insertVerb + QStringLiteral(" INTO images (seriesUID,InstanceUID,DBflag,Cloudflag,filepath) VALUES (?, ?, ?, ?, ?)"));
     // An existing row keeps its file path; only its flags start over.
     Statement update(db, QStringLiteral("UPDATE images SET DBflag=0,Cloudflag=? WHERE InstanceUID = ?"));
     for (auto it = series.instances.constBegin(); it != series.instances.constEnd(); ++it) {
-        status = insertOrUpdate(insert, {series.seriesUID, it.key(), 0, cloudflag, it.value(), it.key()}, update,
+        status = insertOrUpdate(insert, {series.seriesUID, it.key(), 0, cloudflag, it.value()}, update,
                                 {cloudflag, it.key()});
         if (!status)
             return status;

@@ -2,6 +2,7 @@
 
 #include "dicom/dcmvalues_p.h"
 #include "geometry/slicestack_p.h"
+#include "platform/fileplacement_p.h"
 #include "volume/volumecache_p.h"
 #include "volume/volumeheadtext_p.h"
 #include "ndicomimage.h"
@@ -21,6 +22,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -501,9 +503,12 @@ int NDicomVolume::writeCache(const QString& key)
     if (key.isEmpty() || !isValid())
         return 0;
     const QString file = volumecache::fileFor(volumecache::folder(), key);
-    if (!saveAs(file))
-        return 0;
-    if (!QFile::exists(file)) {
+    // Written under a name of its own and then renamed over the cache file in one step: a process
+    // reading the cache at the same time sees the old file or the new one, never half of one.
+    const QString part = kestrel::internal::partName(file);
+    if (!saveAs(part) || !QFile::exists(part) ||
+        std::rename(QFile::encodeName(part).constData(), QFile::encodeName(file).constData()) != 0) {
+        QFile::remove(part);
         qWarning() << "NDicomVolume::saveVolumeToDefaultPath: cannot write" << file;
         return 0;
     }

@@ -41,10 +41,19 @@ QString registeredFile(const QString& key)
 Status registerFile(const QString& key, const QString& file, const QString& head)
 {
     QSqlDatabase db = QSqlDatabase::database();
+    // One row per key whatever several processes do at once: the row is added where none is, and
+    // otherwise names the file just written.
+    const QString verb = db.driverName() == QLatin1String("QMYSQL") ? QStringLiteral("INSERT IGNORE")
+                                                                     : QStringLiteral("INSERT OR IGNORE");
     return runWrite(db, [&](Transaction&) {
-        return execute(db, QStringLiteral("INSERT INTO registration (SeriesInstanceUID,ServerAddress,Savepath,VolumeHead) VALUES (?, ?, ?, ?)"),
-                       {key, QString(""), file, head});
-    });
+        Statement insert(db, verb + QStringLiteral(" INTO registration (SeriesInstanceUID,ServerAddress,Savepath,VolumeHead) "
+                                                   "VALUES (?, ?, ?, ?)"));
+        const Status inserted = insert.bindAll({key, QString(""), file, head}).run();
+        if (!inserted || insert.rowsAffected() > 0)
+            return inserted;
+        return execute(db, QStringLiteral("UPDATE registration SET Savepath = ?, VolumeHead = ? WHERE SeriesInstanceUID = ?"),
+                       {file, head, key});
+    }, 8);
 }
 
 Status forget(const QString& key)
