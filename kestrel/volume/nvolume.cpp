@@ -524,6 +524,11 @@ VelIVolume* NVolume::getVelIVolume() const
 
 // --- planes and slabs ---------------------------------------------------------------------
 
+short voxel_valued_sse4_s16(char* data, int* steps, float x, float y, float z)
+{
+    return sampleTrilinearS16(data, steps, x, y, z);
+}
+
 namespace {
 
 inline short voxelAt(const char* p)
