@@ -40,6 +40,9 @@ public:
     bool getSePK() const { return m_seriesKeyHidden; }
     // The last statement built by advanceQueryByName (or given to advanceQuery).
     QString getQueryString() const { return m_queryString; }
+    // Why the last search failed (a stored condition that cannot be used, the driver's text of a
+    // failed statement); empty when it ran.
+    QString lastError() const { return m_lastError; }
 
 public slots:
     void advanceQueryByName(QString queryname);
@@ -56,6 +59,7 @@ private:
     QStringList m_imageTitles;
     QString m_queryString;
     QString m_queryName;
+    QString m_lastError;
     bool m_patientKeyHidden = false;
     bool m_studyKeyHidden = false;
     bool m_seriesKeyHidden = false;
