@@ -34,7 +34,7 @@ int runQuery(const QStringList& args)
     parser.setApplicationDescription("Runs the stored advanced search NAME (table andvancequiry) with the column "
                                      "choices of the query*user tables and prints the result tree.");
     parser.addHelpOption();
-    parser.addOption({"sql", "Also print the SELECT statement that was run."});
+    parser.addOption({"sql", "Also print the SELECT statement, its values written in quotes (they run bound)."});
     parser.addPositionalArgument("NAME", "The stored search (InquiryName).");
     if (const auto status = app::parseArguments(parser, "query", args))
         return *status;
@@ -52,8 +52,11 @@ int runQuery(const QStringList& args)
     QPatients result;
     result.advanceQueryByName(name);
     QTextStream out(stdout);
-    if (parser.isSet("sql"))
+    if (parser.isSet("sql") && !result.getQueryString().isEmpty())
         out << result.getQueryString() << '\n';
+    out.flush();
+    if (!result.lastError().isEmpty())
+        return app::fail("query", result.lastError().simplified());
     if (result.getAllPatient().isEmpty()) {
         out << "(no matches)\n";
         return 0;
