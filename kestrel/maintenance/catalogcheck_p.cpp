@@ -56,9 +56,9 @@ Holding readHolding(const QString& path)
         holding.why = path.isEmpty() ? QStringLiteral("the row names no file") : QStringLiteral("the file does not exist");
         return holding;
     }
-    if (info.isDir()) {
+    if (!info.isFile()) {
         holding.state = Holding::NotDicom;
-        holding.why = QStringLiteral("a folder, not a file");
+        holding.why = QStringLiteral("not a regular file");
         return holding;
     }
     QFile file(path);

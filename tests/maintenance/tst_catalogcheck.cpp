@@ -159,6 +159,10 @@ private:
             stranger.patientId = "CHK3";
             return writeSyntheticImage(third, stranger);
         }
+        if (name == "file replaced by text") {
+            QFile file(third);
+            return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write("not an image\n") > 0;
+        }
         if (name == "cache file truncated") {
             QFile file(cacheFile);
             return file.resize(file.size() - 4096);
@@ -179,6 +183,11 @@ private:
         }
         if (name == "image without its mrimageinfo row")
             return run("DELETE FROM mrimageinfo WHERE SOPInstanceUID = ?", {sopOf(third)});
+        if (name == "images without series")
+            return run("DELETE FROM generalseries WHERE SeriesInstanceUID = ?", {m_seriesB});
+        if (name == "series without study")
+            return run("DELETE FROM generalstudy WHERE StudyInstanceUID = (SELECT StudyInstanceUID FROM generalseries "
+                       "WHERE SeriesInstanceUID = ?)", {m_seriesB});
         if (name == "study without patient")
             return run("DELETE FROM patient WHERE PatientID = 'CHK2'");
         if (name == "stale receive queue row")
@@ -223,12 +232,16 @@ void TestCatalogCheck::damages_data()
         {"file deleted", {"missing-file"}, 12, 0},
         {"file replaced by a catalogued image", {"wrong-image"}, 12, 0},
         {"file replaced by an unknown image", {"wrong-image"}, 13, 0}, // the stranger is catalogued
+        {"file replaced by text", {"not-an-image"}, 12, 0},
         {"cache file truncated", {"broken-cache"}, 13, 0},
         {"cache file deleted", {"missing-cache"}, 13, 0},
         {"second row on one file", {"shared-file"}, 13, 0},
         {"same image twice", {"duplicate-row", "duplicate-row", "duplicate-row"}, 13, 0},
         {"image without its mrimageinfo row", {"incomplete-image"}, 13, 0}, // catalogued again, whole
-        {"study without patient", {"orphan-study"}, 13, 1},                 // series B catalogued again
+        {"images without series", {"orphan-image", "orphan-image", "orphan-image", "orphan-image", "orphan-image",
+                                   "orphan-image", "orphan-image", "orphan-image", "orphan-image"}, 13, 1},
+        {"series without study", {"orphan-series"}, 13, 1},
+        {"study without patient", {"orphan-study"}, 13, 1}, // series B catalogued again in each
         {"stale receive queue row", {"stale-queue"}, 13, 1},
         {"registration head changed", {"stale-head"}, 13, 1},
         {"registration lost", {"unregistered-cache"}, 13, 1},
@@ -261,19 +274,20 @@ void TestCatalogCheck::damages()
     QCOMPARE(kinds(report), found);
     QVERIFY2(report.last().startsWith(QString("%1 problem").arg(found.size())), qPrintable(report.last()));
     // The check alone changes nothing.
-    report.clear();
-    QCOMPARE(checkCatalog(false, &report), found.size());
+    QStringList again;
+    QCOMPARE(checkCatalog(false, &again), found.size());
+    QCOMPARE(again, report);
 
     report.clear();
     QCOMPARE(checkCatalog(true, &report), found.size());
-    const QStringList repairs = report.filter(QRegularExpression("^repair: "));
-    QVERIFY2(!repairs.isEmpty() && repairs.filter("failed").isEmpty(), qPrintable(report.join('\n')));
+    QVERIFY2(!report.filter(QRegularExpression("^repair: ")).isEmpty() && report.filter("repair failed").isEmpty(),
+             qPrintable(report.join('\n')));
     report.clear();
     QCOMPARE(checkCatalog(false, &report), 0);
     QCOMPARE(TestCatalog::count("imageformat"), imagesAfter);
     for (const char* table : {"imagepixel", "mrimageinfo"})
         QCOMPARE(TestCatalog::count(table), imagesAfter);
-    QCOMPARE(TestCatalog::count("patient"), imagesAfter == 13 && damage.contains("unknown") ? 3 : 2);
+    QCOMPARE(TestCatalog::count("patient"), damage.contains("unknown image") ? 3 : 2); // the stranger is a patient of its own
     // No user file was deleted or changed.
     QCOMPARE(userFiles(catalog.path("in")), planted);
     // The next view finds the cache or builds the volume again, registered once.
