@@ -165,16 +165,12 @@ int NVolume::loadVolume(QString path)
     if (!file.exists() || !file.open(QIODevice::ReadOnly))
         return -1;
     const qint64 fileSize = file.size();
-    // Anything up to 128 KiB is not a volume file.
-    if (fileSize <= 0x20000)
-        return -1;
     VolumeHead head;
     if (file.read(reinterpret_cast<char*>(&head), sizeof head) != qint64(sizeof head))
         return -1;
     // The head decides the allocation: it must describe this file and fit its own buffer.
-    if (head.totallen < kVolumeHeaderBlock || head.totallen > fileSize
-        || framesInBuffer(head, kVolumeHeaderBlock, head.totallen) < 1) {
-        qWarning() << "NVolume::loadVolume: head does not match the file" << path;
+    if (const QString fault = volumeFileFault(head, fileSize); !fault.isEmpty()) {
+        qWarning() << "NVolume::loadVolume: head does not match the file" << path << fault;
         return -1;
     }
     if (!file.seek(0))
