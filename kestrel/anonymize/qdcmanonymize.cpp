@@ -2,6 +2,7 @@
 
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>
@@ -22,7 +23,6 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
-#include <QTextCodec>
 #include <QUuid>
 
 #include <cerrno>
@@ -95,24 +95,24 @@ bool isSequence(const Emptied& e)
     return QByteArray(e.keyword).endsWith("Sequence");
 }
 
-// Text values are kept as readable text where the character set is known; everything else goes
-// through Latin-1, which maps every byte to one character and back.
-QTextCodec* codecFor(DcmItem* ds)
+// Text values are kept as readable text in the file's character set (DicomCharset: an unknown
+// set goes through Latin-1, which maps every byte to one character and back).
+DicomCharset charsetOf(DcmItem* ds)
 {
-    return dicomTextCodec(dcmCharacterSet(ds));
+    return DicomCharset(dcmCharacterSet(ds));
 }
 
 // Never a null string: an empty value must stay apart from a missing attribute (NULL).
-QString decodeValue(const QByteArray& bytes, QTextCodec* codec)
+QString decodeValue(const QByteArray& bytes, const DicomCharset& charset, const DcmTagKey& tag)
 {
     if (bytes.isEmpty())
         return QStringLiteral("");
-    return codec ? codec->toUnicode(bytes) : QString::fromLatin1(bytes);
+    return charset.decode(bytes, dcmIsPersonName(tag));
 }
 
-QByteArray encodeValue(const QString& text, QTextCodec* codec)
+QByteArray encodeValue(const QString& text, const DicomCharset& charset, const DcmTagKey& tag)
 {
-    return codec ? codec->fromUnicode(text) : text.toLatin1();
+    return charset.encode(text, dcmIsPersonName(tag));
 }
 
 // A sequence with its items as base64 text of its Explicit VR Little Endian encoding.
@@ -230,9 +230,9 @@ qint64 QDcmAnonymize::getAnonymousPatientPKByNameAndID()
     DcmDataset* ds = m_file ? m_file->getDataset() : nullptr;
     if (!ds)
         return -1;
-    QTextCodec* codec = codecFor(ds);
-    const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), codec);
-    const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), codec);
+    const DicomCharset charset = charsetOf(ds);
+    const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID);
+    const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName);
     QSqlQuery query(database());
     query.prepare("SELECT pk, PatientID, PatientName FROM anonymouspatient WHERE PatientID = ? and PatientName = ?");
     query.addBindValue(id);
@@ -326,11 +326,11 @@ bool QDcmAnonymize::addAnonymousPatientDataBase()
         emit errorInfo(tr("no free anonymous patient ID is left"));
         return false;
     }
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     QSqlQuery query(database());
     query.prepare(schema::insertStatement("anonymouspatient"));
-    query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientName), codec));
-    query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientID), codec));
+    query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName));
+    query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID));
     query.addBindValue(m_anonPatientID);
     if (!query.exec()) {
         emit errorInfo(query.lastError().text());
@@ -375,7 +375,7 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
     if (!ds)
         return false;
     m_anonSOPUID = newUid(kSOPRoot);
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     QSqlQuery query(database());
     query.prepare(schema::insertStatement("anonymousimage"));
     query.addBindValue(dcmString(ds, DCM_SOPInstanceUID));
@@ -388,7 +388,7 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
         else if (element->ident() == EVR_SQ)
             query.addBindValue(encodeSequence(element));
         else
-            query.addBindValue(decodeValue(dcmBytes(ds, e.tag), codec));
+            query.addBindValue(decodeValue(dcmBytes(ds, e.tag), charset, e.tag));
     }
     if (!query.exec()) {
         emit errorInfo(query.lastError().text());
@@ -534,7 +534,7 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
         return -1;
     }
 
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     ds->putAndInsertString(DCM_SOPInstanceUID, row.value("SOPInstanceUID").toString().toLatin1().constData(), true);
     for (const Emptied& e : kEmptied) {
         const QVariant value = row.value(QString::fromLatin1(e.keyword));
@@ -548,11 +548,11 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
             else
                 ds->insertEmptyElement(e.tag, true);
         } else {
-            const QByteArray bytes = encodeValue(value.toString(), codec);
+            const QByteArray bytes = encodeValue(value.toString(), charset, e.tag);
             ds->putAndInsertString(e.tag, bytes.constData(), true);
         }
     }
-    ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, codec).constData(), true);
+    ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, charset, DCM_PatientID).constData(), true);
     ds->putAndInsertString(DCM_StudyInstanceUID, studyUID.toLatin1().constData(), true);
     ds->putAndInsertString(DCM_SeriesInstanceUID, seriesUID.toLatin1().constData(), true);
 

@@ -1,6 +1,7 @@
 #include "ndicomimage.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 #include "geometry/imagegeometry_p.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -17,7 +18,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegion>
-#include <QTextCodec>
 #include <QTime>
 #include <QUuid>
 #include <QVector>
@@ -573,8 +573,7 @@ qint64 shiftToUnsigned(const T* values, qint64 count, quint16* out)
 
 QByteArray encodeText(const QString& text, DcmItem* ds)
 {
-    QTextCodec* codec = dicomTextCodec(dcmCharacterSet(ds));
-    return codec ? codec->fromUnicode(text) : text.toLatin1();
+    return DicomCharset(dcmCharacterSet(ds)).encode(text);
 }
 
 } // namespace
