@@ -216,12 +216,12 @@ DicomCharset::DicomCharset(const QString& value) : m_value(value.trimmed())
             set = setOfIr(key.mid(9));
         else if (key.startsWith(QLatin1String("ISOIR")))
             set = setOfIr(key.mid(5));
+        if (!set && i == 0) {
+            m_mode = Mode::Unknown; // logged when a value needs it
+            return;
+        }
         if (!set) {
-            logOnce(QString("unknown character set \"%1\" in \"%2\"").arg(terms.at(i).trimmed(), m_value));
-            if (i == 0) {
-                m_mode = Mode::Unknown;
-                return;
-            }
+            logOnce(QString("unknown character set \"%1\" in \"%2\" left out").arg(terms.at(i).trimmed(), m_value));
             continue;
         }
         if (set->kind != Set::Ascii)

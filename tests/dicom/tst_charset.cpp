@@ -255,6 +255,24 @@ private slots:
             QCOMPARE(set.encode(text, personName), bytes);
     }
 
+    // A character set whose values fall back to Latin-1 is named in the log once, not per value.
+    void fallbackLoggedOnce()
+    {
+        static QStringList messages;
+        messages.clear();
+        const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
+            if (text.startsWith("DICOM text:"))
+                messages << text;
+        });
+        const DicomCharset hebrew("ISO_IR 138");
+        for (const char* bytes : {"\xa1", "\xf9\xa1", "\xa1\xa1"})
+            QCOMPARE(hebrew.decode(QByteArray(bytes)), QString::fromLatin1(bytes));
+        QCOMPARE(DicomCharset("ISO_IR 138").decode(QByteArray("\xf9")), QString::fromUtf8("ש"));
+        qInstallMessageHandler(previous);
+        QCOMPARE(messages.size(), 1);
+        QVERIFY2(messages.first().contains("ISO_IR 138"), qPrintable(messages.first()));
+    }
+
     // Characters none of the sets holds become "?", and the value still ends in its first set.
     void encodeUnknownCharacters()
     {
