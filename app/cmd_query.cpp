@@ -11,8 +11,6 @@
 #include "veldatabaseconnection.h"
 
 #include <QCommandLineParser>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QVariant>
 
@@ -45,15 +43,11 @@ int runQuery(const QStringList& args)
     const QString name = parser.positionalArguments().first();
     if (!app::openCatalog())
         return app::fail("query", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
-    {
-        QSqlQuery count(QSqlDatabase::database());
-        count.prepare("SELECT COUNT(*) FROM andvancequiry WHERE InquiryName = ?");
-        count.addBindValue(name);
-        if (!count.exec() || !count.next())
-            return app::fail("query", "the catalogue has no stored searches");
-        if (count.value(0).toInt() == 0)
-            return app::fail("query", "no stored search named " + name);
-    }
+    const int stored = getStoredSearchCount(name);
+    if (stored < 0)
+        return app::fail("query", "the catalogue has no stored searches");
+    if (stored == 0)
+        return app::fail("query", "no stored search named " + name);
 
     QPatients result;
     result.advanceQueryByName(name);

@@ -104,6 +104,13 @@ QStringList tables()
     return names;
 }
 
+const QStringList& displayTables()
+{
+    static const QStringList names{QStringLiteral("querypatientuser"), QStringLiteral("querygeneralstudyuser"),
+                                   QStringLiteral("querygeneralseriesuser"), QStringLiteral("queryimageformatuser")};
+    return names;
+}
+
 const QStringList& columns(const QString& table)
 {
     static const QStringList none;

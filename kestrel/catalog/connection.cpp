@@ -1,8 +1,9 @@
 #include "catalog/connection_p.h"
 
+#include "catalog/statement_p.h"
+
 #include <QDebug>
 #include <QSqlError>
-#include <QSqlQuery>
 #include <QUuid>
 
 namespace kestrel::internal {
@@ -32,11 +33,7 @@ bool reopenIfLost(QSqlDatabase db)
 {
     if (db.isOpen() && db.driverName() == QLatin1String("QMYSQL")) {
         // Qt keeps a connection "open" after the server dropped it; only a round trip tells.
-        bool alive = false;
-        {
-            QSqlQuery probe(db);
-            alive = probe.exec(QStringLiteral("SELECT 1"));
-        }
+        const bool alive = Statement(db, QStringLiteral("SELECT 1"), Statement::Direct).run().isOk();
         if (alive)
             return true;
         qWarning() << "reopenIfLost: the database server went away, reconnecting" << db.connectionName();

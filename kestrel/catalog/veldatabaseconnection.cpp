@@ -1,5 +1,6 @@
 #include "veldatabaseconnection.h"
 
+#include "catalog/statement_p.h"
 #include "kestrelpaths.h"
 #include "velmessageboxform.h"
 
@@ -8,9 +9,10 @@
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlError>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QUuid>
+
+using kestrel::internal::Statement;
 
 namespace {
 
@@ -26,7 +28,7 @@ QString readWholeText(const QString& path)
 
 // Runs the SQLite schema piece by piece. A failing piece does not stop the others: the script
 // creates tables "IF NOT EXISTS", so a partly initialised catalogue is completed.
-void runSqliteSchema(QSqlQuery& query)
+void runSqliteSchema(QSqlDatabase db)
 {
     QFile script(Kestrel::applicationDir() + "/../database/vel-sqlite.sql");
     if (!script.open(QIODevice::ReadOnly | QIODevice::Text))
@@ -34,14 +36,10 @@ void runSqliteSchema(QSqlQuery& query)
     QTextStream in(&script);
     in.setCodec("UTF-8");
     const QStringList pieces = in.readAll().split(QStringLiteral(";#"), Qt::SkipEmptyParts);
-    QString lastError;
     for (const QString& piece : pieces) {
-        if (piece.trimmed().isEmpty())
-            continue;
-        if (!query.exec(piece))
-            lastError = query.lastError().text();
+        if (!piece.trimmed().isEmpty())
+            Statement(db, piece, Statement::Direct).run(); // a failed piece is logged
     }
-    Q_UNUSED(lastError)
 }
 
 // Logs into the server's existing database ("defaultName") and creates the application's schema
@@ -66,13 +64,15 @@ bool createMySqlDatabase()
                                    "utf8_general_ci;USE `%1`;")
                                .arg(schema);
             text += script;
-            QSqlQuery query(db);
-            query.exec(text);
-            // The server runs the statements one after the other while their results are read:
-            // drain them all before closing, or the tables after the first few are never made.
-            while (query.nextResult()) {
+            {
+                Statement script(db, text, Statement::Direct);
+                script.run();
+                // The server runs the statements one after the other while their results are
+                // read: drain them all before closing, or the tables after the first few are
+                // never made.
+                script.drainResults();
+                script.finish();
             }
-            query.finish();
             db.close();
             created = true;
         } else {
@@ -105,15 +105,42 @@ bool createConnection()
         return createMySqlDatabase();
     }
 
-    QSqlQuery query(db);
-    if (query.exec("select pk from patientuser"))
-        return true;
-    if (query.isValid())
+    if (Statement(db, QStringLiteral("select pk from patientuser"), Statement::Direct).run())
         return true;
     // The tables are missing: the SQLite script is run whatever the driver, as the application
     // has always done for a fresh catalogue.
-    runSqliteSchema(query);
+    runSqliteSchema(db);
     return true;
+}
+
+QList<qint64> getPatientKeys()
+{
+    QList<qint64> keys;
+    Statement query(QSqlDatabase::database(), QStringLiteral("SELECT pk FROM patient ORDER BY pk"));
+    if (query.run())
+        while (query.next())
+            keys << query.get<qint64>(0);
+    return keys;
+}
+
+qint64 getSeriesKey(const QString& seriesUID)
+{
+    return kestrel::internal::selectValue<qint64>(QSqlDatabase::database(),
+                                                  QStringLiteral("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?"),
+                                                  {seriesUID}, -1);
+}
+
+int getStoredSearchCount(const QString& name)
+{
+    return kestrel::internal::selectValue<int>(QSqlDatabase::database(),
+                                               QStringLiteral("SELECT COUNT(*) FROM andvancequiry WHERE InquiryName = ?"), {name}, -1);
+}
+
+int getImportedImageCount(const QString& seriesUID)
+{
+    return kestrel::internal::selectValue<int>(QSqlDatabase::database(),
+                                               QStringLiteral("SELECT COUNT(*) FROM images WHERE seriesUID = ? AND DBflag = 1"),
+                                               {seriesUID}, 0);
 }
 
 VelDatabaseConnection::VelDatabaseConnection(QObject* parent)

@@ -52,17 +52,6 @@ inline Vec3 sliceNormal(const Vec3& row, const Vec3& column)
     return cross(row, column);
 }
 
-// Main axis chosen by signed comparison, as the hierarchy orders slices: 0 if v[0] > v[1] else 1,
-// kept if v[k] > v[2] else 2. Ties go to the higher index and negative components never win
-// (a normal (0, 0, -1) gives 1). The slice order of stored series depends on this exact choice.
-inline int signedMainAxis(const Vec3& v)
-{
-    int k = v[0] > v[1] ? 0 : 1;
-    if (!(v[k] > v[2]))
-        k = 2;
-    return k;
-}
-
 // Axis of the largest absolute component (ties to the lower index): the axis a direction
 // mostly runs along.
 inline int dominantAxis(const Vec3& v)

@@ -1,16 +1,13 @@
 #include "qinstance.h"
 
-#include "geometry/geometry_p.h"
+#include "geometry/slicestack_p.h"
 #include "hierarchy/hierarchy_p.h"
 #include "ndicomimage.h"
 #include "qpatient.h"
 #include "qseries.h"
 
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
-
-#include <cmath>
 
 using namespace kestrel::internal;
 
@@ -33,10 +30,7 @@ QInstance::~QInstance() = default;
 QStringList QInstance::getColumnName()
 {
     return cachedColumnNames(QStringLiteral("image"), QPatient::getDatabBaseName(),
-                             QStringLiteral("select column_name from Information_schema.columns where table_schema = '%1'"
-                                            "and (table_Name = 'imageformat' or table_Name = 'imagepixel' or table_Name = 'mrimageinfo')"),
-                             {QStringLiteral("PRAGMA table_info([imageformat])"), QStringLiteral("PRAGMA table_info([imagepixel])"),
-                              QStringLiteral("PRAGMA table_info([mrimageinfo])")});
+                             {QStringLiteral("imageformat"), QStringLiteral("imagepixel"), QStringLiteral("mrimageinfo")});
 }
 
 QSeries* QInstance::getSeries() const
@@ -82,16 +76,7 @@ void QInstance::setOrientation(QString orientation)
 
     const geometry::Vec3 row{m_orientation[0][0], m_orientation[0][1], m_orientation[0][2]};
     const geometry::Vec3 column{m_orientation[1][0], m_orientation[1][1], m_orientation[1][2]};
-    geometry::Vec3 n = geometry::sliceNormal(row, column);
-    // The stored normal is scaled by sqrt(Nx² + Ny·Nz + Nz²), not by its true length: slice order,
-    // the main axis and the volumes cached by earlier versions all derive from this value, so it
-    // is kept as it is (a coronal normal gives 0 and stays unscaled).
-    const double len = std::sqrt(n[0] * n[0] + n[1] * n[2] + n[2] * n[2]);
-    if (len > 0) {
-        n[0] /= len;
-        n[1] /= len;
-        n[2] /= len;
-    }
+    const geometry::Vec3 n = geometry::imageNormal(row, column);
     for (int i = 0; i < 3; ++i)
         m_orientation[2][i] = n[i];
     m_mainZ = geometry::signedMainAxis(n);
@@ -113,14 +98,9 @@ void QInstance::searchInstanceInfo()
         "imagepixel.SamplesPerPixel,imagepixel.PhotometricInterpretation,mrimageinfo.RepetitionTime,mrimageinfo.EchoTime,"
         "mrimageinfo.MagneticFieldStrength,mrimageinfo.EchoNumbers,mrimageinfo.FlipAngle,mrimageinfo.SOPInstanceUID "
         "from imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID  = imagepixel.SOPInstanceUID and "
-        "imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=")
-        + QLatin1Char('\'') + QString::number(m_instancePK) + QLatin1Char('\'')
-        + QStringLiteral(" ORDER BY `imageformat`.`InstanceNumber` ASC");
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(sql))
-        return;
-    while (query.next()) {
+        "imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=? "
+        "ORDER BY `imageformat`.`InstanceNumber` ASC");
+    forEachRow(sql, {m_instancePK}, [this](const Statement& query) {
         setAcquisitionTime(query.value(0).toString());
         setSOPInstanceUID(query.value(2).toString());
         setImageType(query.value(3).toString());
@@ -138,23 +118,19 @@ void QInstance::searchInstanceInfo()
         setMagneticFieldStrength(query.value(16).toString());
         setEchoNumbers(query.value(17).toInt());
         setFlipAngle(query.value(18).toString());
-    }
+    });
 }
 
 void QInstance::searchInstanceAllInfo()
 {
     const QString sql = QStringLiteral(
         "SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = imagepixel.SOPInstanceUID "
-        "and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=")
-        + QString::number(m_instancePK);
+        "and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=?");
     const QStringList names = getColumnName();
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(sql))
-        return;
-    while (query.next())
+    forEachRow(sql, {m_instancePK}, [&](const Statement& row) {
         for (int i = 0; i < names.size(); ++i)
-            m_allInfo.insert(names[i], query.value(i).toString());
+            m_allInfo.insert(names[i], row.value(i).toString());
+    });
 }
 
 QString QInstance::getMarkerIdFromString(QString marker)

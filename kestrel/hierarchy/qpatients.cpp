@@ -5,8 +5,10 @@
 #include "qseries.h"
 #include "qstudy.h"
 
+#include "catalog/catalogschema_p.h"
+#include "hierarchy/hierarchy_p.h"
+
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 #include <QSqlRecord>
 
@@ -24,39 +26,30 @@ void QPatients::advanceQueryByName(QString queryname)
     QSqlDatabase db = QSqlDatabase::database();
     QStringList tables, columns, operators, values, connectors, kinds;
     bool imageLevel = false;
-    {
-        QSqlQuery query(db);
-        query.setForwardOnly(true);
-        query.prepare(QStringLiteral("SELECT * FROM andvancequiry WHERE InquiryName = ? "));
-        query.addBindValue(queryname);
-        if (query.exec()) {
-            while (query.next()) {
-                tables << query.value(3).toString();
-                columns << query.value(4).toString();
-                operators << query.value(5).toString();
-                values << query.value(6).toString();
-                // An empty value is followed by "NULL" in the value list, so the conditions after
-                // it take their values one place further on; stored searches are written for
-                // this layout and depend on it.
-                if (query.value(6).toString().isEmpty())
-                    values << QStringLiteral("NULL");
-                connectors << query.value(7).toString();
-                kinds << query.value(8).toString();
-                if (query.value(3).toString() == QLatin1String("imageformat"))
-                    imageLevel = true;
-            }
-        }
-    }
+    kestrel::internal::forEachRow(QStringLiteral("SELECT * FROM andvancequiry WHERE InquiryName = ? "), {queryname},
+                                  [&](const kestrel::internal::Statement& query) {
+        tables << query.value(3).toString();
+        columns << query.value(4).toString();
+        operators << query.value(5).toString();
+        values << query.value(6).toString();
+        // An empty value is followed by "NULL" in the value list, so the conditions after it take
+        // their values one place further on; stored searches are written for this layout and
+        // depend on it.
+        if (query.value(6).toString().isEmpty())
+            values << QStringLiteral("NULL");
+        connectors << query.value(7).toString();
+        kinds << query.value(8).toString();
+        if (query.value(3).toString() == QLatin1String("imageformat"))
+            imageLevel = true;
+    });
 
-    const QString displayTables[4] = {QStringLiteral("querypatientuser"), QStringLiteral("querygeneralstudyuser"),
-                                      QStringLiteral("querygeneralseriesuser"), QStringLiteral("queryimageformatuser")};
+    const QStringList& displayTables = kestrel::internal::schema::displayTables();
     QStringList* titles[4] = {&m_patientTitles, &m_studyTitles, &m_seriesTitles, &m_imageTitles};
     bool* keyHidden[3] = {&m_patientKeyHidden, &m_studyKeyHidden, &m_seriesKeyHidden};
     for (int level = 0; level < 4; ++level) {
         const QSqlRecord names = db.record(displayTables[level]);
-        QSqlQuery flags(db);
-        flags.setForwardOnly(true);
-        const bool hasRow = flags.exec(QStringLiteral("SELECT * FROM %1").arg(displayTables[level])) && flags.next();
+        kestrel::internal::Statement flags(db, QStringLiteral("SELECT * FROM %1").arg(displayTables[level]));
+        const bool hasRow = flags.run() && flags.next();
         // The last column (the owner of the row) is never a display choice.
         for (int c = 0; c < names.count() - 1; ++c) {
             const int f = hasRow ? flags.value(c).toInt() : 0;
@@ -109,9 +102,9 @@ void QPatients::advanceQueryByName(QString queryname)
 void QPatients::advanceQuery(QString querystring)
 {
     m_queryString = querystring;
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(querystring))
+    // The caller's own SELECT, run as it stands.
+    kestrel::internal::Statement query(QSqlDatabase::database(), querystring, kestrel::internal::Statement::Direct);
+    if (!query.run())
         return;
     const int P = m_patientTitles.size();
     const int S = m_studyTitles.size();

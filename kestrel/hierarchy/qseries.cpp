@@ -1,6 +1,6 @@
 #include "qseries.h"
 
-#include "geometry/geometry_p.h"
+#include "geometry/slicestack_p.h"
 #include "hierarchy/hierarchy_p.h"
 #include "qinstance.h"
 #include "qpatient.h"
@@ -9,28 +9,27 @@
 #include <QHash>
 #include <QMessageLogger>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 
-#include <algorithm>
 #include <cmath>
+#include <vector>
 
 using namespace kestrel::internal;
 
 namespace {
 
-QSqlQuery runQuery(const QString& sql, bool* ok)
+// The geometry of INSTANCES for the slice stack, keyed by list index.
+std::vector<geometry::StackImage> stackImages(const QList<QInstance*>& instances)
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    *ok = query.exec(sql);
-    return query;
-}
-
-geometry::Vec3 positionOf(const QInstance* instance)
-{
-    const double* p = instance->getPosition();
-    return {p[0], p[1], p[2]};
+    std::vector<geometry::StackImage> images;
+    for (int i = 0; i < instances.size(); ++i) {
+        const QInstance* instance = instances[i];
+        const double* p = instance->getPosition();
+        const double* o = instance->getOrientation();
+        images.push_back({{p[0], p[1], p[2]}, {o[0], o[1], o[2]}, {o[3], o[4], o[5]}, instance->isGeometryValid(),
+                          instance->getInstanceNumber(), i});
+    }
+    return images;
 }
 
 // Sub-series members share pixel layout and in-plane directions.
@@ -66,10 +65,7 @@ QSeries::~QSeries() = default;
 
 QStringList QSeries::getColumnName()
 {
-    return cachedColumnNames(QStringLiteral("generalseries"), QPatient::getDatabBaseName(),
-                             QStringLiteral("select column_name from Information_schema.columns where table_Name = "
-                                            "'generalseries'and table_schema = '%1'"),
-                             {QStringLiteral("PRAGMA table_info([generalseries])")});
+    return cachedColumnNames(QStringLiteral("generalseries"), QPatient::getDatabBaseName(), {QStringLiteral("generalseries")});
 }
 
 QStudy* QSeries::getStudy() const
@@ -98,29 +94,25 @@ void QSeries::addInstance(QInstance* instance)
 
 void QSeries::searchSeriesInfo()
 {
-    bool ok = false;
-    QSqlQuery query = runQuery(QStringLiteral("SELECT pk,study_fk,SeriesInstanceUID,SeriesDescription,SeriesNumber,"
-                                              "Modality,SeriesBase FROM generalseries WHERE pk=%1")
-                                   .arg(m_seriesPK),
-                               &ok);
-    while (ok && query.next()) {
-        m_studyFK = query.value(1).toLongLong();
-        m_seriesUID = query.value(2).toString();
-        m_seriesDescription = query.value(3).toString();
-        m_seriesNumber = query.value(4).toInt();
-        m_modality = query.value(5).toString();
-        m_seriesBase = query.value(6).toString();
-    }
+    forEachRow(QStringLiteral("SELECT pk,study_fk,SeriesInstanceUID,SeriesDescription,SeriesNumber,Modality,SeriesBase FROM "
+                              "generalseries WHERE pk=?"),
+               {m_seriesPK}, [this](const Statement& row) {
+                   m_studyFK = row.value(1).toLongLong();
+                   m_seriesUID = row.value(2).toString();
+                   m_seriesDescription = row.value(3).toString();
+                   m_seriesNumber = row.value(4).toInt();
+                   m_modality = row.value(5).toString();
+                   m_seriesBase = row.value(6).toString();
+               });
 }
 
 void QSeries::searchSeriesAllInfo()
 {
     const QStringList names = getColumnName();
-    bool ok = false;
-    QSqlQuery query = runQuery(QStringLiteral("SELECT * FROM generalseries WHERE pk= %1").arg(m_seriesPK), &ok);
-    while (ok && query.next())
+    forEachRow(QStringLiteral("SELECT * FROM generalseries WHERE pk= ?"), {m_seriesPK}, [&](const Statement& row) {
         for (int i = 0; i < names.size(); ++i)
-            m_allInfo.insert(names[i], query.value(i).toString());
+            m_allInfo.insert(names[i], row.value(i).toString());
+    });
 }
 
 void QSeries::searchAllInfo()
@@ -131,41 +123,34 @@ void QSeries::searchAllInfo()
     for (QInstance* instance : qAsConst(m_instances))
         byKey.insert(instance->getInstancePK(), instance);
     const QStringList names = QInstance::getColumnName();
-    bool ok = false;
-    QSqlQuery query = runQuery(
-        QStringLiteral("SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = "
-                       "imagepixel.SOPInstanceUID and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and "
-                       "imageformat.series_fk=")
-            + QLatin1Char('\'') + QString::number(m_seriesPK) + QLatin1Char('\''),
-        &ok);
-    while (ok && query.next()) {
-        QInstance* instance = byKey.value(query.value(0).toLongLong());
-        if (!instance) {
-            QMessageLogger("qseries", 162, "QSeries::searchAllInfo").warning("QSeries::searchAllInfo");
-            continue;
-        }
-        for (int i = 0; i < names.size(); ++i)
-            instance->setValue(names[i], query.value(i).toString());
-    }
+    forEachRow(QStringLiteral("SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = "
+                              "imagepixel.SOPInstanceUID and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and "
+                              "imageformat.series_fk=?"),
+               {m_seriesPK}, [&](const Statement& row) {
+                   QInstance* instance = byKey.value(row.value(0).toLongLong());
+                   if (!instance) {
+                       QMessageLogger("qseries", 162, "QSeries::searchAllInfo").warning("QSeries::searchAllInfo");
+                       return;
+                   }
+                   for (int i = 0; i < names.size(); ++i)
+                       instance->setValue(names[i], row.value(i).toString());
+               });
     m_instanceInfoLoaded = true;
 }
 
 void QSeries::searchInstance()
 {
-    bool ok = false;
-    QSqlQuery query = runQuery(QStringLiteral("SELECT series_fk,pk,SOPInstanceUID,ImageType,InstanceNumber,FilePath FROM "
-                                              "imageformat WHERE series_fk='%1' ORDER BY `InstanceNumber` ASC")
-                                   .arg(m_seriesPK),
-                               &ok);
-    while (ok && query.next()) {
-        auto* instance = new QInstance(query.value(1).toLongLong(), this);
-        instance->setSeriesFK(m_seriesPK);
-        instance->setSOPInstanceUID(query.value(2).toString());
-        instance->setImageType(query.value(3).toString());
-        instance->setInstanceNumber(query.value(4).toInt());
-        instance->setFilePath(query.value(5).toString());
-        m_instances.append(instance);
-    }
+    forEachRow(QStringLiteral("SELECT series_fk,pk,SOPInstanceUID,ImageType,InstanceNumber,FilePath FROM imageformat WHERE "
+                              "series_fk=? ORDER BY `InstanceNumber` ASC"),
+               {m_seriesPK}, [this](const Statement& row) {
+                   auto* instance = new QInstance(row.value(1).toLongLong(), this);
+                   instance->setSeriesFK(m_seriesPK);
+                   instance->setSOPInstanceUID(row.value(2).toString());
+                   instance->setImageType(row.value(3).toString());
+                   instance->setInstanceNumber(row.value(4).toInt());
+                   instance->setFilePath(row.value(5).toString());
+                   m_instances.append(instance);
+               });
 }
 
 void QSeries::searchInstanceInfos()
@@ -173,47 +158,33 @@ void QSeries::searchInstanceInfos()
     // The join pairs rows by series only, so a series of N images gives N×N rows and objects.
     // Callers rely on this shape of the one-query path; one object per image comes from
     // searchInstance() followed by QInstance::searchInstanceInfo().
-    bool ok = false;
-    QSqlQuery query = runQuery(
-        QStringLiteral("select imageformat.pk,imageformat.SOPInstanceUID,imageformat.ImageType,imageformat.InstanceNumber,"
-                       "imageformat.FilePath, imagepixel.PixelSpacing,imagepixel.ImageOrientationPatient,"
-                       "imagepixel.ImagePositionPatient,imagepixel.Rows,imagepixel.Columns,imagepixel.BitsAllocated,"
-                       "imageformat.series_fk ,imagepixel.series_fk from imageformat,imagepixel  WHERE "
-                       "imageformat.series_fk=%1 and imagepixel.series_fk=%1 ORDER BY `imageformat`.`InstanceNumber` ASC")
-            .arg(m_seriesPK),
-        &ok);
-    while (ok && query.next()) {
-        auto* instance = new QInstance(query.value(0).toLongLong(), this);
-        instance->setSeriesFK(m_seriesPK);
-        instance->setSOPInstanceUID(query.value(1).toString());
-        instance->setImageType(query.value(2).toString());
-        instance->setInstanceNumber(query.value(3).toInt());
-        instance->setFilePath(query.value(4).toString());
-        instance->setBitsAllocated(query.value(10).toInt());
-        instance->setPixelSpacing(query.value(5).toString());
-        instance->setPosition(query.value(7).toString());
-        instance->setOrientation(query.value(6).toString());
-        instance->setImageSize(query.value(8).toInt(), query.value(9).toInt());
-        m_instances.append(instance);
-    }
+    forEachRow(QStringLiteral("select imageformat.pk,imageformat.SOPInstanceUID,imageformat.ImageType,imageformat.InstanceNumber,"
+                              "imageformat.FilePath, imagepixel.PixelSpacing,imagepixel.ImageOrientationPatient,"
+                              "imagepixel.ImagePositionPatient,imagepixel.Rows,imagepixel.Columns,imagepixel.BitsAllocated,"
+                              "imageformat.series_fk ,imagepixel.series_fk from imageformat,imagepixel  WHERE "
+                              "imageformat.series_fk=? and imagepixel.series_fk=? ORDER BY `imageformat`.`InstanceNumber` ASC"),
+               {m_seriesPK, m_seriesPK}, [this](const Statement& row) {
+                   auto* instance = new QInstance(row.value(0).toLongLong(), this);
+                   instance->setSeriesFK(m_seriesPK);
+                   instance->setSOPInstanceUID(row.value(1).toString());
+                   instance->setImageType(row.value(2).toString());
+                   instance->setInstanceNumber(row.value(3).toInt());
+                   instance->setFilePath(row.value(4).toString());
+                   instance->setBitsAllocated(row.value(10).toInt());
+                   instance->setPixelSpacing(row.value(5).toString());
+                   instance->setPosition(row.value(7).toString());
+                   instance->setOrientation(row.value(6).toString());
+                   instance->setImageSize(row.value(8).toInt(), row.value(9).toInt());
+                   m_instances.append(instance);
+               });
 }
 
 void QSeries::sortByPosition()
 {
-    if (m_instances.size() < 2 || !m_instances.first()->isGeometryValid())
-        return;
-    const QInstance* first = m_instances.first();
-    const int k = first->getMainZ();
-    if (k < 0 || k > 2)
-        return;
-    const bool descending = first->getOrientation(2)[k] < 0;
-    // Stable, so that images at one position keep their database order: a sagittal series whose
-    // main axis is the (constant) z keeps the order in which the scanner numbered its slices.
-    std::stable_sort(m_instances.begin(), m_instances.end(), [k, descending](const QInstance* a, const QInstance* b) {
-        if (a->getMainZ() != b->getMainZ())
-            return false;
-        return descending ? a->getPosition()[k] > b->getPosition()[k] : a->getPosition()[k] < b->getPosition()[k];
-    });
+    const QList<QInstance*> given = m_instances;
+    const std::vector<int> order = geometry::orderAlongMainAxis(stackImages(given));
+    for (size_t i = 0; i < order.size(); ++i)
+        m_instances[int(i)] = given[order[i]];
 }
 
 QList<QSeries*> QSeries::subSeries()
@@ -251,48 +222,11 @@ QSeries* QSeries::getVolumeSE()
     QSeries* chosen = subs.takeAt(best);
     qDeleteAll(subs);
 
-    const geometry::Vec3 firstInDatabaseOrder = positionOf(chosen->m_instances.first());
-    chosen->sortByPosition();
-    const QList<QInstance*> sorted = chosen->m_instances;
+    const QList<QInstance*> images = chosen->m_instances;
     delete chosen;
-    if (sorted.size() < 2)
+    const geometry::SliceStack stack = geometry::buildSliceStack(stackImages(images));
+    if (stack.slices.empty())
         return nullptr;
-
-    // Slice spacing: the most common distance between neighbours (clusters 0.01 mm wide).
-    QVector<double> distances;
-    for (int i = 1; i < sorted.size(); ++i)
-        distances.append(geometry::distance(positionOf(sorted[i]), positionOf(sorted[i - 1])));
-    QVector<double> ordered = distances;
-    std::sort(ordered.begin(), ordered.end());
-    double spacing = ordered.first();
-    int bestCount = 0;
-    for (int start = 0; start < ordered.size();) {
-        int end = start + 1;
-        while (end < ordered.size() && !(ordered[end] - ordered[end - 1] > 0.01))
-            ++end;
-        if (end - start > bestCount) {
-            bestCount = end - start;
-            spacing = ordered[start];
-        }
-        start = end;
-    }
-
-    // Gap filter: an image stays when the distance to its predecessor in sorted order is the
-    // spacing; the first image has no predecessor and always stays (it starts the volume).
-    QList<QInstance*> kept{sorted.first()};
-    for (int i = 1; i < sorted.size(); ++i)
-        if (std::fabs(distances[i - 1] - spacing) < 0.1)
-            kept.append(sorted[i]);
-    if (kept.size() < 2 || geometry::distance(positionOf(kept.first()), positionOf(kept.last())) == 0)
-        return nullptr;
-
-    const QInstance* first = kept.first();
-    const double* o = first->getOrientation();
-    const geometry::Vec3 normal = geometry::normalized(geometry::sliceNormal({o[0], o[1], o[2]}, {o[3], o[4], o[5]}));
-    const int k = first->getMainZ();
-    const double along = (k >= 0 && k <= 2) ? normal[k] * (kept.last()->getPosition()[k] - first->getPosition()[k]) : 0;
-    if (along < 0)
-        std::reverse(kept.begin(), kept.end());
 
     auto* volume = new QSeries();
     volume->m_modality = m_modality;
@@ -302,8 +236,8 @@ QSeries* QSeries::getVolumeSE()
     volume->m_seriesDescription = m_seriesDescription;
     volume->m_seriesNumber = m_seriesNumber;
     volume->m_seriesBase = m_seriesBase;
-    volume->m_instances = kept;
-
-    m_isOrder = positionOf(kept.first()) == firstInDatabaseOrder ? 1 : -1;
+    for (const geometry::StackSlice& slice : stack.slices)
+        volume->m_instances.append(images[int(slice.frames.front().key)]); // a volume takes one image per slice
+    m_isOrder = stack.startsAtFirstImage ? 1 : -1;
     return volume;
 }

@@ -5,6 +5,8 @@
 #include "import/imagerecordfill_p.h"
 #include "import/importrecords_p.h"
 #include "catalog/connection_p.h"
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
 #include "import/storagetree_p.h"
 #include "kestrelpaths.h"
 
@@ -21,7 +23,6 @@
 #include <QFileInfo>
 #include <QSettings>
 #include <QSqlError>
-#include <QSqlQuery>
 
 #include <omp.h>
 
@@ -88,6 +89,7 @@ QDcmFiles::QDcmFiles(QObject* parent)
 QDcmFiles::~QDcmFiles()
 {
     delete m_fileFormat;
+    m_writes.reset();
     removeClonedConnection(m_connectionName);
 }
 
@@ -279,10 +281,10 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
 QSet<QString> QDcmFiles::cataloguedSeries()
 {
     QSet<QString> keys;
-    QSqlQuery query(database());
-    if (query.exec(QStringLiteral("SELECT SeriesBase FROM generalseries"))) {
+    Statement query(database(), QStringLiteral("SELECT SeriesBase FROM generalseries"));
+    if (query.run()) {
         while (query.next())
-            keys.insert(query.value(0).toString());
+            keys.insert(query.get<QString>(0));
     }
     return keys;
 }
@@ -422,21 +424,23 @@ bool QDcmFiles::importPass(bool copy)
 
 void QDcmFiles::beginWrites()
 {
-    m_inTransaction = database().transaction();
+    // Without a transaction (the begin failed) the rows are written one statement at a time.
+    m_writes = std::make_unique<Transaction>(database());
+    if (!m_writes->isActive())
+        m_writes.reset();
     m_commitTimer.start();
 }
 
 void QDcmFiles::commitWrites(bool force)
 {
-    if (!m_inTransaction || (!force && m_commitTimer.elapsed() < 500))
+    if (!m_writes || (!force && m_commitTimer.elapsed() < 500))
         return;
-    QSqlDatabase db = database();
-    if (!db.commit()) {
+    const Status committed = m_writes->commit();
+    if (!committed) {
         ++m_counts.failedBatches;
-        emit errorInfo(tr("cannot commit the imported rows: %1").arg(db.lastError().text()));
-        db.rollback();
+        emit errorInfo(tr("cannot commit the imported rows: %1").arg(committed.text()));
     }
-    m_inTransaction = false;
+    m_writes.reset();
     if (!force)
         beginWrites();
 }
@@ -636,16 +640,19 @@ void QDcmFiles::onNotifyUploadDB(QString seriesUID)
 
     QSqlDatabase db = database();
     reopenIfLost(db);
-    QSqlQuery query(db);
-    if (!query.exec(QStringLiteral("SELECT InstanceUID,filepath FROM images WHERE DBflag = 0"))) {
-        emit errorInfo(query.lastError().text());
-        return;
-    }
     QStringList instanceUIDs;
     QList<QString> paths;
-    while (query.next()) {
-        instanceUIDs << query.value(0).toString();
-        paths << query.value(1).toString();
+    {
+        Statement query(db, QStringLiteral("SELECT InstanceUID,filepath FROM images WHERE DBflag = 0"));
+        const Status read = query.run();
+        if (!read) {
+            emit errorInfo(read.text());
+            return;
+        }
+        while (query.next()) {
+            instanceUIDs << query.get<QString>(0);
+            paths << query.get<QString>(1);
+        }
     }
     if (paths.isEmpty())
         return;
@@ -654,24 +661,24 @@ void QDcmFiles::onNotifyUploadDB(QString seriesUID)
     reinit();
     loadLocalFilesToDB(paths, copyMode);
 
-    db.transaction();
-    QSqlQuery flag(db);
-    flag.prepare(QStringLiteral("UPDATE images SET DBflag=1 WHERE InstanceUID = ?"));
-    for (const QString& uid : instanceUIDs) {
-        flag.addBindValue(uid);
-        flag.exec();
-    }
-    QSqlQuery count(db);
-    count.prepare(QStringLiteral("SELECT count(*) FROM images WHERE seriesUID = ? And DBflag=1"));
-    count.addBindValue(seriesUID);
-    if (count.exec() && count.next()) {
-        QSqlQuery store(db);
-        store.prepare(QStringLiteral("UPDATE series SET upDBnum=? WHERE seriesUID=?"));
-        store.addBindValue(count.value(0).toLongLong());
-        store.addBindValue(seriesUID);
-        store.exec();
-    }
-    db.commit();
+    // The queue's flags and the series' count change together or not at all.
+    const Status flagged = runWrite(db, [&](Transaction&) {
+        Statement flag(db, QStringLiteral("UPDATE images SET DBflag=1 WHERE InstanceUID = ?"));
+        for (const QString& uid : qAsConst(instanceUIDs)) {
+            if (const Status status = flag.bind(uid).run(); !status)
+                return status;
+        }
+        Statement count(db, QStringLiteral("SELECT count(*) FROM images WHERE seriesUID = ? And DBflag=1"));
+        if (const Status status = count.bind(seriesUID).run(); !status)
+            return status;
+        if (!count.next())
+            return Status::ok();
+        const qint64 imported = count.get<qint64>(0);
+        count.finish();
+        return execute(db, QStringLiteral("UPDATE series SET upDBnum=? WHERE seriesUID=?"), {imported, seriesUID});
+    });
+    if (!flagged)
+        emit errorInfo(tr("cannot mark the received files of %1 as imported: %2").arg(seriesUID, flagged.text()));
     emit notifyUpdateMainWindow();
     emit notifyNewSeriesUID(seriesUID);
 }

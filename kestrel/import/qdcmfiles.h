@@ -16,6 +16,9 @@
 #include <vector>
 
 class DcmFileFormat;
+namespace kestrel::internal {
+class Transaction;
+}
 
 // One file of a series found by the reading pass: its phase, its path, and the SOPInstanceUID read
 // on the way (lets the record pass recognise files the catalogue already holds without reading
@@ -227,7 +230,7 @@ protected:
     QHash<QString, ImageRecords> m_prefetched;
     static constexpr int kPrefetchLimit = 50000;
     QElapsedTimer m_commitTimer;
-    bool m_inTransaction = false;
+    std::unique_ptr<kestrel::internal::Transaction> m_writes; // the open one of those transactions
     int m_workers = 1;       // OpenMP workers of the import pass
     RunCounts m_counts;
     QString m_lastError;

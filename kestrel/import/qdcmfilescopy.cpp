@@ -2,12 +2,12 @@
 // storage markers.
 #include "qdcmfiles.h"
 
+#include "catalog/statement_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/storagetree_p.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSqlQuery>
 
 using namespace kestrel::internal;
 
@@ -18,20 +18,18 @@ const QString kImageFormat = QStringLiteral("imageformat");
 QHash<QString, QString> QDcmFiles::irradiationMarkers(qint64 seriesPk)
 {
     QHash<QString, QString> markers;
-    QSqlQuery query(database());
-    query.prepare(QStringLiteral("SELECT SOPInstanceUID,IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
-    query.addBindValue(seriesPk);
-    if (query.exec()) {
+    Statement query(database(), QStringLiteral("SELECT SOPInstanceUID,IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
+    if (query.bind(seriesPk).run()) {
         while (query.next())
-            markers.insert(query.value(0).toString(), query.value(1).toString());
+            markers.insert(query.get<QString>(0), query.get<QString>(1));
     }
     return markers;
 }
 
 void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& seriesDir)
 {
-    QSqlQuery update(database());
-    update.prepare(QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
+    // Runs inside the import pass's transaction.
+    Statement update(database(), QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
     int failed = 0;
     for (int i = 0; i < count; ++i) {
         ImageFormat& record = records[i];
@@ -51,9 +49,7 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
             continue;
         }
         if (record.state == ImageRecord::Duplicate) {
-            update.addBindValue(destination);
-            update.addBindValue(record.sopInstanceUID);
-            update.exec();
+            update.bind(destination).bind(record.sopInstanceUID).run();
         } else {
             record.filePath = destination;
             setColumn(&record, kImageFormat, "FilePath", destination);

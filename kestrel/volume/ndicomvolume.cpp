@@ -1,9 +1,9 @@
 #include "ndicomvolume.h"
 
 #include "dicom/dcmvalues_p.h"
-#include "geometry/imagegeometry_p.h"
+#include "geometry/slicestack_p.h"
+#include "volume/volumecache_p.h"
 #include "volume/volumeheadtext_p.h"
-#include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qseries.h"
@@ -17,12 +17,7 @@
 #include <dcmtk/dcmimgle/dipixel.h>
 
 #include <QDebug>
-#include <QDir>
 #include <QFile>
-#include <QSettings>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
 
 #include <algorithm>
 #include <cmath>
@@ -32,6 +27,11 @@
 #include <vector>
 
 using namespace kestrel::internal;
+
+QString getCachedVolumePath(const QString& key)
+{
+    return volumecache::registeredFile(key);
+}
 
 NDicomVolume::NDicomVolume(QObject* parent)
     : NVolume(parent)
@@ -59,24 +59,13 @@ NDicomVolume::~NDicomVolume()
 
 int NDicomVolume::viewAxis(int target) const
 {
-    // Patient axis (0 = x, 1 = y, 2 = z) that each voxel axis i, j, k is closest to.
-    int view[3];
-    for (int a = 0; a < 3; ++a)
-        view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
-    if (view[2] == target)
-        return 3;
-    if (view[1] == target)
-        return 2;
-    if (view[0] == target)
-        return 1;
-    return 0;
+    return geometry::voxelAxisAlong(m_head.orientation, target) + 1;
 }
 
 bool NDicomVolume::planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target)
 {
     int view[3];
-    for (int a = 0; a < 3; ++a)
-        view[a] = std::abs(kestrel::internal::imageDirectionCode(m_head.orientation + 3 * a)) - 1;
+    geometry::patientAxes(m_head.orientation, view);
     switch (viewAxis(target)) {
     case 3:
         return getDicomImagePlaneK(image, index, thickness, view, render);
@@ -197,13 +186,9 @@ void NDicomVolume::sortFiles(QSeries* series)
     std::memcpy(m_orientation + 3, first->getOrientation(1), 3 * sizeof(double));
     const double* p0 = first->getPosition();
     const double* p1 = slices.last()->getPosition();
-    const double d[3] = {p1[0] - p0[0], p1[1] - p0[1], p1[2] - p0[2]};
-    const double length = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-    if (length > 0 && slices.size() > 1) {
-        for (int c = 0; c < 3; ++c)
-            m_orientation[6 + c] = d[c] / length;
-        m_spacing[2] = length / (slices.size() - 1);
-    }
+    geometry::Vec3 axis;
+    if (geometry::stackAxis({p0[0], p0[1], p0[2]}, {p1[0], p1[1], p1[2]}, slices.size(), axis, m_spacing[2]))
+        std::copy(axis.begin(), axis.end(), m_orientation + 6);
 }
 
 bool NDicomVolume::fillHead()
@@ -473,26 +458,14 @@ void NDicomVolume::clone(NDicomVolume* src)
 
 void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>& build)
 {
-    m_curVolumeDataPath.clear();
-    QSqlDatabase db = QSqlDatabase::database();
-    {
-        QSqlQuery query(db);
-        query.prepare("SELECT * FROM registration WHERE SeriesInstanceUID = ?");
-        query.addBindValue(key);
-        if (query.exec())
-            while (query.next())
-                m_curVolumeDataPath = query.value(3).toString();
-    }
+    m_curVolumeDataPath = volumecache::registeredFile(key);
     if (!m_curVolumeDataPath.isEmpty()) {
         if (loadVolume(m_curVolumeDataPath) >= 0) {
             emit registrationInfo(1);
             return;
         }
         qWarning() << "NDicomVolume: cached volume does not load, rebuilding:" << m_curVolumeDataPath;
-        QSqlQuery remove(db);
-        remove.prepare("DELETE FROM registration WHERE SeriesInstanceUID = ?");
-        remove.addBindValue(key);
-        remove.exec();
+        volumecache::forget(key);
     }
     build();
     emit registrationInfo(0);
@@ -527,18 +500,7 @@ int NDicomVolume::writeCache(const QString& key)
     m_curVolumeDataPath.clear();
     if (key.isEmpty() || !isValid())
         return 0;
-    // The cache folder is configured relative to the working directory, as the application's
-    // launcher sets it; a relative folder is resolved against the application directory.
-    QSettings settings(QStringLiteral("../config/cache.ini"), QSettings::IniFormat);
-    QString folder = settings.value(QStringLiteral("registration/cachepath"), QStringLiteral("../cache")).toString();
-    if (QDir::isRelativePath(folder))
-        folder = QDir(Kestrel::applicationDir()).absoluteFilePath(folder);
-    folder = QDir::cleanPath(folder);
-    QDir().mkpath(folder);
-    // The key becomes a file name: no separators from the data.
-    QString name = key;
-    name.replace('/', '_').replace('\\', '_');
-    const QString file = folder + "/" + name + ".data";
+    const QString file = volumecache::fileFor(volumecache::folder(), key);
     if (!saveAs(file))
         return 0;
     if (!QFile::exists(file)) {
@@ -546,17 +508,13 @@ int NDicomVolume::writeCache(const QString& key)
         return 0;
     }
     m_curVolumeDataPath = file;
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("INSERT INTO registration (SeriesInstanceUID,ServerAddress,Savepath,VolumeHead) VALUES (?, ?, ?, ?)");
-    query.addBindValue(key);
-    query.addBindValue(QString(""));
-    query.addBindValue(file);
-    query.addBindValue(volumeHeadtoString(m_head));
-    if (!query.exec())
-        qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << query.lastError().text();
-    // An INSERT leaves no row to stand on, so this is 0 after a good write too; kept because the
-    // callers have always ignored it and the boolean form relies on the same answer.
-    return query.isValid() ? 1 : 0;
+    const Status registered = volumecache::registerFile(key, file, volumeHeadtoString(m_head));
+    if (!registered)
+        qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << registered.text();
+    // The answer has always been that of a query positioned on a row, which an INSERT never
+    // leaves: 0 after a good write too. Kept because the callers have always ignored it and the
+    // boolean form relies on the same answer.
+    return 0;
 }
 
 int NDicomVolume::saveVolumeToDefaultPath()

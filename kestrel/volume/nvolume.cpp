@@ -1,5 +1,7 @@
 #include "nvolume.h"
 
+#include "geometry/slicestack_p.h"
+#include "volume/volumecache_p.h"
 #include "volume/volumeheadtext_p.h"
 #include "volume/volumeplugin_p.h"
 #include "simd/kernels_p.h"
@@ -10,8 +12,6 @@
 #include <QDebug>
 #include <QFile>
 #include <QFileInfo>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 
 #include <cmath>
 #include <cstdlib>
@@ -468,14 +468,7 @@ bool NVolume::getCubeEightTopPosition()
 
 int NVolume::getmainz(double a, double b, double c)
 {
-    const double x = std::fabs(a), y = std::fabs(b), z = std::fabs(c);
-    if (z > x && z > y)
-        return 3;
-    if (y > x && y > z)
-        return 2;
-    if (x > y && x > z)
-        return 1;
-    return 0;
+    return geometry::strictMainAxis({a, b, c}) + 1;
 }
 
 int NVolume::getPosiOrNegativeOrien(double a, double b, double c)
@@ -520,20 +513,8 @@ void NVolume::maskVolume(NVolume* volume, NBitVolume* mask)
 
 void NVolume::getUID(qint64 seriesPk)
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("SELECT generalstudy.StudyInstanceUID,generalseries.SeriesInstanceUID FROM generalstudy "
-                  "inner join generalseries inner join imageformat WHERE generalstudy.pk=generalseries.study_fk "
-                  "and generalseries.pk=imageformat.series_fk and imageformat.series_fk=?");
-    query.addBindValue(seriesPk);
-    if (!query.exec())
-        return;
     // The UIDs are read and dropped: callers only use this to touch the series' rows.
-    while (query.next()) {
-        const QString studyUid = query.value(0).toString();
-        const QString seriesUid = query.value(1).toString();
-        Q_UNUSED(studyUid);
-        Q_UNUSED(seriesUid);
-    }
+    volumecache::readSeriesUIDs(seriesPk);
 }
 
 VelIVolume* NVolume::getVelIVolume() const

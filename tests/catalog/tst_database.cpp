@@ -96,6 +96,37 @@ private slots:
         QCOMPARE(TestCatalog::count("querypatientuser"), 1);
     }
 
+    void readsForPrograms_data() { TestCatalog::addBackendRows(); }
+    void readsForPrograms()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QCOMPARE(getPatientKeys(), QList<qint64>());
+        QSqlQuery write(QSqlDatabase::database());
+        for (const char* sql : {"INSERT INTO patient (pk, PatientID) VALUES (12, 'b')", "INSERT INTO patient (pk, PatientID) VALUES (3, 'a')",
+                                "INSERT INTO generalseries (pk, SeriesInstanceUID) VALUES (9, '1.2.3')",
+                                "INSERT INTO generalseries (pk, SeriesInstanceUID) VALUES (4, '1.2.30')",
+                                "INSERT INTO andvancequiry (InquiryName) VALUES ('mine')", "INSERT INTO andvancequiry (InquiryName) VALUES ('mine')",
+                                "INSERT INTO andvancequiry (InquiryName) VALUES ('Mine2')",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('s', '1', 1)",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('s', '2', 0)",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('s', '3', 1)",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('t', '4', 1)"})
+            QVERIFY2(write.exec(sql), sql);
+        QCOMPARE(getPatientKeys(), QList<qint64>({3, 12}));
+        QCOMPARE(getSeriesKey("1.2.3"), qint64(9));
+        QCOMPARE(getSeriesKey("1.2"), qint64(-1));
+        QCOMPARE(getStoredSearchCount("mine"), 2);
+        QCOMPARE(getStoredSearchCount("other"), 0);
+        QCOMPARE(getImportedImageCount("s"), 2);
+        QCOMPARE(getImportedImageCount("u"), 0);
+        // A catalogue without the tables: the failure answers, not a count.
+        for (const char* table : {"andvancequiry", "patient"})
+            QVERIFY(write.exec(QString("DROP TABLE %1").arg(table)));
+        QCOMPARE(getStoredSearchCount("mine"), -1);
+        QCOMPARE(getPatientKeys(), QList<qint64>());
+    }
+
     void unreachableServerFails()
     {
         TestCatalog catalog("sqlite");

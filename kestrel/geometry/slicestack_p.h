@@ -1,0 +1,87 @@
+#pragma once
+
+// The slices of a series in space: which images make the volume, in which order, how far apart,
+// and which way the stack runs. Worked out from the images' positions and orientations alone;
+// QSeries::getVolumeSE and sortByPosition, NDicomVolume::sortFiles and the volume's axis queries
+// all take their answers from here. Each ordering rule is one function of slicestack.cpp, named
+// after what it decides, with its tolerances at the top of that file.
+
+#include "geometry/geometry_p.h"
+#include "platform/testexport_p.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace kestrel::internal::geometry {
+
+// One image as the catalogue describes it.
+struct StackImage {
+    Vec3 position{}; // patient coordinates of the first pixel
+    Vec3 row{};      // row direction cosines
+    Vec3 column{};   // column direction cosines
+    bool oriented = true; // false: no orientation was read, the image has no main axis
+    int instanceNumber = 0;
+    std::int64_t key = 0; // the caller's own, handed back with the results
+};
+
+// One image taken at a slice position.
+struct StackFrame {
+    std::int64_t key = 0;
+    int instanceNumber = 0;
+};
+
+// A slice position and the images taken there (one each under the present rules).
+struct StackSlice {
+    Vec3 position{};
+    std::vector<StackFrame> frames;
+};
+
+// Neighbouring slices of the result whose distance is not the spacing.
+struct StackGap {
+    int slice = 0;       // index of the slice after the gap
+    double distance = 0; // its distance to the slice before
+};
+
+struct SliceStack {
+    std::vector<StackSlice> slices; // along the normal; empty when the images make no volume
+    Vec3 normal{};                  // unit row × column of the first image in sorted order
+    int mainAxis = -1;              // patient axis the images were sorted along
+    double spacing = 0;             // most common distance between neighbours in sorted order
+    Vec3 axis{};                    // unit vector from the first slice to the last
+    double step = 0;                // distance from the first slice to the last / (slices - 1)
+    std::vector<std::int64_t> dropped; // images left out for their distance, in sorted order
+    std::vector<StackGap> gaps;
+    bool startsAtFirstImage = false; // the first slice lies exactly where the first image given does
+};
+
+// The normal an image stores: row × column, scaled by sqrt(Nx² + Ny·Nz + Nz²) rather than by
+// its length, and left unscaled when that is not positive (a coronal normal gives 0). Slice
+// order, the main axis and the volumes cached by earlier versions all derive from this value.
+KESTREL_TEST_EXPORT Vec3 imageNormal(const Vec3& row, const Vec3& column);
+
+// Main axis of a normal by signed comparison: 0 if v[0] > v[1] else 1, kept if v[k] > v[2] else
+// 2. Ties go to the higher index and negative components never win ((0, 0, -1) gives 1).
+KESTREL_TEST_EXPORT int signedMainAxis(const Vec3& v);
+
+// Order of IMAGES (indices) along the first image's main axis, the way its normal points there.
+// Images with another main axis are not ordered against the rest; images at one position keep
+// the order given. Given order when there are fewer than two or the first is not oriented.
+KESTREL_TEST_EXPORT std::vector<int> orderAlongMainAxis(const std::vector<StackImage>& images);
+
+// The volume that IMAGES (one plane, in the catalogue's order) make.
+KESTREL_TEST_EXPORT SliceStack buildSliceStack(const std::vector<StackImage>& images);
+
+// Axis of COUNT slices in order from FIRST to LAST: the unit vector between them and the mean
+// step. False, leaving both untouched, for fewer than two slices or coinciding ends.
+KESTREL_TEST_EXPORT bool stackAxis(const Vec3& first, const Vec3& last, int count, Vec3& axis, double& step);
+
+// Axis whose magnitude is strictly the largest, -1 when the largest is shared.
+KESTREL_TEST_EXPORT int strictMainAxis(const Vec3& v);
+
+// Patient axis (0 = x, 1 = y, 2 = z) each voxel axis i, j, k of ORIENTATION (9 values, i, j, k
+// directions) runs closest to, and the voxel axis running closest to PATIENTAXIS (k before j
+// before i; -1 when none).
+KESTREL_TEST_EXPORT void patientAxes(const double* orientation, int view[3]);
+KESTREL_TEST_EXPORT int voxelAxisAlong(const double* orientation, int patientAxis);
+
+} // namespace kestrel::internal::geometry
