@@ -4,6 +4,7 @@
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>
@@ -22,7 +23,6 @@
 #include <QRandomGenerator>
 #include <QSettings>
 #include <QSqlRecord>
-#include <QTextCodec>
 #include <QUuid>
 
 #include <cerrno>
@@ -96,24 +96,24 @@ bool isSequence(const Emptied& e)
     return QByteArray(e.keyword).endsWith("Sequence");
 }
 
-// Text values are kept as readable text where the character set is known; everything else goes
-// through Latin-1, which maps every byte to one character and back.
-QTextCodec* codecFor(DcmItem* ds)
+// Text values are kept as readable text in the file's character set (DicomCharset: an unknown
+// set goes through Latin-1, which maps every byte to one character and back).
+DicomCharset charsetOf(DcmItem* ds)
 {
-    return dicomTextCodec(dcmCharacterSet(ds));
+    return DicomCharset(dcmCharacterSet(ds));
 }
 
 // Never a null string: an empty value must stay apart from a missing attribute (NULL).
-QString decodeValue(const QByteArray& bytes, QTextCodec* codec)
+QString decodeValue(const QByteArray& bytes, const DicomCharset& charset, const DcmTagKey& tag)
 {
     if (bytes.isEmpty())
         return QStringLiteral("");
-    return codec ? codec->toUnicode(bytes) : QString::fromLatin1(bytes);
+    return charset.decode(bytes, dcmIsPersonName(tag));
 }
 
-QByteArray encodeValue(const QString& text, QTextCodec* codec)
+QByteArray encodeValue(const QString& text, const DicomCharset& charset, const DcmTagKey& tag)
 {
-    return codec ? codec->fromUnicode(text) : text.toLatin1();
+    return charset.encode(text, dcmIsPersonName(tag));
 }
 
 // A sequence with its items as base64 text of its Explicit VR Little Endian encoding.
@@ -251,9 +251,9 @@ qint64 QDcmAnonymize::getAnonymousPatientPKByNameAndID()
     DcmDataset* ds = m_file ? m_file->getDataset() : nullptr;
     if (!ds)
         return -1;
-    QTextCodec* codec = codecFor(ds);
-    const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), codec);
-    const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), codec);
+    const DicomCharset charset = charsetOf(ds);
+    const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID);
+    const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName);
     // MariaDB compares text without regard to case or trailing blanks: two patients differing
     // only so are still two patients.
     qint64 pk = -1;
@@ -342,10 +342,10 @@ bool QDcmAnonymize::addAnonymousPatientDataBase()
         emit errorInfo(tr("no free anonymous patient ID is left"));
         return false;
     }
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     return runMapping(this, database(), schema::insertStatement("anonymouspatient"),
-                      {decodeValue(dcmBytes(ds, DCM_PatientName), codec), decodeValue(dcmBytes(ds, DCM_PatientID), codec),
-                       m_anonPatientID},
+                      {decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName),
+                       decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID), m_anonPatientID},
                       Write)
             .isOk();
 }
@@ -374,7 +374,7 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
     if (!ds)
         return false;
     m_anonSOPUID = newUid(kSOPRoot);
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     QVariantList values{dcmString(ds, DCM_SOPInstanceUID), m_anonSOPUID, seriesPk};
     for (const Emptied& e : kEmptied) {
         DcmElement* element = nullptr;
@@ -383,7 +383,7 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
         else if (element->ident() == EVR_SQ)
             values << encodeSequence(element);
         else
-            values << decodeValue(dcmBytes(ds, e.tag), codec);
+            values << decodeValue(dcmBytes(ds, e.tag), charset, e.tag);
     }
     return runMapping(this, database(), schema::insertStatement("anonymousimage"), values, Write).isOk();
 }
@@ -527,7 +527,7 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
         return -1;
     }
 
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     ds->putAndInsertString(DCM_SOPInstanceUID, row.value("SOPInstanceUID").toString().toLatin1().constData(), true);
     for (const Emptied& e : kEmptied) {
         const QVariant value = row.value(QString::fromLatin1(e.keyword));
@@ -541,11 +541,11 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
             else
                 ds->insertEmptyElement(e.tag, true);
         } else {
-            const QByteArray bytes = encodeValue(value.toString(), codec);
+            const QByteArray bytes = encodeValue(value.toString(), charset, e.tag);
             ds->putAndInsertString(e.tag, bytes.constData(), true);
         }
     }
-    ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, codec).constData(), true);
+    ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, charset, DCM_PatientID).constData(), true);
     ds->putAndInsertString(DCM_StudyInstanceUID, studyUID.toLatin1().constData(), true);
     ds->putAndInsertString(DCM_SeriesInstanceUID, seriesUID.toLatin1().constData(), true);
 

@@ -1,6 +1,7 @@
 #include "ndicomimage.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 #include "geometry/imagegeometry_p.h"
 #include "simd/kernels_p.h"
 
@@ -18,7 +19,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegion>
-#include <QTextCodec>
 #include <QTime>
 #include <QUuid>
 #include <QVector>
@@ -475,8 +475,7 @@ qint64 shiftToUnsigned(const T* values, qint64 count, quint16* out)
 
 QByteArray encodeText(const QString& text, DcmItem* ds)
 {
-    QTextCodec* codec = dicomTextCodec(dcmCharacterSet(ds));
-    return codec ? codec->fromUnicode(text) : text.toLatin1();
+    return DicomCharset(dcmCharacterSet(ds)).encode(text);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -151,7 +152,7 @@ const TablePlan& planFor(const QString& table)
 class TextDecoder
 {
 public:
-    explicit TextDecoder(const QString& charset) : m_codec(dicomTextCodec(charset)) {}
+    explicit TextDecoder(const QString& charset) : m_charset(charset) {}
     QString operator()(const OFString& raw, DcmEVR vr) const
     {
         // A value ends at a NUL byte (padding, never text), as dcmBytes() reads it.
@@ -162,11 +163,11 @@ public:
                           vr == EVR_UT || vr == EVR_UC;
         if (!text)
             return QString::fromLatin1(raw.c_str(), size);
-        return m_codec ? m_codec->toUnicode(raw.c_str(), size) : QString::fromUtf8(raw.c_str(), size);
+        return m_charset.decode(raw.c_str(), size, vr == EVR_PN);
     }
 
 private:
-    QTextCodec* m_codec;
+    DicomCharset m_charset;
 };
 
 } // namespace
