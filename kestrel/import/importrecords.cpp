@@ -264,8 +264,16 @@ int columnIndex(const QString& table, const QString& column)
 
 QString timeOfDay(const QString& dicomTime)
 {
-    const QString whole = dicomTime.trimmed().section('.', 0, 0);
-    const QTime time = QTime::fromString(whole, QStringLiteral("hhmmss"));
+    // Every form of a DICOM time: HH, HHMM, HHMMSS, HHMMSS.FFFFFF, and the old HH:MM:SS.
+    QString digits = dicomTime.trimmed().section(QLatin1Char('.'), 0, 0);
+    digits.remove(QLatin1Char(':'));
+    if (digits.isEmpty() || digits.size() > 6 || digits.size() % 2 != 0)
+        return QStringLiteral("");
+    for (const QChar c : qAsConst(digits))
+        if (!c.isDigit())
+            return QStringLiteral("");
+    digits = digits.leftJustified(6, QLatin1Char('0'));
+    const QTime time = QTime::fromString(digits, QStringLiteral("hhmmss"));
     return time.isValid() ? time.toString(QStringLiteral("hh:mm:ss")) : QStringLiteral("");
 }
 

@@ -111,10 +111,8 @@ namespace {
 
 void finishImageFormat(ImageFormat* record, const QString& sop)
 {
-    // ContentDate goes through a QDate parsed with "YYYYMMDD", a pattern that never matches an
-    // eight-digit date: the column stays empty, as the application's readers expect.
-    const QDate contentDate = QDate::fromString(columnValue(*record, kImageFormat, "ContentDate").toString(), "YYYYMMDD");
-    setColumn(record, kImageFormat, "ContentDate", contentDate.isValid() ? contentDate.toString("yyyyMMdd") : QString(""));
+    // ContentDate as the file has it (a DICOM date, YYYYMMDD).
+    setColumn(record, kImageFormat, "ContentDate", columnValue(*record, kImageFormat, "ContentDate").toString().trimmed());
     setColumn(record, kImageFormat, "FilePath", record->filePath);
     record->sopInstanceUID = sop;
 }

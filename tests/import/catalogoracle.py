@@ -15,6 +15,7 @@ StudyTime and SeriesTime are the time of day as "hh:mm:ss". Status is the fixed 
 text, SeriesBase "SeriesInstanceUID#phase", FilePath the path. A key column holds the parent's
 identity: series_fk its SeriesBase, study_fk its StudyInstanceUID, patient_fk its PatientID.
 """
+import hashlib
 import json
 import os
 import sys
@@ -68,6 +69,21 @@ def time_of_day(value):
         return ""
 
 
+def patient_key(ds):
+    # The patient's identity: ID, issuer, birth date and the name without case and trailing
+    # separators, as a SHA-1 of the parts joined by the unit separator.
+    name = text(ds, "PatientName").strip()
+    # The name as written: pydicom drops an empty last component group ("...=").
+    original = getattr(ds.get("PatientName"), "original_string", b"") or b""
+    if original.rstrip(b" ").endswith(b"=") and not name.endswith("="):
+        name += "="
+    while name.endswith("^") or name.endswith(" "):
+        name = name[:-1]
+    parts = [text(ds, "PatientID").strip(), text(ds, "IssuerOfPatientID").strip(),
+             text(ds, "PatientBirthDate").strip(), name.casefold()]
+    return hashlib.sha1("\x1f".join(parts).encode("utf-8")).hexdigest()
+
+
 def phase(ds, series_uid):
     parts = series_uid.split(".")
     if len(parts) <= 3 or parts[3] != "30917" or PHASE_TAG not in ds:
@@ -92,6 +108,7 @@ def column(ds, path, name):
         "series_fk": lambda: series_uid + "#" + phase(ds, series_uid),
         "study_fk": lambda: text(ds, "StudyInstanceUID"),
         "patient_fk": lambda: text(ds, "PatientID"),
+        "PatientKey": lambda: patient_key(ds),
     }
     if name in special:
         return special[name]()
