@@ -37,8 +37,12 @@ QString QPatient::getDatabBaseName()
     static QHash<QString, QString> names;
     const QString file = Kestrel::configFilePath(QStringLiteral("database.ini"));
     QString& name = names[file];
-    if (name.isEmpty())
-        name = QSettings(file, QSettings::IniFormat).value(QStringLiteral("orvena/databaseName")).toString();
+    if (name.isEmpty()) {
+        // The schema of the profile in use, whatever the profile is called.
+        const QSettings settings(file, QSettings::IniFormat);
+        const QString profile = settings.value(QStringLiteral("currentdatabase/dbname"), QStringLiteral("orvena")).toString();
+        name = settings.value(profile + QStringLiteral("/databaseName")).toString();
+    }
     return name;
 }
 

@@ -21,7 +21,7 @@ public:
     QPatient(qint64 pk, QObject* parent = nullptr);
     ~QPatient() override;
 
-    // The catalogue's schema name, "orvena/databaseName" of database.ini.
+    // The catalogue's schema name: "databaseName" of database.ini's current profile.
     static QString getDatabBaseName();
     // Column names of `patient` in `SELECT *` order.
     static QStringList getColumnName();
