@@ -615,10 +615,11 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
     readInt(ds, DCM_BitsStored, m_bitsStored);
     readInt(ds, DCM_SmallestImagePixelValue, m_smallestPixel);
     readInt(ds, DCM_LargestImagePixelValue, m_largestPixel);
+    // Between rows first, then between columns (the spacing along a row).
     const QVector<double> spacing = dcmDoubles(ds, DCM_PixelSpacing);
     if (spacing.size() >= 2) {
-        m_pixelSpacing[0] = spacing[0];
-        m_pixelSpacing[1] = spacing[1];
+        m_pixelSpacing[0] = spacing[1];
+        m_pixelSpacing[1] = spacing[0];
     }
     const QVector<double> position = dcmDoubles(ds, DCM_ImagePositionPatient);
     if (position.size() >= 3)
@@ -756,7 +757,7 @@ bool NDicomImage::saveAs(QString outFile, QString templateFile, QString seriesUI
         && ds->putAndInsertUint16(DCM_Columns, Uint16(m_size[0])).good()
         && ds->putAndInsertUint16(DCM_Rows, Uint16(m_size[1])).good()
         && ds->putAndInsertUint16(DCM_BitsAllocated, Uint16(m_steps[0] * 8)).good()
-        && putText(DCM_PixelSpacing, QString("%1\\%2").arg(m_pixelSpacing[0]).arg(m_pixelSpacing[1]))
+        && putText(DCM_PixelSpacing, QString("%1\\%2").arg(m_pixelSpacing[1]).arg(m_pixelSpacing[0]))
         && putText(DCM_ImagePositionPatient,
                    QString("%1\\%2\\%3").arg(m_position[0]).arg(m_position[1]).arg(m_position[2]))
         && putText(DCM_SliceThickness, QString("%1").arg(m_thickness)) && putText(DCM_InstanceCreationDate, date)

@@ -103,10 +103,11 @@ int NVolume::initVolume16u(int x, int y, int z)
     m_head.volumestep[1] = 2 * x;
     m_head.volumestep[2] = 2 * x * y;
     m_head.volumestep[3] = 2 * x * y * z;
-    // This builder has always put the voxels right after the 368-byte head instead of the
-    // 512-byte block; volumes made by it are addressed through their real header offset.
-    m_head.totallen = qint64(2) * x * y * z + qint64(sizeof(VolumeHead));
-    allocateBuffer(m_head.totallen, int(sizeof(VolumeHead)));
+    // The voxels follow the 512-byte header block, as in every volume file, so that saveAs writes
+    // a file loadVolume reads back.
+    m_head.totallen = qint64(2) * x * y * z + kVolumeHeaderBlock;
+    if (allocateBuffer(m_head.totallen, kVolumeHeaderBlock))
+        std::memset(m_buffer, 0, kVolumeHeaderBlock);
     m_timeIndex = 0;
     return 1;
 }
@@ -870,13 +871,13 @@ bool NVolume::reorientedPlane(NDicomImage& image, int index, int thickness, int 
     start[ah - 1] = H > 0 ? 0 : n[ah - 1] - 1;
     const double* p = getPointXYZ(start[0], start[1], start[2]);
     image.setPosition(p[0], p[1], p[2]);
-    // A reversed direction is flipped on its dominant component (getReverse), as the viewers'
-    // orientation labels expect.
+    // A reversed direction is the whole axis negated: pixel (x, y) lies at position + x * spacing
+    // * row + y * spacing * column however oblique the volume is.
     double row[3], col[3];
-    std::memcpy(row, W > 0 ? o + 3 * (aw - 1) : getReverse(o[3 * (aw - 1)], o[3 * (aw - 1) + 1], o[3 * (aw - 1) + 2]),
-                sizeof row);
-    std::memcpy(col, H > 0 ? o + 3 * (ah - 1) : getReverse(o[3 * (ah - 1)], o[3 * (ah - 1) + 1], o[3 * (ah - 1) + 2]),
-                sizeof col);
+    for (int c = 0; c < 3; ++c) {
+        row[c] = W > 0 ? o[3 * (aw - 1) + c] : -o[3 * (aw - 1) + c];
+        col[c] = H > 0 ? o[3 * (ah - 1) + c] : -o[3 * (ah - 1) + c];
+    }
     image.setOriention(row[0], row[1], row[2], col[0], col[1], col[2]);
 
     const int sw = W > 0 ? 1 : -1, sh = H > 0 ? 1 : -1;

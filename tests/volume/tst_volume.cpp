@@ -361,11 +361,24 @@ void TestVolume::voxelAccessAndFrames()
     short_.setTimeIndex(2);
     QCOMPARE(short_.getTimeIndex(), 0);
 
-    // clone copies the source's current frame into a 368-byte-header volume.
+    // clone copies the source's current frame; like every volume it saves to a file that loads.
     NVolume copy;
     copy.clone(&v);
-    QVERIFY(copy.getHead()->totallen == h.volumestep[3] + 368 && copy.getHead()->timeNum == 2);
+    QVERIFY(copy.getHead()->totallen == h.volumestep[3] + 512 && copy.getHead()->timeNum == 2);
     QCOMPARE(QByteArray(copy.getData(), h.volumestep[3]), QByteArray(v.getData(), h.volumestep[3]));
+    QTemporaryDir dir;
+    NVolume made, wide;
+    made.initVolume16u(300, 250, 2);
+    for (int k = 0; k < 2; ++k)
+        made.setVoxelValue16u(299, 249, k, quint16(7 + k));
+    wide.clone(&made);
+    for (NVolume* volume : {&made, &wide}) {
+        const QString file = dir.filePath("made.data");
+        QVERIFY(volume->saveAs(file));
+        NVolume back;
+        QCOMPARE(back.loadVolume(file), 1);
+        QCOMPARE(QList<int>({back.getVoxel(299, 249, 0), back.getVoxel(299, 249, 1)}), QList<int>({7, 8}));
+    }
 
     // A head string with impossible sizes: cloning it gives an empty volume, not an overflow.
     NVolume bogus;
@@ -661,10 +674,11 @@ void TestVolume::seriesToVolume()
     QVERIFY(v.isValid());
     QCOMPARE(progress.count(), 5);
     QCOMPARE(progress.last().at(0).toInt(), 100);
-    // The head from the first file: Pixel Spacing in its stored order, slice spacing from the positions.
+    // The head from the first file: the spacing along i is Pixel Spacing's second value (between
+    // columns), along j its first (between rows), along k from the positions.
     QCOMPARE(v.volumeHeadtoString(*v.getHead()),
              QString("magic:DCVM;totallen:2432;SEPK:42;SEUID:1.2.3.4;STUID:1.2.3;volumesize:16,12,5;"
-                     "volumestep:2,32,384,1920;voxelspace:0.8,0.6,5;thinkness:1;topxyz:-10,20,30;"
+                     "volumestep:2,32,384,1920;voxelspace:0.6,0.8,5;thinkness:1;topxyz:-10,20,30;"
                      "orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;PhotometricInterpretation:1;BitsAllocated:16;"
                      "HighBit:11;RescaleIntercept:0;RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
     QCOMPARE(std::memcmp(v.getHead()->orientation, v.getWorkingOrientation(), 9 * sizeof(double)), 0);
