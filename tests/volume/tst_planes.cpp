@@ -1,0 +1,335 @@
+// Planes in patient space: every pixel of every axial, coronal and sagittal plane of a volume
+// must state the position of the voxel it shows, and the volume must hold each file's pixels at
+// the place and with the real value the DICOM rules give them. Real series where the shared data
+// has them, synthetic oblique ones (non-square pixels, signed values, odd numbering) otherwise.
+#include "dicom/dcmvalues_p.h"
+#include "ndicomimage.h"
+#include "ndicomvolume.h"
+#include "qinstance.h"
+#include "qseries.h"
+#include "seriesfromfiles.h"
+#include "syntheticdicom.h"
+#include "testcatalog.h"
+
+#include <QSqlDatabase>
+#include <QtTest>
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/oflog/oflog.h>
+
+#include <array>
+#include <cmath>
+#include <memory>
+
+using namespace kestrel::internal;
+
+namespace {
+
+using Point = std::array<double, 3>;
+
+// One file as the DICOM rules read it: pixel (column c, row r) lies at IPP + c * PS[1] * row +
+// r * PS[0] * column and holds stored * slope + intercept, the stored value taken from Bits
+// Stored below High Bit and signed when Pixel Representation is 1.
+struct FileImage {
+    Point position{}, row{}, column{};
+    double betweenRows = 0, betweenColumns = 0;
+    int rows = 0, columns = 0;
+    QVector<double> real;
+
+    Point at(int c, int r) const
+    {
+        Point p;
+        for (int a = 0; a < 3; ++a)
+            p[a] = position[a] + c * betweenColumns * row[a] + r * betweenRows * column[a];
+        return p;
+    }
+};
+
+bool readFileImage(const QString& path, FileImage& out)
+{
+    DcmFileFormat file;
+    if (file.loadFile(QFile::encodeName(path).constData()).bad())
+        return false;
+    DcmDataset* ds = file.getDataset();
+    const QVector<double> ipp = dcmDoubles(ds, DCM_ImagePositionPatient), iop = dcmDoubles(ds, DCM_ImageOrientationPatient),
+                          ps = dcmDoubles(ds, DCM_PixelSpacing);
+    if (ipp.size() < 3 || iop.size() < 6 || ps.size() < 2)
+        return false;
+    for (int a = 0; a < 3; ++a) {
+        out.position[a] = ipp[a];
+        out.row[a] = iop[a];
+        out.column[a] = iop[3 + a];
+    }
+    out.betweenRows = ps[0];
+    out.betweenColumns = ps[1];
+    out.rows = dcmInt(ds, DCM_Rows);
+    out.columns = dcmInt(ds, DCM_Columns);
+    const int stored = dcmInt(ds, DCM_BitsStored, 16), high = dcmInt(ds, DCM_HighBit, stored - 1);
+    const bool isSigned = dcmInt(ds, DCM_PixelRepresentation) == 1;
+    const double slope = dcmDouble(ds, DCM_RescaleSlope, 1.0), intercept = dcmDouble(ds, DCM_RescaleIntercept, 0.0);
+    const Uint16* words = nullptr;
+    unsigned long count = 0;
+    if (dcmInt(ds, DCM_BitsAllocated) != 16 || ds->findAndGetUint16Array(DCM_PixelData, words, &count).bad()
+        || count < static_cast<unsigned long>(out.rows * out.columns))
+        return false;
+    out.real.resize(out.rows * out.columns);
+    for (int n = 0; n < out.real.size(); ++n) {
+        qint64 v = (words[n] >> (high + 1 - stored)) & ((1 << stored) - 1);
+        if (isSigned && (v >> (stored - 1)) & 1)
+            v -= qint64(1) << stored;
+        out.real[n] = double(v) * slope + intercept;
+    }
+    return true;
+}
+
+double realValue(NDicomVolume& v, int i, int j, int k)
+{
+    return double(short(v.getVoxel(i, j, k))) * v.getHead()->RescaleSlope + v.getHead()->RescaleIntercept;
+}
+
+// Every voxel of V lies where its file puts its pixel and holds its real value.
+void checkAgainstFiles(NDicomVolume& v)
+{
+    const QList<QInstance*>& slices = v.getVolumeSeries()->getInstances();
+    const int* n = v.geSize();
+    QCOMPARE(slices.size(), n[2]);
+    double worstPlace = 0, worstValue = 0;
+    for (int k = 0; k < n[2]; ++k) {
+        FileImage file;
+        QVERIFY2(readFileImage(slices[k]->getFilePath(), file), qPrintable(slices[k]->getFilePath()));
+        QCOMPARE(QSize(file.columns, file.rows), QSize(n[0], n[1]));
+        for (int r = 0; r < n[1]; ++r)
+            for (int c = 0; c < n[0]; ++c) {
+                if ((r == 0 || r == n[1] - 1) && (c == 0 || c == n[0] - 1)) {
+                    const Point p = file.at(c, r);
+                    const double* q = v.getPointXYZ(c, r, k);
+                    for (int a = 0; a < 3; ++a)
+                        worstPlace = std::max(worstPlace, std::fabs(p[a] - q[a]));
+                }
+                const double real = file.real[r * n[0] + c];
+                worstValue = std::max(worstValue, std::fabs(realValue(v, c, r, k) - real) / std::max(1.0, std::fabs(real)));
+            }
+    }
+    QVERIFY2(worstPlace <= 0.01, qPrintable(QString("a voxel lies %1 mm from its pixel").arg(worstPlace)));
+    QVERIFY2(worstValue <= 1e-9, qPrintable(QString("a voxel's real value is off by %1").arg(worstValue)));
+}
+
+// A volume of V's geometry whose every voxel holds its index along AXIS.
+std::unique_ptr<NDicomVolume> indexVolume(NDicomVolume& v, int axis)
+{
+    VolumeHead head = *v.getHead();
+    head.timeNum = 1;
+    const int* n = head.volumesize;
+    QVector<quint16> voxels(n[0] * n[1] * n[2]);
+    for (int k = 0; k < n[2]; ++k)
+        for (int j = 0; j < n[1]; ++j)
+            for (int i = 0; i < n[0]; ++i)
+                voxels[(k * n[1] + j) * n[0] + i] = quint16(axis == 0 ? i : axis == 1 ? j : k);
+    return std::make_unique<NDicomVolume>(&head, reinterpret_cast<char*>(voxels.data()), qint64(voxels.size()) * 2);
+}
+
+struct PlaneError {
+    double place = 0; // mm between a pixel's stated position and its voxel
+    int values = 0;   // pixels whose value is not their voxel's
+    int planes = 0;
+};
+
+// IMAGE's pixels against the voxels that the index images name.
+void comparePlane(NDicomVolume& v, NDicomImage& image, NDicomImage* index[3], PlaneError& error)
+{
+    ++error.planes;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x) {
+            const int i = index[0]->getValue16u(x, y), j = index[1]->getValue16u(x, y), k = index[2]->getValue16u(x, y);
+            double stated[3];
+            image.getXYZ(x, y, stated[0], stated[1], stated[2]);
+            const double* p = v.getPointXYZ(i, j, k);
+            for (int a = 0; a < 3; ++a)
+                error.place = std::max(error.place, std::fabs(stated[a] - p[a]));
+            if (image.getValue16u(x, y) != v.getVoxel(i, j, k))
+                ++error.values;
+        }
+}
+
+// Every plane of every view, as cut and in its standard display orientation.
+void checkPlanes(NDicomVolume& v)
+{
+    std::unique_ptr<NDicomVolume> index[3] = {indexVolume(v, 0), indexVolume(v, 1), indexVolume(v, 2)};
+    const struct {
+        const char* name;
+        bool (NDicomVolume::*cut)(NDicomImage&, int, int, RenderType);
+        int (NDicomVolume::*planes)();
+    } views[] = {{"axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum},
+                 {"coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum},
+                 {"sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum}};
+    for (const auto& view : views) {
+        PlaneError cut, standard;
+        const int count = (v.*view.planes)();
+        QVERIFY(count > 0);
+        for (int plane = 0; plane < count; ++plane) {
+            NDicomImage image, ii, ij, ik;
+            NDicomImage* indices[3] = {&ii, &ij, &ik};
+            QVERIFY((v.*view.cut)(image, plane, 1, RenderMax));
+            for (int a = 0; a < 3; ++a)
+                QVERIFY(((index[a].get())->*view.cut)(*indices[a], plane, 1, RenderMax));
+            comparePlane(v, image, indices, cut);
+            if (!image.getStandardDicomImage(image))
+                continue;
+            for (NDicomImage* other : indices)
+                QVERIFY(other->getStandardDicomImage(*other));
+            comparePlane(v, image, indices, standard);
+        }
+        for (const PlaneError& e : {cut, standard})
+            QVERIFY2(e.place <= 0.01 && e.values == 0,
+                     qPrintable(QString("%1 (%2 of %3 planes standardised): a pixel stated %4 mm from its voxel, "
+                                        "%5 pixels not their voxel's value")
+                                    .arg(view.name).arg(standard.planes).arg(count).arg(e.place).arg(e.values)));
+    }
+}
+
+// Rotation of (x, y) by A about z, then B about x, then C about y: a double-oblique plane.
+QVector<double> obliqueCosines(const QVector<double>& row, const QVector<double>& column, double a, double b, double c)
+{
+    auto turn = [&](QVector<double> v) {
+        v = {v[0] * std::cos(a) - v[1] * std::sin(a), v[0] * std::sin(a) + v[1] * std::cos(a), v[2]};
+        v = {v[0], v[1] * std::cos(b) - v[2] * std::sin(b), v[1] * std::sin(b) + v[2] * std::cos(b)};
+        return QVector<double>{v[0] * std::cos(c) + v[2] * std::sin(c), v[1], -v[0] * std::sin(c) + v[2] * std::cos(c)};
+    };
+    return turn(row) + turn(column);
+}
+
+} // namespace
+
+class TestPlanes : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void realSeries_data();
+    void realSeries();
+    void syntheticSeries_data();
+    void syntheticSeries();
+};
+
+void TestPlanes::initTestCase()
+{
+    // The series are built from files, not from a catalogue: an empty one keeps the instances'
+    // lookups quiet. DCMTK's remarks on rescaled MR images are not news here.
+    QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE");
+    db.setDatabaseName(":memory:");
+    QVERIFY(db.open());
+    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+}
+
+void TestPlanes::realSeries_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("pattern");
+    // One dynamic of the oblique fMRI, and all three (the volume is the first).
+    QTest::newRow("philips_fmri_oblique, first dynamic") << "philips_fmri_oblique" << "*_0001_*.dcm";
+    QTest::newRow("philips_fmri_oblique, three dynamics") << "philips_fmri_oblique" << "*.dcm";
+    QTest::newRow("siemens_t1_sag") << "siemens_t1_sag" << "*";
+    QTest::newRow("ct_ge_3slice") << "ct_ge_3slice" << "*.dcm";
+    QTest::newRow("ge_b0map_signed") << "ge_b0map_signed" << "*";
+    QTest::newRow("siemens_gre_2echo") << "siemens_gre_2echo" << "*";
+    QTest::newRow("ge_localizer_3plane") << "ge_localizer_3plane" << "*";
+}
+
+void TestPlanes::realSeries()
+{
+    QFETCH(QString, folder);
+    QFETCH(QString, pattern);
+    const QString path = sharedDataPath(folder);
+    if (path.isEmpty())
+        QSKIP("the shared DICOM data is not present");
+    // In the catalogue's order: by instance number.
+    QMultiMap<int, QString> byNumber;
+    for (const QString& name : QDir(path).entryList({pattern}, QDir::Files, QDir::Name)) {
+        DcmFileFormat file;
+        const QString full = QDir(path).filePath(name);
+        if (file.loadFile(QFile::encodeName(full).constData()).good())
+            byNumber.insert(dcmInt(file.getDataset(), DCM_InstanceNumber), full);
+    }
+    QStringList files;
+    for (auto it = byNumber.cbegin(); it != byNumber.cend(); ++it)
+        files << it.value();
+    QObject owner;
+    NDicomVolume v;
+    v.loadSeries(seriesFromFiles(files, 42, &owner));
+    QVERIFY(v.isValid());
+    checkAgainstFiles(v);
+    checkPlanes(v);
+}
+
+void TestPlanes::syntheticSeries_data()
+{
+    QTest::addColumn<QVector<double>>("cosines");
+    QTest::addColumn<bool>("reversed");   // numbered against the normal
+    QTest::addColumn<bool>("interleaved"); // numbered odd slices first
+    const double d = M_PI / 180;
+    QTest::newRow("axial, double oblique") << obliqueCosines({1, 0, 0}, {0, 1, 0}, 17 * d, 21 * d, -13 * d) << false << false;
+    QTest::newRow("coronal, double oblique, reversed")
+        << obliqueCosines({1, 0, 0}, {0, 0, -1}, -19 * d, 12 * d, 24 * d) << true << false;
+    QTest::newRow("sagittal, double oblique, interleaved")
+        << obliqueCosines({0, 1, 0}, {0, 0, -1}, 14 * d, -22 * d, 9 * d) << false << true;
+    QTest::newRow("sagittal, interleaved") << QVector<double>{0, 1, 0, 0, 0, -1} << false << true;
+    QTest::newRow("axial from below, transposed") << QVector<double>{0, 1, 0, 1, 0, 0} << true << false;
+}
+
+void TestPlanes::syntheticSeries()
+{
+    QFETCH(QVector<double>, cosines);
+    QFETCH(bool, reversed);
+    QFETCH(bool, interleaved);
+    QTemporaryDir dir;
+    SyntheticImage base;
+    base.rows = 23;
+    base.columns = 17;
+    base.rowSpacing = 0.7;    // between rows
+    base.columnSpacing = 1.3; // between columns
+    base.orientation = cosines;
+    base.position = {-40.25, 12.5, 33.125};
+    base.bitsStored = 16;
+    base.pixelRepresentation = 1;
+    base.hasRescale = true;
+    base.rescaleIntercept = -1024;
+    const int count = 11;
+    const QVector<double> step = normalStep(base, 2.5);
+    QStringList files;
+    QVector<int> order; // slice places in instance-number order
+    for (int k = 0; k < count; ++k)
+        order << k;
+    if (interleaved) {
+        order.clear();
+        for (int start : {0, 1})
+            for (int k = start; k < count; k += 2)
+                order << k;
+    }
+    if (reversed)
+        std::reverse(order.begin(), order.end());
+    for (int n = 0; n < count; ++n) {
+        const int k = order[n];
+        SyntheticImage slice = base;
+        slice.instanceNumber = n + 1;
+        slice.position = {base.position[0] + k * step[0], base.position[1] + k * step[1], base.position[2] + k * step[2]};
+        slice.pixel = [k](int x, int y, int) { return -1500 + 97 * k + 13 * y + x; };
+        files << dir.filePath(QString("i%1.dcm").arg(n + 1, 3, 10, QChar('0')));
+        QVERIFY(writeSyntheticImage(files.last(), slice));
+    }
+    QObject owner;
+    NDicomVolume v;
+    v.loadSeries(seriesFromFiles(files, 42, &owner));
+    QVERIFY(v.isValid());
+    QCOMPARE(v.geSize()[2], count);
+    // The stack runs along the normal, its spacing along i the distance between columns.
+    const double* o = v.getHead()->orientation;
+    const double normal[3] = {o[1] * o[5] - o[2] * o[4], o[2] * o[3] - o[0] * o[5], o[0] * o[4] - o[1] * o[3]};
+    QVERIFY(normal[0] * o[6] + normal[1] * o[7] + normal[2] * o[8] > 0.9999);
+    QCOMPARE(QList<double>(v.getVoxelSpace(), v.getVoxelSpace() + 2), QList<double>({1.3, 0.7}));
+    checkAgainstFiles(v);
+    checkPlanes(v);
+}
+
+QTEST_GUILESS_MAIN(TestPlanes)
+#include "tst_planes.moc"
