@@ -654,12 +654,12 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
         for (int k = 0; k < h; ++k) {
             short* row = out + qint64(k) * w;
             std::vector<qint32> acc(mode == 2 ? size_t(w) : 0, 0);
-            // The coronal maximum starts from 0, so it never shows values below 0; the coronal
-            // views are windowed on that floor and rely on it.
-            const short start = mode == 1 ? short(32767) : short(0);
+            // Maximum and minimum start from the slab's first plane, as on the other axes, so a
+            // one-plane slab is that plane whatever its values.
             if (mode != 2)
-                std::fill(row, row + w, start);
-            for (int j = first; j < end; ++j) {
+                for (int i = 0; i < w; ++i)
+                    row[i] = voxelAt(data + k * st2 + qint64(first) * st1 + i * st0);
+            for (int j = mode == 2 ? first : first + 1; j < end; ++j) {
                 const char* src = data + k * st2 + j * st1;
                 if (st0 == 2) {
                     const short* line = reinterpret_cast<const short*>(src);

@@ -99,8 +99,6 @@ QVector<short> naivePlane(const VolumeHead& h, const QByteArray& voxels, int axi
             for (int s = first; s < end; ++s)
                 values << (axis == 3 ? at(x, y, s) : axis == 2 ? at(x, s, y) : at(s, x, y));
             int v = values.first();
-            if (axis == 2 && render != 2)
-                v = render == 1 ? 32767 : 0; // the coronal fold starts from a constant
             long sum = 0;
             for (short value : values) {
                 sum += value;
@@ -540,7 +538,7 @@ void TestVolume::slabReductions()
         }
     }
 
-    // All values negative: only the coronal maximum is floored at 0.
+    // All values negative: every axis shows the true maximum, and a one-plane slab is its plane.
     VolumeHead h = makeHead(9, 8, 7);
     QByteArray voxels(int(h.totallen - 512), '\0');
     for (int i = 0; i < voxels.size(); i += 2) {
@@ -549,11 +547,19 @@ void TestVolume::slabReductions()
     }
     NDicomVolume v(&h, voxels.data(), voxels.size());
     NDicomImage image;
-    QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisJ, RenderMax));
-    QCOMPARE(pixels(image), QVector<short>(9 * 7, 0));
+    for (int axis = 1; axis <= 3; ++axis) {
+        QVERIFY(v.getDicomImagePlane(image, 3, 100, EMainAxis(axis), RenderMax));
+        const QVector<short> slab = pixels(image);
+        QCOMPARE(*std::max_element(slab.cbegin(), slab.cend()), short(-5));
+        for (int render : {0, 1, 2}) {
+            int w, hgt;
+            QVERIFY(v.getDicomImagePlane(image, 2, 1, EMainAxis(axis), RenderType(render)));
+            const QVector<short> plane = pixels(image);
+            QCOMPARE(plane, naivePlane(h, voxels, axis, 2, 1, render, w, hgt));
+            QVERIFY(*std::max_element(plane.cbegin(), plane.cend()) < 0);
+        }
+    }
     QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisK, RenderMax));
-    const QVector<short> axial = pixels(image);
-    QCOMPARE(*std::max_element(axial.cbegin(), axial.cend()), short(-5));
     QVERIFY(v.getDicomImagePlane(image, 3, 2, EMainAxis(4), RenderMax)); // no such axis: untouched
     QCOMPARE(image.width(), 9);
     QCOMPARE(image.getThickness(), 100.0);
