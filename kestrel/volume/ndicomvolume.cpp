@@ -491,20 +491,25 @@ void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>
 {
     m_curVolumeDataPath.clear();
     QSqlDatabase db = QSqlDatabase::database();
+    bool current = false;
     {
         QSqlQuery query(db);
         query.prepare("SELECT * FROM registration WHERE SeriesInstanceUID = ?");
         query.addBindValue(key);
         if (query.exec())
-            while (query.next())
+            while (query.next()) {
                 m_curVolumeDataPath = query.value(3).toString();
+                current = isCurrentVolumeHeadText(query.value(4).toString());
+            }
     }
     if (!m_curVolumeDataPath.isEmpty()) {
-        if (loadVolume(m_curVolumeDataPath) >= 0) {
+        // A volume cached by an earlier build has the geometry of its rules: built again.
+        if (current && loadVolume(m_curVolumeDataPath) >= 0) {
             emit registrationInfo(1);
             return;
         }
-        qWarning() << "NDicomVolume: cached volume does not load, rebuilding:" << m_curVolumeDataPath;
+        qWarning() << "NDicomVolume: cached volume is of an earlier build or does not load, rebuilding:"
+                   << m_curVolumeDataPath;
         QSqlQuery remove(db);
         remove.prepare("DELETE FROM registration WHERE SeriesInstanceUID = ?");
         remove.addBindValue(key);

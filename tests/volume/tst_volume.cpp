@@ -183,7 +183,7 @@ void TestVolume::headText()
                      "volumestep:2,512,131072,17825792;voxelspace:0.976562,1.01562,1;thinkness:1e-06;"
                      "topxyz:-125.5,-0,0;orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;"
                      "PhotometricInterpretation:1;BitsAllocated:16;HighBit:11;RescaleIntercept:0;"
-                     "RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+                     "RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;format:2;"));
     QCOMPARE(QList<int>({photometricCode("YBR_RCT", 1), photometricCode("MONOCHROME1", 1), photometricCode("NOT ONE", 5)}),
              QList<int>({12, 0, 5}));
 
@@ -200,10 +200,17 @@ void TestVolume::headText()
     const QString text = v.volumeHeadtoString(h);
     v.stringToVolumeHead(text);
     VolumeHead r = *v.getHead();
+    const VolumeHead parsed = r;
     QCOMPARE(r.topxyz[0], -123.457); // doubles keep 6 significant digits
     r.topxyz[0] = h.topxyz[0];
     QCOMPARE(std::memcmp(&r, &h, sizeof h), 0); // everything else exactly
 
+    // The format item tells heads of the present rules from those of earlier builds.
+    const QString older = QString(text).remove("format:2;");
+    QVERIFY(isCurrentVolumeHeadText(text) && !isCurrentVolumeHeadText(older)
+            && !isCurrentVolumeHeadText(older + "format:1;") && !isCurrentVolumeHeadText(QString()));
+    v.stringToVolumeHead(older);
+    QCOMPARE(std::memcmp(v.getHead(), &parsed, sizeof parsed), 0);
     // A shorter UID replaces only the bytes it covers.
     v.stringToVolumeHead(QString(text).replace(QString::fromLatin1(uid64), "9.9"));
     QCOMPARE(QByteArray(v.getHead()->SEUID, 4), QByteArray("9.9."));
@@ -686,7 +693,8 @@ void TestVolume::seriesToVolume()
              QString("magic:DCVM;totallen:2432;SEPK:42;SEUID:1.2.3.4;STUID:1.2.3;volumesize:16,12,5;"
                      "volumestep:2,32,384,1920;voxelspace:0.6,0.8,5;thinkness:1;topxyz:-10,20,30;"
                      "orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;PhotometricInterpretation:1;BitsAllocated:16;"
-                     "HighBit:11;RescaleIntercept:0;RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+                     "HighBit:11;RescaleIntercept:0;RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"
+                     "format:2;"));
     QCOMPARE(std::memcmp(v.getHead()->orientation, v.getWorkingOrientation(), 9 * sizeof(double)), 0);
     QCOMPARE(std::memcmp(v.getData() - 512, v.getHead(), sizeof(VolumeHead)), 0);
     for (int k = 0; k < 5; ++k)
@@ -835,10 +843,16 @@ void TestVolume::cacheCycle()
     const QString file = catalog.path("cache") + "/" + key + ".data";
     QByteArray built; // head and voxels of the first build
     // Built and registered (info 0); loaded from the cache (info 1); its file gone: unregistered,
-    // rebuilt and registered again (info 0). One registration row and the same volume every time.
-    for (int round = 0; round < 3; ++round) {
+    // rebuilt and registered again (info 0); registered by an earlier build (a head without the
+    // format item): rebuilt, not read (info 0). One registration row and the same volume every time.
+    for (int round = 0; round < 4; ++round) {
         if (round == 2)
             QVERIFY(QFile::remove(file));
+        if (round == 3) {
+            const QString older = TestCatalog::value("SELECT VolumeHead FROM registration").remove("format:2;");
+            TestCatalog::values("UPDATE registration SET VolumeHead = ?", {older});
+            QCOMPARE(TestCatalog::value("SELECT VolumeHead FROM registration"), older);
+        }
         NDicomVolume v;
         QSignalSpy info(&v, &NDicomVolume::registrationInfo);
         QVERIFY(v.getVolumeFromSeriesUID(series.get()));
