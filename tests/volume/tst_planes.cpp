@@ -152,18 +152,20 @@ void comparePlane(NDicomVolume& v, NDicomImage& image, NDicomImage* index[3], Pl
         }
 }
 
+struct Views {
+    const char* name;
+    bool (NDicomVolume::*cut)(NDicomImage&, int, int, RenderType);
+    int (NDicomVolume::*planes)();
+};
+const Views kViews[] = {{"axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum},
+                        {"coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum},
+                        {"sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum}};
+
 // Every plane of every view, as cut and in its standard display orientation.
 void checkPlanes(NDicomVolume& v)
 {
     std::unique_ptr<NDicomVolume> index[3] = {indexVolume(v, 0), indexVolume(v, 1), indexVolume(v, 2)};
-    const struct {
-        const char* name;
-        bool (NDicomVolume::*cut)(NDicomImage&, int, int, RenderType);
-        int (NDicomVolume::*planes)();
-    } views[] = {{"axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum},
-                 {"coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum},
-                 {"sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum}};
-    for (const auto& view : views) {
+    for (const auto& view : kViews) {
         PlaneError cut, standard;
         const int count = (v.*view.planes)();
         QVERIFY(count > 0);
@@ -186,6 +188,57 @@ void checkPlanes(NDicomVolume& v)
                                         "%5 pixels not their voxel's value")
                                     .arg(view.name).arg(standard.planes).arg(count).arg(e.place).arg(e.values)));
     }
+}
+
+// The first, middle and last plane of every view of V exported into DIR on TEMPLATEFILE, one
+// series; the file names.
+QStringList exportPlanes(NDicomVolume& v, const QString& templateFile, const QString& dir)
+{
+    QStringList files;
+    int number = 0;
+    for (const Views& view : kViews) {
+        const int count = (v.*view.planes)();
+        for (int plane : {0, count / 2, count - 1}) {
+            NDicomImage image;
+            if (!(v.*view.cut)(image, plane, 1, RenderMax))
+                return {};
+            image.setInstanceNumber(++number);
+            files << QDir(dir).filePath(QString("%1_%2.dcm").arg(view.name).arg(plane));
+            if (!image.saveAs(files.last(), templateFile, "1.2.826.0.1.3680043.10.1234.77"))
+                return {};
+        }
+    }
+    return files;
+}
+
+// Exported planes read back by DCMTK with the DICOM rules: each pixel on a voxel centre of V and
+// with that voxel's real value.
+void checkExports(NDicomVolume& v, const QString& templateFile)
+{
+    QTemporaryDir dir;
+    const QStringList files = exportPlanes(v, templateFile, dir.path());
+    QCOMPARE(files.size(), 9);
+    double worstPlace = 0, worstValue = 0;
+    const int* n = v.geSize();
+    for (const QString& path : files) {
+        FileImage file;
+        QVERIFY2(readFileImage(path, file), qPrintable(path));
+        for (int r = 0; r < file.rows; ++r)
+            for (int c = 0; c < file.columns; ++c) {
+                const Point p = file.at(c, r);
+                const float* f = v.getPointFIJK(p[0], p[1], p[2]);
+                const int ijk[3] = {int(std::lround(f[0])), int(std::lround(f[1])), int(std::lround(f[2]))};
+                QVERIFY2(ijk[0] >= 0 && ijk[0] < n[0] && ijk[1] >= 0 && ijk[1] < n[1] && ijk[2] >= 0 && ijk[2] < n[2],
+                         qPrintable(QString("%1 pixel %2,%3 outside the volume").arg(path).arg(c).arg(r)));
+                const double* q = v.getPointXYZ(ijk[0], ijk[1], ijk[2]);
+                for (int a = 0; a < 3; ++a)
+                    worstPlace = std::max(worstPlace, std::fabs(p[a] - q[a]));
+                const double real = realValue(v, ijk[0], ijk[1], ijk[2]);
+                worstValue = std::max(worstValue, std::fabs(file.real[r * file.columns + c] - real) / std::max(1.0, std::fabs(real)));
+            }
+    }
+    QVERIFY2(worstPlace <= 0.01, qPrintable(QString("an exported pixel lies %1 mm from its voxel").arg(worstPlace)));
+    QVERIFY2(worstValue <= 1e-12, qPrintable(QString("an exported pixel's real value is off by %1").arg(worstValue)));
 }
 
 // Rotation of (x, y) by A about z, then B about x, then C about y: a double-oblique plane.
@@ -260,6 +313,7 @@ void TestPlanes::realSeries()
     QVERIFY(v.isValid());
     checkAgainstFiles(v);
     checkPlanes(v);
+    checkExports(v, files.first());
 }
 
 void TestPlanes::syntheticSeries_data()
@@ -329,6 +383,7 @@ void TestPlanes::syntheticSeries()
     QCOMPARE(QList<double>(v.getVoxelSpace(), v.getVoxelSpace() + 2), QList<double>({1.3, 0.7}));
     checkAgainstFiles(v);
     checkPlanes(v);
+    checkExports(v, files.first());
 }
 
 QTEST_GUILESS_MAIN(TestPlanes)
