@@ -3,6 +3,7 @@
 // the place and with the real value the DICOM rules give them. Real series where the shared data
 // has them, synthetic oblique ones (non-square pixels, signed values, odd numbering) otherwise.
 #include "dicom/dcmvalues_p.h"
+#include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
 #include "qinstance.h"
@@ -11,7 +12,10 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
+#include <QProcess>
+#include <QSettings>
 #include <QSqlDatabase>
+#include <QStandardPaths>
 #include <QtTest>
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -190,20 +194,25 @@ void checkPlanes(NDicomVolume& v)
     }
 }
 
-// The first, middle and last plane of every view of V exported into DIR on TEMPLATEFILE, one
-// series; the file names.
-QStringList exportPlanes(NDicomVolume& v, const QString& templateFile, const QString& dir)
+// Planes of every view of V exported into DIR on TEMPLATEFILE, one series: every plane, or the
+// first, middle and last. The file names; empty when one cannot be cut or written.
+QStringList exportPlanes(NDicomVolume& v, const QString& templateFile, const QString& dir, bool every)
 {
     QStringList files;
     int number = 0;
     for (const Views& view : kViews) {
         const int count = (v.*view.planes)();
-        for (int plane : {0, count / 2, count - 1}) {
+        QVector<int> planes = {0, count / 2, count - 1};
+        if (every)
+            for (int plane = 1; plane < count - 1; ++plane)
+                if (plane != count / 2)
+                    planes << plane;
+        for (int plane : planes) {
             NDicomImage image;
             if (!(v.*view.cut)(image, plane, 1, RenderMax))
                 return {};
             image.setInstanceNumber(++number);
-            files << QDir(dir).filePath(QString("%1_%2.dcm").arg(view.name).arg(plane));
+            files << QDir(dir).filePath(QString("%1_%2.dcm").arg(view.name).arg(plane, 4, 10, QChar('0')));
             if (!image.saveAs(files.last(), templateFile, "1.2.826.0.1.3680043.10.1234.77"))
                 return {};
         }
@@ -211,13 +220,10 @@ QStringList exportPlanes(NDicomVolume& v, const QString& templateFile, const QSt
     return files;
 }
 
-// Exported planes read back by DCMTK with the DICOM rules: each pixel on a voxel centre of V and
-// with that voxel's real value.
-void checkExports(NDicomVolume& v, const QString& templateFile)
+// FILES read back by DCMTK with the DICOM rules: each pixel on a voxel centre of V and with that
+// voxel's real value.
+void checkExportedFiles(NDicomVolume& v, const QStringList& files)
 {
-    QTemporaryDir dir;
-    const QStringList files = exportPlanes(v, templateFile, dir.path());
-    QCOMPARE(files.size(), 9);
     double worstPlace = 0, worstValue = 0;
     const int* n = v.geSize();
     for (const QString& path : files) {
@@ -241,6 +247,66 @@ void checkExports(NDicomVolume& v, const QString& templateFile)
     QVERIFY2(worstValue <= 1e-12, qPrintable(QString("an exported pixel's real value is off by %1").arg(worstValue)));
 }
 
+void checkExports(NDicomVolume& v, const QString& templateFile)
+{
+    QTemporaryDir dir;
+    const QStringList files = exportPlanes(v, templateFile, dir.path(), false);
+    QCOMPARE(files.size(), 9);
+    checkExportedFiles(v, files);
+}
+
+// The files of FOLDER matching PATTERN in the catalogue's order, by instance number.
+QStringList seriesFiles(const QString& folder, const QString& pattern = "*")
+{
+    QMultiMap<int, QString> byNumber;
+    for (const QString& name : QDir(folder).entryList({pattern}, QDir::Files, QDir::Name)) {
+        DcmFileFormat file;
+        const QString full = QDir(folder).filePath(name);
+        if (file.loadFile(QFile::encodeName(full).constData()).good())
+            byNumber.insert(dcmInt(file.getDataset(), DCM_InstanceNumber), full);
+    }
+    return byNumber.values();
+}
+
+// The last line of compare_dcm2niix.py over FILES against dcm2niix's conversion of FOLDER, or a
+// reason to skip when the readers are not installed.
+QString compareWithDcm2niix(const QString& folder, const QStringList& files, QString& skip)
+{
+    const QString script = qEnvironmentVariable("KESTREL_SOURCE_DIR") + "/tests/volume/compare_dcm2niix.py";
+    if (QStandardPaths::findExecutable("dcm2niix").isEmpty()) {
+        skip = "dcm2niix is not installed (scripts/setup.sh installs it)";
+        return {};
+    }
+    QProcess probe;
+    probe.start("/usr/bin/python3", {"-c", "import numpy, pydicom"});
+    if (!QFileInfo::exists(script) || !probe.waitForFinished(30000) || probe.exitCode() != 0) {
+        skip = "python3 with numpy and pydicom, or " + script + ", is missing";
+        return {};
+    }
+    QTemporaryDir out;
+    QProcess convert;
+    // -p n: the display values of Rescale Slope and Intercept, not Philips' private scaling.
+    convert.start("dcm2niix", {"-b", "n", "-z", "n", "-p", "n", "-f", "v", "-o", out.path(), folder});
+    if (!convert.waitForFinished(120000) || convert.exitCode() != 0)
+        return "dcm2niix failed: " + QString::fromLocal8Bit(convert.readAll());
+    QProcess compare;
+    compare.setProcessChannelMode(QProcess::MergedChannels);
+    compare.start("/usr/bin/python3", QStringList{script, out.path()} + files);
+    if (!compare.waitForFinished(600000))
+        return "the comparison does not finish";
+    const QStringList lines = QString::fromLocal8Bit(compare.readAll()).trimmed().split('\n');
+    return compare.exitCode() == 0 ? lines.last() : "the comparison failed: " + lines.join(" | ");
+}
+
+// Figures of compare_dcm2niix.py's last line ("planes N pixels M position P value V") within
+// 0.01 mm and VALUETOLERANCE.
+void checkComparison(const QString& line, double valueTolerance)
+{
+    const QStringList f = line.split(' ');
+    QVERIFY2(f.size() == 8 && f[0] == "planes" && f[1].toInt() > 0, qPrintable(line));
+    QVERIFY2(f[5].toDouble() <= 0.01 && f[7].toDouble() <= valueTolerance, qPrintable(line));
+}
+
 // Rotation of (x, y) by A about z, then B about x, then C about y: a double-oblique plane.
 QVector<double> obliqueCosines(const QVector<double>& row, const QVector<double>& column, double a, double b, double c)
 {
@@ -250,6 +316,50 @@ QVector<double> obliqueCosines(const QVector<double>& row, const QVector<double>
         return QVector<double>{v[0] * std::cos(c) + v[2] * std::sin(c), v[1], -v[0] * std::sin(c) + v[2] * std::cos(c)};
     };
     return turn(row) + turn(column);
+}
+
+// A double-oblique series of 11 slices 2.5 mm apart along the normal of COSINES in DIR: 17
+// columns 1.3 mm apart, 23 rows 0.7 mm apart, signed values from -1500 with intercept -1024,
+// numbered along the normal, against it (REVERSED) or odd slices first (INTERLEAVED). The files in
+// instance-number order.
+QStringList writeObliqueSeries(const QString& dir, const QVector<double>& cosines, bool reversed, bool interleaved)
+{
+    SyntheticImage base;
+    base.rows = 23;
+    base.columns = 17;
+    base.rowSpacing = 0.7;    // between rows
+    base.columnSpacing = 1.3; // between columns
+    base.orientation = cosines;
+    base.position = {-40.25, 12.5, 33.125};
+    base.bitsStored = 16;
+    base.pixelRepresentation = 1;
+    base.hasRescale = true;
+    base.rescaleIntercept = -1024;
+    base.modality = "CT";
+    base.sopClassUid = "1.2.840.10008.5.1.4.1.1.2";
+    base.studyUid = newTestUid();
+    base.seriesUid = newTestUid();
+    const int count = 11;
+    const QVector<double> step = normalStep(base, 2.5);
+    QVector<int> order; // slice places in instance-number order
+    for (int start = 0; start < (interleaved ? 2 : 1); ++start)
+        for (int k = start; k < count; k += interleaved ? 2 : 1)
+            order << k;
+    if (reversed)
+        std::reverse(order.begin(), order.end());
+    QStringList files;
+    for (int n = 0; n < count; ++n) {
+        const int k = order[n];
+        SyntheticImage slice = base;
+        slice.sopUid = newTestUid();
+        slice.instanceNumber = n + 1;
+        slice.position = {base.position[0] + k * step[0], base.position[1] + k * step[1], base.position[2] + k * step[2]};
+        slice.pixel = [k](int x, int y, int) { return -1500 + 97 * k + 13 * y + x; };
+        files << QDir(dir).filePath(QString("i%1.dcm").arg(n + 1, 3, 10, QChar('0')));
+        if (!writeSyntheticImage(files.last(), slice))
+            return {};
+    }
+    return files;
 }
 
 } // namespace
@@ -263,6 +373,10 @@ private slots:
     void realSeries();
     void syntheticSeries_data();
     void syntheticSeries();
+    void againstDcm2niix_data();
+    void againstDcm2niix();
+    void hostExports_data();
+    void hostExports();
 };
 
 void TestPlanes::initTestCase()
@@ -296,17 +410,7 @@ void TestPlanes::realSeries()
     const QString path = sharedDataPath(folder);
     if (path.isEmpty())
         QSKIP("the shared DICOM data is not present");
-    // In the catalogue's order: by instance number.
-    QMultiMap<int, QString> byNumber;
-    for (const QString& name : QDir(path).entryList({pattern}, QDir::Files, QDir::Name)) {
-        DcmFileFormat file;
-        const QString full = QDir(path).filePath(name);
-        if (file.loadFile(QFile::encodeName(full).constData()).good())
-            byNumber.insert(dcmInt(file.getDataset(), DCM_InstanceNumber), full);
-    }
-    QStringList files;
-    for (auto it = byNumber.cbegin(); it != byNumber.cend(); ++it)
-        files << it.value();
+    const QStringList files = seriesFiles(path, pattern);
     QObject owner;
     NDicomVolume v;
     v.loadSeries(seriesFromFiles(files, 42, &owner));
@@ -337,45 +441,13 @@ void TestPlanes::syntheticSeries()
     QFETCH(bool, reversed);
     QFETCH(bool, interleaved);
     QTemporaryDir dir;
-    SyntheticImage base;
-    base.rows = 23;
-    base.columns = 17;
-    base.rowSpacing = 0.7;    // between rows
-    base.columnSpacing = 1.3; // between columns
-    base.orientation = cosines;
-    base.position = {-40.25, 12.5, 33.125};
-    base.bitsStored = 16;
-    base.pixelRepresentation = 1;
-    base.hasRescale = true;
-    base.rescaleIntercept = -1024;
-    const int count = 11;
-    const QVector<double> step = normalStep(base, 2.5);
-    QStringList files;
-    QVector<int> order; // slice places in instance-number order
-    for (int k = 0; k < count; ++k)
-        order << k;
-    if (interleaved) {
-        order.clear();
-        for (int start : {0, 1})
-            for (int k = start; k < count; k += 2)
-                order << k;
-    }
-    if (reversed)
-        std::reverse(order.begin(), order.end());
-    for (int n = 0; n < count; ++n) {
-        const int k = order[n];
-        SyntheticImage slice = base;
-        slice.instanceNumber = n + 1;
-        slice.position = {base.position[0] + k * step[0], base.position[1] + k * step[1], base.position[2] + k * step[2]};
-        slice.pixel = [k](int x, int y, int) { return -1500 + 97 * k + 13 * y + x; };
-        files << dir.filePath(QString("i%1.dcm").arg(n + 1, 3, 10, QChar('0')));
-        QVERIFY(writeSyntheticImage(files.last(), slice));
-    }
+    const QStringList files = writeObliqueSeries(dir.path(), cosines, reversed, interleaved);
+    QCOMPARE(files.size(), 11);
     QObject owner;
     NDicomVolume v;
     v.loadSeries(seriesFromFiles(files, 42, &owner));
     QVERIFY(v.isValid());
-    QCOMPARE(v.geSize()[2], count);
+    QCOMPARE(v.geSize()[2], 11);
     // The stack runs along the normal, its spacing along i the distance between columns.
     const double* o = v.getHead()->orientation;
     const double normal[3] = {o[1] * o[5] - o[2] * o[4], o[2] * o[3] - o[0] * o[5], o[0] * o[4] - o[1] * o[3]};
@@ -384,6 +456,103 @@ void TestPlanes::syntheticSeries()
     checkAgainstFiles(v);
     checkPlanes(v);
     checkExports(v, files.first());
+}
+
+void TestPlanes::hostExports_data()
+{
+    TestCatalog::addBackendRows();
+}
+
+// kestrel volume --dicom on a catalogued double-oblique, non-square, signed series numbered in
+// acquisition order: three derived images of one new series, every pixel on its voxel with its
+// real value (and on dcm2niix's voxels when it is installed).
+void TestPlanes::hostExports()
+{
+    QFETCH(QString, backend);
+    const QString program = Kestrel::applicationDir() + "/kestrel";
+    if (!QFileInfo::exists(program))
+        QSKIP("the kestrel host is not built");
+    if (QSqlDatabase::contains(QSqlDatabase::defaultConnection)) // the empty one of initTestCase
+        QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    const double d = M_PI / 180;
+    const QStringList files = writeObliqueSeries(catalog.path("source"), obliqueCosines({0, 1, 0}, {0, 0, -1}, 14 * d, -22 * d, 9 * d), false, true);
+    QProcess host;
+    host.setProcessChannelMode(QProcess::MergedChannels);
+    host.start(program, {"--config", catalog.configDir(), "import", catalog.path("source")});
+    QVERIFY(host.waitForFinished(60000));
+    QVERIFY2(host.exitCode() == 0, host.readAll().constData());
+    const QString seriesPk = TestCatalog::value("SELECT pk FROM generalseries");
+    QDir().mkpath(catalog.path("work"));
+    QSettings(catalog.configDir() + "/cache.ini", QSettings::IniFormat).setValue("registration/cachepath", catalog.path("cache"));
+    host.setWorkingDirectory(catalog.path("work"));
+    host.start(program, {"--config", catalog.configDir(), "volume", "--series", seriesPk, "--out", catalog.path("planes"), "--dicom"});
+    QVERIFY(host.waitForFinished(60000));
+    QVERIFY2(host.exitCode() == 0, host.readAll().constData());
+
+    QStringList planes, series, images, numbers;
+    for (const char* name : {"axial.dcm", "coronal.dcm", "sagittal.dcm"}) {
+        planes << catalog.path("planes/") + name;
+        DcmFileFormat file;
+        QVERIFY2(file.loadFile(QFile::encodeName(planes.last()).constData()).good(), name);
+        DcmDataset* ds = file.getDataset();
+        series << dcmString(ds, DCM_SeriesInstanceUID);
+        images << dcmString(ds, DCM_SOPInstanceUID);
+        numbers << dcmString(ds, DCM_InstanceNumber) + "/" + dcmString(ds, DCM_SeriesNumber);
+    }
+    QCOMPARE(numbers, QStringList({"1/1001", "2/1001", "3/1001"}));
+    QVERIFY(series[0] == series[1] && series[1] == series[2] && !series[0].isEmpty());
+    DcmFileFormat source;
+    QVERIFY(source.loadFile(QFile::encodeName(files.first()).constData()).good());
+    QVERIFY(series[0] != dcmString(source.getDataset(), DCM_SeriesInstanceUID));
+    QVERIFY(images[0] != images[1] && images[1] != images[2] && images[0] != images[2]);
+
+    QObject owner;
+    NDicomVolume v;
+    v.loadSeries(seriesFromFiles(files, 42, &owner));
+    QVERIFY(v.isValid());
+    checkExportedFiles(v, planes);
+    QString skip;
+    const QString line = compareWithDcm2niix(catalog.path("source"), planes, skip);
+    if (!skip.isEmpty())
+        QSKIP(qPrintable(skip));
+    checkComparison(line, 0.0);
+}
+
+void TestPlanes::againstDcm2niix_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<double>("valueTolerance");
+    // Real values of the fMRI through NIfTI's single-precision slope: 1.29035409035409 is stored
+    // as 1.2903541, a few hundred-thousandths at the brightest voxel.
+    for (const char* folder : {"siemens_t1_sag", "ct_ge_3slice", "philips_fmri_oblique", "ge_b0map_signed",
+                               "siemens_gre_2echo", "ge_localizer_3plane"})
+        QTest::newRow(folder) << folder << (QByteArray(folder).startsWith("philips") ? 1e-4 : 0.0);
+}
+
+// Independent readers: every plane of every view of a real series, exported on its first file,
+// read with pydicom by the DICOM rules, sits on dcm2niix's voxel centres with its real values.
+void TestPlanes::againstDcm2niix()
+{
+    QFETCH(QString, folder);
+    QFETCH(double, valueTolerance);
+    const QString path = sharedDataPath(folder);
+    if (path.isEmpty())
+        QSKIP("the shared DICOM data is not present");
+    const QStringList files = seriesFiles(path);
+    QObject owner;
+    NDicomVolume v;
+    v.loadSeries(seriesFromFiles(files, 42, &owner));
+    QVERIFY(v.isValid());
+    QTemporaryDir dir;
+    const QStringList planes = exportPlanes(v, files.first(), dir.path(), true);
+    QVERIFY(!planes.isEmpty());
+    QString skip;
+    const QString line = compareWithDcm2niix(path, planes, skip);
+    if (!skip.isEmpty())
+        QSKIP(qPrintable(skip));
+    qInfo().noquote() << folder << line;
+    checkComparison(line, valueTolerance);
 }
 
 QTEST_GUILESS_MAIN(TestPlanes)
