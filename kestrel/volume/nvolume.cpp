@@ -595,6 +595,13 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
     const int end = qMin(index + 1 + t / 2, length);
     if (first >= length || end <= first)
         return false;
+    // Where the plane lies: pixel (x, y) is voxel (x, y, index), (x, index, y) or (index, x, y).
+    const double* o = m_head.orientation;
+    const int across[3][2] = {{1, 2}, {0, 2}, {0, 1}}; // voxel axes along a row and down a column
+    const int* a = across[axis - 1];
+    const double* p = getPointXYZ(axis == AxisI ? index : 0, axis == AxisJ ? index : 0, axis == AxisK ? index : 0);
+    image.setPosition(p[0], p[1], p[2]);
+    image.setOriention(o[3 * a[0]], o[3 * a[0] + 1], o[3 * a[0] + 2], o[3 * a[1]], o[3 * a[1] + 1], o[3 * a[1] + 2]);
     if (!m_data || framesAvailable() < 1 || !image.data() || w <= 0 || h <= 0)
         return false;
 

@@ -418,6 +418,19 @@ void TestVolume::transforms()
     }
     v.getCubeEightTopPosition();
     QCOMPARE(v.getTopPointFirstLeftandUp()[7 * 3 + 2], v.getPointXYZ(19, 29, 0)[2]);
+    // A raw plane states where its pixels lie: pixel (x, y) is voxel (x, y, 3), (x, 3, y) or (3, x, y).
+    for (int axis = 1; axis <= 3; ++axis) {
+        NDicomImage plane;
+        QVERIFY(v.getDicomImagePlane(plane, 3, 1, EMainAxis(axis), RenderMax));
+        for (const auto& xy : {std::array<int, 2>{0, 0}, {plane.width() - 1, 0}, {2, plane.height() - 1}}) {
+            double p[3];
+            plane.getXYZ(xy[0], xy[1], p[0], p[1], p[2]);
+            const int ijk[3] = {axis == 1 ? 3 : xy[0], axis == 1 ? xy[0] : axis == 2 ? 3 : xy[1], axis == 3 ? 3 : xy[1]};
+            const double* q = v.getPointXYZ(ijk[0], ijk[1], ijk[2]);
+            for (int c = 0; c < 3; ++c)
+                QVERIFY2(std::fabs(p[c] - q[c]) < 1e-9, qPrintable(QString("axis %1 pixel %2,%3").arg(axis).arg(xy[0]).arg(xy[1])));
+        }
+    }
 
     VolumeHead id = makeHead(10, 20, 30);
     QByteArray none(int(id.totallen - 512), '\0');
