@@ -9,7 +9,6 @@
 
 #include <QImage>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QVariant>
 
@@ -54,12 +53,7 @@ bool openCatalog()
 
 int printCatalogTree(QTextStream& out, bool all)
 {
-    QList<qint64> keys;
-    QSqlQuery query(QSqlDatabase::database());
-    if (query.exec("SELECT pk FROM patient ORDER BY pk")) {
-        while (query.next())
-            keys << query.value(0).toLongLong();
-    }
+    const QList<qint64> keys = getPatientKeys();
     if (keys.isEmpty())
         out << "(empty catalogue)\n";
     for (qint64 key : keys) {

@@ -9,6 +9,7 @@
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
+#include "veldatabaseconnection.h"
 #include "qdcmfile.h"
 #include "qdcmfiles.h"
 #include "qinstance.h"
@@ -25,7 +26,6 @@
 #include <QImage>
 #include <QPainter>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QVariant>
 
@@ -36,20 +36,10 @@ struct Panel {
     QImage image; // at physical aspect
 };
 
-qint64 seriesKey(const QString& seriesUid)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?");
-    query.addBindValue(seriesUid);
-    return query.exec() && query.next() ? query.value(0).toLongLong() : -1;
-}
-
 bool isCached(const QString& seriesBase)
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("SELECT Savepath FROM registration WHERE SeriesInstanceUID = ?");
-    query.addBindValue(seriesBase);
-    return query.exec() && query.next() && QFileInfo::exists(query.value(0).toString());
+    const QString file = getCachedVolumePath(seriesBase);
+    return !file.isEmpty() && QFileInfo::exists(file);
 }
 
 QImage overview(const QList<Panel>& panels, const QString& firstFile)
@@ -130,7 +120,7 @@ int runDemo(const QStringList& args)
     app::printCatalogTree(out, false);
 
     out << "== Volume of the axial series\n" << Qt::flush;
-    const qint64 pk = seriesKey(app::phantomAxialSeriesUid());
+    const qint64 pk = getSeriesKey(app::phantomAxialSeriesUid());
     if (pk < 0)
         return app::fail("demo", "the axial series is not in the catalogue");
     QSeries series(pk);

@@ -9,7 +9,6 @@
 #include <dcmtk/oflog/oflog.h>
 
 #include <QCommandLineParser>
-#include <QDirIterator>
 #include <QFileInfo>
 #include <QSqlDatabase>
 #include <QTextStream>
@@ -70,23 +69,6 @@ private:
     int m_percent = 0;
 };
 
-// Files under every path, folders walked completely.
-QList<QString> collectFiles(const QStringList& paths)
-{
-    QList<QString> files;
-    for (const QString& path : paths) {
-        if (QFileInfo(path).isDir()) {
-            QDirIterator it(path, QDir::Files | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                            QDirIterator::Subdirectories);
-            while (it.hasNext())
-                files.append(it.next());
-        } else {
-            files.append(path);
-        }
-    }
-    return files;
-}
-
 int runImport(const QStringList& args)
 {
     QCommandLineParser parser;
@@ -114,7 +96,8 @@ int runImport(const QStringList& args)
     if (!app::openCatalog())
         return app::fail("import", "cannot open the catalogue of database.ini");
 
-    const QList<QString> files = collectFiles(paths);
+    QStringList skipped;
+    const QList<QString> files = QDcmFiles::filesBelow(paths, &skipped);
     if (files.isEmpty())
         return app::fail("import", "no file under the given paths");
 
@@ -137,9 +120,14 @@ int runImport(const QStringList& args)
             << "series added:      " << c.seriesAdded << '\n'
             << "images added:      " << c.imagesAdded << '\n'
             << "duplicates skipped:" << ' ' << c.duplicates << '\n'
-            << "files unreadable:  " << c.unreadable << '\n';
+            << "files unreadable:  " << c.unreadable + skipped.size() << '\n';
         if (c.skippedNoPatientID)
             out << "without PatientID: " << c.skippedNoPatientID << '\n';
+        // What was left out, by name, and what a person should know about the patients.
+        for (const QString& file : skipped + c.skippedFiles)
+            out << "skipped: " << file << '\n';
+        for (const QString& note : c.notes)
+            out << "note: " << note << '\n';
         out << "elapsed:           " << QString::number(c.elapsedMs / 1000.0, 'f', 2) << " s ("
             << (c.elapsedMs > 0 ? QString::number(c.filesListed * 1000.0 / c.elapsedMs, 'f', 0) : QString("-"))
             << " files/s)\n"

@@ -15,9 +15,6 @@
 #include <QTextStream>
 #include <QTimer>
 
-#include <QSqlDatabase>
-#include <QSqlQuery>
-
 #include <csignal>
 #include <memory>
 
@@ -84,10 +81,7 @@ int runListen(const QStringList& args)
         importer = std::make_unique<QDcmFiles>();
         QObject::connect(recv, &QDcmRecvFile::notifyUploadDB, importer.get(), &QDcmFiles::onNotifyUploadDB);
         QObject::connect(recv, &QDcmRecvFile::notifyUploadDB, [&stdOut](const QString& uid) {
-            QSqlQuery query(QSqlDatabase::database());
-            query.prepare("SELECT COUNT(*) FROM images WHERE seriesUID = ? AND DBflag = 1");
-            query.addBindValue(uid);
-            const int imported = query.exec() && query.next() ? query.value(0).toInt() : 0;
+            const int imported = getImportedImageCount(uid);
             stdOut << "imported series " << uid << " (" << imported << " images)" << Qt::endl;
         });
     }

@@ -11,8 +11,6 @@
 #include "veldatabaseconnection.h"
 
 #include <QCommandLineParser>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QVariant>
 
@@ -36,7 +34,7 @@ int runQuery(const QStringList& args)
     parser.setApplicationDescription("Runs the stored advanced search NAME (table andvancequiry) with the column "
                                      "choices of the query*user tables and prints the result tree.");
     parser.addHelpOption();
-    parser.addOption({"sql", "Also print the SELECT statement that was run."});
+    parser.addOption({"sql", "Also print the SELECT statement, its values written in quotes (they run bound)."});
     parser.addPositionalArgument("NAME", "The stored search (InquiryName).");
     if (const auto status = app::parseArguments(parser, "query", args))
         return *status;
@@ -45,21 +43,20 @@ int runQuery(const QStringList& args)
     const QString name = parser.positionalArguments().first();
     if (!app::openCatalog())
         return app::fail("query", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
-    {
-        QSqlQuery count(QSqlDatabase::database());
-        count.prepare("SELECT COUNT(*) FROM andvancequiry WHERE InquiryName = ?");
-        count.addBindValue(name);
-        if (!count.exec() || !count.next())
-            return app::fail("query", "the catalogue has no stored searches");
-        if (count.value(0).toInt() == 0)
-            return app::fail("query", "no stored search named " + name);
-    }
+    const int stored = getStoredSearchCount(name);
+    if (stored < 0)
+        return app::fail("query", "the catalogue has no stored searches");
+    if (stored == 0)
+        return app::fail("query", "no stored search named " + name);
 
     QPatients result;
     result.advanceQueryByName(name);
     QTextStream out(stdout);
-    if (parser.isSet("sql"))
+    if (parser.isSet("sql") && !result.getQueryString().isEmpty())
         out << result.getQueryString() << '\n';
+    out.flush();
+    if (!result.lastError().isEmpty())
+        return app::fail("query", result.lastError().simplified());
     if (result.getAllPatient().isEmpty()) {
         out << "(no matches)\n";
         return 0;

@@ -28,8 +28,11 @@ CREATE TABLE IF NOT EXISTS patient (
   PatientIdentityRemoved TEXT,
   DeidentificationMethod TEXT,
   DeidentificationMethodCodeSequence TEXT,
-  Status TEXT
+  Status TEXT,
+  IssuerOfPatientID TEXT,
+  PatientKey TEXT
 );#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_patient_PatientKey ON patient (PatientKey);#
 CREATE INDEX IF NOT EXISTS idx_patient_PatientName ON patient (PatientName);#
 CREATE INDEX IF NOT EXISTS idx_patient_PatientID ON patient (PatientID);#
 CREATE TABLE IF NOT EXISTS generalstudy (
@@ -57,7 +60,7 @@ CREATE TABLE IF NOT EXISTS generalstudy (
   ManufacturerModelName TEXT,
   Status TEXT
 );#
-CREATE INDEX IF NOT EXISTS idx_generalstudy_StudyInstanceUID ON generalstudy (StudyInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_generalstudy_StudyInstanceUID ON generalstudy (StudyInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_generalstudy_patient_fk ON generalstudy (patient_fk);#
 CREATE TABLE IF NOT EXISTS generalseries (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -91,7 +94,7 @@ CREATE TABLE IF NOT EXISTS generalseries (
 CREATE INDEX IF NOT EXISTS idx_generalseries_SeriesInstanceUID ON generalseries (SeriesInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_generalseries_StudyInstanceUID ON generalseries (StudyInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_generalseries_study_fk ON generalseries (study_fk);#
-CREATE INDEX IF NOT EXISTS idx_generalseries_SeriesBase ON generalseries (SeriesBase);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_generalseries_SeriesBase ON generalseries (SeriesBase);#
 CREATE TABLE IF NOT EXISTS imageformat (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   InstanceNumber INTEGER,
@@ -127,7 +130,7 @@ CREATE TABLE IF NOT EXISTS imageformat (
   FilePath TEXT
 );#
 CREATE INDEX IF NOT EXISTS idx_imageformat_series_fk ON imageformat (series_fk);#
-CREATE INDEX IF NOT EXISTS idx_imageformat_SOPInstanceUID ON imageformat (SOPInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_imageformat_SOPInstanceUID ON imageformat (SOPInstanceUID);#
 CREATE TABLE IF NOT EXISTS imagepixel (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   PixelDataProviderURL TEXT,
@@ -172,7 +175,7 @@ CREATE TABLE IF NOT EXISTS imagepixel (
   PositionZ REAL
 );#
 CREATE INDEX IF NOT EXISTS idx_imagepixel_series_fk ON imagepixel (series_fk);#
-CREATE INDEX IF NOT EXISTS idx_imagepixel_SOPInstanceUID ON imagepixel (SOPInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_imagepixel_SOPInstanceUID ON imagepixel (SOPInstanceUID);#
 CREATE TABLE IF NOT EXISTS mrimageinfo (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   ScanningSequence TEXT,
@@ -224,7 +227,7 @@ CREATE TABLE IF NOT EXISTS mrimageinfo (
   SOPInstanceUID TEXT
 );#
 CREATE INDEX IF NOT EXISTS idx_mrimageinfo_series_fk ON mrimageinfo (series_fk);#
-CREATE INDEX IF NOT EXISTS idx_mrimageinfo_SOPInstanceUID ON mrimageinfo (SOPInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_mrimageinfo_SOPInstanceUID ON mrimageinfo (SOPInstanceUID);#
 CREATE TABLE IF NOT EXISTS anonymouspatient (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   PatientName TEXT,
@@ -233,14 +236,15 @@ CREATE TABLE IF NOT EXISTS anonymouspatient (
 );#
 CREATE INDEX IF NOT EXISTS idx_anonymouspatient_PatientName ON anonymouspatient (PatientName);#
 CREATE INDEX IF NOT EXISTS idx_anonymouspatient_PatientID ON anonymouspatient (PatientID);#
-CREATE INDEX IF NOT EXISTS idx_anonymouspatient_AnonymousPatientID ON anonymouspatient (AnonymousPatientID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymouspatient_AnonymousPatientID ON anonymouspatient (AnonymousPatientID);#
 CREATE TABLE IF NOT EXISTS anonymousstudy (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   StudyInstanceUID TEXT,
   AnonymousStudyInstanceUID TEXT,
   patient_fk INTEGER
 );#
-CREATE INDEX IF NOT EXISTS idx_anonymousstudy_StudyInstanceUID ON anonymousstudy (StudyInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousstudy_AnonymousStudyInstanceUID ON anonymousstudy (AnonymousStudyInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousstudy_StudyInstanceUID ON anonymousstudy (StudyInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_anonymousstudy_patient_fk ON anonymousstudy (patient_fk);#
 CREATE TABLE IF NOT EXISTS anonymousseries (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -248,7 +252,8 @@ CREATE TABLE IF NOT EXISTS anonymousseries (
   AnonymousSeriesInstanceUID TEXT,
   study_fk INTEGER
 );#
-CREATE INDEX IF NOT EXISTS idx_anonymousseries_SeriesInstanceUID ON anonymousseries (SeriesInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousseries_AnonymousSeriesInstanceUID ON anonymousseries (AnonymousSeriesInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousseries_SeriesInstanceUID ON anonymousseries (SeriesInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_anonymousseries_study_fk ON anonymousseries (study_fk);#
 CREATE TABLE IF NOT EXISTS anonymousimage (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -285,8 +290,8 @@ CREATE TABLE IF NOT EXISTS anonymousimage (
   OperatorIdentificationSequence TEXT,
   InstitutionName TEXT
 );#
-CREATE INDEX IF NOT EXISTS idx_anonymousimage_SOPInstanceUID ON anonymousimage (SOPInstanceUID);#
-CREATE INDEX IF NOT EXISTS idx_anonymousimage_AnonymousSOPInstanceUID ON anonymousimage (AnonymousSOPInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousimage_SOPInstanceUID ON anonymousimage (SOPInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousimage_AnonymousSOPInstanceUID ON anonymousimage (AnonymousSOPInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_anonymousimage_series_fk ON anonymousimage (series_fk);#
 CREATE INDEX IF NOT EXISTS idx_anonymousimage_PatientName ON anonymousimage (PatientName);#
 CREATE TABLE IF NOT EXISTS series (
@@ -295,7 +300,7 @@ CREATE TABLE IF NOT EXISTS series (
   upDBnum INTEGER,
   upCloudnum INTEGER
 );#
-CREATE INDEX IF NOT EXISTS idx_series_seriesUID ON series (seriesUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_series_seriesUID ON series (seriesUID);#
 CREATE TABLE IF NOT EXISTS images (
   seriesUID TEXT,
   InstanceUID TEXT,
@@ -304,7 +309,7 @@ CREATE TABLE IF NOT EXISTS images (
   filepath TEXT
 );#
 CREATE INDEX IF NOT EXISTS idx_images_seriesUID ON images (seriesUID);#
-CREATE INDEX IF NOT EXISTS idx_images_InstanceUID ON images (InstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_images_InstanceUID ON images (InstanceUID);#
 CREATE TABLE IF NOT EXISTS registration (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   SeriesInstanceUID TEXT,
@@ -313,7 +318,7 @@ CREATE TABLE IF NOT EXISTS registration (
   VolumeHead TEXT,
   SeriesBase TEXT
 );#
-CREATE INDEX IF NOT EXISTS idx_registration_SeriesInstanceUID ON registration (SeriesInstanceUID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_registration_SeriesInstanceUID ON registration (SeriesInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_registration_SeriesBase ON registration (SeriesBase);#
 CREATE TABLE IF NOT EXISTS patientuser (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,

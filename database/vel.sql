@@ -1,10 +1,12 @@
 -- Catalogue schema for MySQL/MariaDB. Run as one multi-statement text after CREATE DATABASE and USE.
 -- Table names are lower case: servers on Linux compare them case-sensitively.
+-- Identifying columns compare byte for byte (utf8mb4_bin); their unique keys cover the first 255
+-- characters, far beyond any valid UID.
 
 CREATE TABLE IF NOT EXISTS `patient` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
   `PatientName` LONGTEXT,
-  `PatientID` LONGTEXT,
+  `PatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `PatientBirthDate` LONGTEXT,
   `PatientSex` LONGTEXT,
   `ReferencedPatientPhotoSequence` LONGTEXT,
@@ -30,20 +32,23 @@ CREATE TABLE IF NOT EXISTS `patient` (
   `PatientIdentityRemoved` LONGTEXT,
   `DeidentificationMethod` LONGTEXT,
   `DeidentificationMethodCodeSequence` LONGTEXT,
-  `Status` LONGTEXT
+  `Status` LONGTEXT,
+  `IssuerOfPatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `PatientKey` VARCHAR(64) CHARACTER SET ascii COLLATE ascii_bin
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+CREATE UNIQUE INDEX `uq_patient_PatientKey` ON `patient` (`PatientKey`);
 CREATE INDEX `idx_patient_PatientName` ON `patient` (`PatientName`(64));
 CREATE INDEX `idx_patient_PatientID` ON `patient` (`PatientID`(64));
 
 CREATE TABLE IF NOT EXISTS `generalstudy` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `StudyInstanceUID` LONGTEXT,
+  `StudyInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `StudyDate` LONGTEXT,
   `StudyTime` LONGTEXT,
   `ReferringPhysicianName` LONGTEXT,
   `ReferringPhysicianIdentificationSequence` LONGTEXT,
   `StudyID` LONGTEXT,
-  `AccessionNumber` LONGTEXT,
+  `AccessionNumber` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `IssuerOfAccessionNumberSequence` LONGTEXT,
   `StudyDescription` LONGTEXT,
   `PhysiciansOfRecord` LONGTEXT,
@@ -60,13 +65,13 @@ CREATE TABLE IF NOT EXISTS `generalstudy` (
   `ManufacturerModelName` LONGTEXT,
   `Status` LONGTEXT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
-CREATE INDEX `idx_generalstudy_StudyInstanceUID` ON `generalstudy` (`StudyInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_generalstudy_StudyInstanceUID` ON `generalstudy` (`StudyInstanceUID`(255));
 CREATE INDEX `idx_generalstudy_patient_fk` ON `generalstudy` (`patient_fk`);
 
 CREATE TABLE IF NOT EXISTS `generalseries` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
   `Modality` LONGTEXT,
-  `SeriesInstanceUID` LONGTEXT,
+  `SeriesInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `SeriesNumber` LONGTEXT,
   `Laterality` LONGTEXT,
   `SeriesDate` LONGTEXT,
@@ -80,7 +85,7 @@ CREATE TABLE IF NOT EXISTS `generalseries` (
   `OperatorIdentificationSequence` LONGTEXT,
   `ReferencedPerformedProcedureStepSequence` LONGTEXT,
   `RelatedSeriesSequence` LONGTEXT,
-  `StudyInstanceUID` LONGTEXT,
+  `StudyInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `PurposeOfReferenceCodeSequence` LONGTEXT,
   `BodyPartExamined` LONGTEXT,
   `PatientPosition` LONGTEXT,
@@ -89,13 +94,13 @@ CREATE TABLE IF NOT EXISTS `generalseries` (
   `RequestAttributesSequence` LONGTEXT,
   `AnatomicalOrientationType` LONGTEXT,
   `study_fk` BIGINT,
-  `SeriesBase` LONGTEXT,
+  `SeriesBase` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `Status` LONGTEXT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_generalseries_SeriesInstanceUID` ON `generalseries` (`SeriesInstanceUID`(64));
 CREATE INDEX `idx_generalseries_StudyInstanceUID` ON `generalseries` (`StudyInstanceUID`(64));
 CREATE INDEX `idx_generalseries_study_fk` ON `generalseries` (`study_fk`);
-CREATE INDEX `idx_generalseries_SeriesBase` ON `generalseries` (`SeriesBase`(64));
+CREATE UNIQUE INDEX `uq_generalseries_SeriesBase` ON `generalseries` (`SeriesBase`(255));
 
 CREATE TABLE IF NOT EXISTS `imageformat` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
@@ -125,14 +130,14 @@ CREATE TABLE IF NOT EXISTS `imageformat` (
   `LossyImageCompressionMethod` LONGTEXT,
   `IconImageSequence` LONGTEXT,
   `PresentationLUTShape` LONGTEXT,
-  `IrradiationEventUID` LONGTEXT,
+  `IrradiationEventUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `RealWorldValueMappingSequence` LONGTEXT,
   `series_fk` BIGINT,
-  `SOPInstanceUID` LONGTEXT,
-  `FilePath` LONGTEXT
+  `SOPInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `FilePath` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_imageformat_series_fk` ON `imageformat` (`series_fk`);
-CREATE INDEX `idx_imageformat_SOPInstanceUID` ON `imageformat` (`SOPInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_imageformat_SOPInstanceUID` ON `imageformat` (`SOPInstanceUID`(255));
 
 CREATE TABLE IF NOT EXISTS `imagepixel` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
@@ -164,7 +169,7 @@ CREATE TABLE IF NOT EXISTS `imagepixel` (
   `SliceThickness` LONGTEXT,
   `SliceLocation` LONGTEXT,
   `series_fk` BIGINT,
-  `SOPInstanceUID` LONGTEXT,
+  `SOPInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `SpacingX` DOUBLE,
   `SpacingY` DOUBLE,
   `OrientationXX` DOUBLE,
@@ -178,7 +183,7 @@ CREATE TABLE IF NOT EXISTS `imagepixel` (
   `PositionZ` DOUBLE
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_imagepixel_series_fk` ON `imagepixel` (`series_fk`);
-CREATE INDEX `idx_imagepixel_SOPInstanceUID` ON `imagepixel` (`SOPInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_imagepixel_SOPInstanceUID` ON `imagepixel` (`SOPInstanceUID`(255));
 
 CREATE TABLE IF NOT EXISTS `mrimageinfo` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
@@ -228,45 +233,47 @@ CREATE TABLE IF NOT EXISTS `mrimageinfo` (
   `TemporalResolution` LONGTEXT,
   `IsocenterPosition` LONGTEXT,
   `series_fk` BIGINT,
-  `SOPInstanceUID` LONGTEXT
+  `SOPInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_mrimageinfo_series_fk` ON `mrimageinfo` (`series_fk`);
-CREATE INDEX `idx_mrimageinfo_SOPInstanceUID` ON `mrimageinfo` (`SOPInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_mrimageinfo_SOPInstanceUID` ON `mrimageinfo` (`SOPInstanceUID`(255));
 
 CREATE TABLE IF NOT EXISTS `anonymouspatient` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `PatientName` LONGTEXT,
-  `PatientID` LONGTEXT,
-  `AnonymousPatientID` LONGTEXT
+  `PatientName` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `PatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `AnonymousPatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_anonymouspatient_PatientName` ON `anonymouspatient` (`PatientName`(64));
 CREATE INDEX `idx_anonymouspatient_PatientID` ON `anonymouspatient` (`PatientID`(64));
-CREATE INDEX `idx_anonymouspatient_AnonymousPatientID` ON `anonymouspatient` (`AnonymousPatientID`(64));
+CREATE UNIQUE INDEX `uq_anonymouspatient_AnonymousPatientID` ON `anonymouspatient` (`AnonymousPatientID`(255));
 
 CREATE TABLE IF NOT EXISTS `anonymousstudy` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `StudyInstanceUID` LONGTEXT,
-  `AnonymousStudyInstanceUID` LONGTEXT,
+  `StudyInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `AnonymousStudyInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `patient_fk` BIGINT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
-CREATE INDEX `idx_anonymousstudy_StudyInstanceUID` ON `anonymousstudy` (`StudyInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_anonymousstudy_AnonymousStudyInstanceUID` ON `anonymousstudy` (`AnonymousStudyInstanceUID`(255));
+CREATE UNIQUE INDEX `uq_anonymousstudy_StudyInstanceUID` ON `anonymousstudy` (`StudyInstanceUID`(255));
 CREATE INDEX `idx_anonymousstudy_patient_fk` ON `anonymousstudy` (`patient_fk`);
 
 CREATE TABLE IF NOT EXISTS `anonymousseries` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `SeriesInstanceUID` LONGTEXT,
-  `AnonymousSeriesInstanceUID` LONGTEXT,
+  `SeriesInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `AnonymousSeriesInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `study_fk` BIGINT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
-CREATE INDEX `idx_anonymousseries_SeriesInstanceUID` ON `anonymousseries` (`SeriesInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_anonymousseries_AnonymousSeriesInstanceUID` ON `anonymousseries` (`AnonymousSeriesInstanceUID`(255));
+CREATE UNIQUE INDEX `uq_anonymousseries_SeriesInstanceUID` ON `anonymousseries` (`SeriesInstanceUID`(255));
 CREATE INDEX `idx_anonymousseries_study_fk` ON `anonymousseries` (`study_fk`);
 
 CREATE TABLE IF NOT EXISTS `anonymousimage` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `SOPInstanceUID` LONGTEXT,
-  `AnonymousSOPInstanceUID` LONGTEXT,
+  `SOPInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `AnonymousSOPInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `series_fk` BIGINT,
-  `AccessionNumber` LONGTEXT,
+  `AccessionNumber` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `PatientBirthTime` LONGTEXT,
   `PatientName` LONGTEXT,
   `TypeOfPatientID` LONGTEXT,
@@ -296,38 +303,38 @@ CREATE TABLE IF NOT EXISTS `anonymousimage` (
   `OperatorIdentificationSequence` LONGTEXT,
   `InstitutionName` LONGTEXT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
-CREATE INDEX `idx_anonymousimage_SOPInstanceUID` ON `anonymousimage` (`SOPInstanceUID`(64));
-CREATE INDEX `idx_anonymousimage_AnonymousSOPInstanceUID` ON `anonymousimage` (`AnonymousSOPInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_anonymousimage_SOPInstanceUID` ON `anonymousimage` (`SOPInstanceUID`(255));
+CREATE UNIQUE INDEX `uq_anonymousimage_AnonymousSOPInstanceUID` ON `anonymousimage` (`AnonymousSOPInstanceUID`(255));
 CREATE INDEX `idx_anonymousimage_series_fk` ON `anonymousimage` (`series_fk`);
 CREATE INDEX `idx_anonymousimage_PatientName` ON `anonymousimage` (`PatientName`(64));
 
 CREATE TABLE IF NOT EXISTS `series` (
-  `seriesUID` LONGTEXT,
+  `seriesUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `recvnum` BIGINT,
   `upDBnum` BIGINT,
   `upCloudnum` BIGINT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
-CREATE INDEX `idx_series_seriesUID` ON `series` (`seriesUID`(64));
+CREATE UNIQUE INDEX `uq_series_seriesUID` ON `series` (`seriesUID`(255));
 
 CREATE TABLE IF NOT EXISTS `images` (
-  `seriesUID` LONGTEXT,
-  `InstanceUID` LONGTEXT,
+  `seriesUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `InstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `DBflag` BIGINT,
   `Cloudflag` BIGINT,
-  `filepath` LONGTEXT
+  `filepath` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_images_seriesUID` ON `images` (`seriesUID`(64));
-CREATE INDEX `idx_images_InstanceUID` ON `images` (`InstanceUID`(64));
+CREATE UNIQUE INDEX `uq_images_InstanceUID` ON `images` (`InstanceUID`(255));
 
 CREATE TABLE IF NOT EXISTS `registration` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `SeriesInstanceUID` LONGTEXT,
+  `SeriesInstanceUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `ServerAddress` LONGTEXT,
-  `Savepath` LONGTEXT,
+  `Savepath` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `VolumeHead` LONGTEXT,
-  `SeriesBase` LONGTEXT
+  `SeriesBase` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
-CREATE INDEX `idx_registration_SeriesInstanceUID` ON `registration` (`SeriesInstanceUID`(64));
+CREATE UNIQUE INDEX `uq_registration_SeriesInstanceUID` ON `registration` (`SeriesInstanceUID`(255));
 CREATE INDEX `idx_registration_SeriesBase` ON `registration` (`SeriesBase`(64));
 
 CREATE TABLE IF NOT EXISTS `patientuser` (

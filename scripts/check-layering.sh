@@ -17,7 +17,7 @@ declare -A rank=(
   [catalog]=4
   [hierarchy]=5
   [volume]=6 [import]=6 [network]=6
-  [anonymize]=7
+  [anonymize]=7 [maintenance]=7
   [reformat]=8
 )
 # Peers that may use each other (from, to).

@@ -1,7 +1,10 @@
 #include "qdcmanonymize.h"
 
 #include "catalog/catalogschema_p.h"
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>
@@ -19,15 +22,13 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 #include <QSettings>
-#include <QSqlError>
-#include <QSqlQuery>
 #include <QSqlRecord>
-#include <QTextCodec>
 #include <QUuid>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 using namespace kestrel::internal;
 
@@ -95,24 +96,24 @@ bool isSequence(const Emptied& e)
     return QByteArray(e.keyword).endsWith("Sequence");
 }
 
-// Text values are kept as readable text where the character set is known; everything else goes
-// through Latin-1, which maps every byte to one character and back.
-QTextCodec* codecFor(DcmItem* ds)
+// Text values are kept as readable text in the file's character set (DicomCharset: an unknown
+// set goes through Latin-1, which maps every byte to one character and back).
+DicomCharset charsetOf(DcmItem* ds)
 {
-    return dicomTextCodec(dcmCharacterSet(ds));
+    return DicomCharset(dcmCharacterSet(ds));
 }
 
 // Never a null string: an empty value must stay apart from a missing attribute (NULL).
-QString decodeValue(const QByteArray& bytes, QTextCodec* codec)
+QString decodeValue(const QByteArray& bytes, const DicomCharset& charset, const DcmTagKey& tag)
 {
     if (bytes.isEmpty())
         return QStringLiteral("");
-    return codec ? codec->toUnicode(bytes) : QString::fromLatin1(bytes);
+    return charset.decode(bytes, dcmIsPersonName(tag));
 }
 
-QByteArray encodeValue(const QString& text, QTextCodec* codec)
+QByteArray encodeValue(const QString& text, const DicomCharset& charset, const DcmTagKey& tag)
 {
-    return codec ? codec->fromUnicode(text) : text.toLatin1();
+    return charset.encode(text, dcmIsPersonName(tag));
 }
 
 // A sequence with its items as base64 text of its Explicit VR Little Endian encoding.
@@ -157,6 +158,40 @@ QString newUid(const char* root)
 }
 
 
+// How a mapping statement runs: a read, or a write in a unit of its own (retried while the
+// catalogue is busy); a failure goes out as errorInfo unless the caller reports it itself.
+enum MappingRun { Read = 0, Write = 1, Quiet = 2 };
+
+// Every statement on the mapping tables: SQL with VALUES bound; ROW sees each row until it
+// returns false.
+Status runMapping(QDcmAnonymize* anonymizer, QSqlDatabase db, const QString& sql, const QVariantList& values,
+                  int how = Read, const std::function<bool(const Statement&)>& row = nullptr)
+{
+    auto once = [&]() -> Status {
+        Statement statement(db, sql);
+        const Status status = statement.bindAll(values).run();
+        while (status && row && statement.next() && row(statement)) {
+        }
+        return status;
+    };
+    const Status status = (how & Write) ? runWrite(db, [&](Transaction&) { return once(); }) : once();
+    if (!status && !(how & Quiet))
+        emit anonymizer->errorInfo(status.text());
+    return status;
+}
+
+// The first value of the first row, as T; FALLBACK without a row or on a failure.
+template <typename T>
+T firstValue(QDcmAnonymize* anonymizer, QSqlDatabase db, const QString& sql, const QVariant& value, T fallback)
+{
+    T result = fallback;
+    runMapping(anonymizer, db, sql, {value}, Read, [&](const Statement& s) {
+        result = s.get<T>(0);
+        return false;
+    });
+    return result;
+}
+
 } // namespace
 
 QDcmAnonymize::QDcmAnonymize(QObject* parent)
@@ -200,26 +235,12 @@ bool QDcmAnonymize::fail(const QString& reason)
 
 QString QDcmAnonymize::readText(const QString& sql, const QVariant& value)
 {
-    QSqlQuery query(database());
-    query.prepare(sql);
-    query.addBindValue(value);
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return QString();
-    }
-    return query.next() ? query.value(0).toString() : QString();
+    return firstValue<QString>(this, database(), sql, value, QString());
 }
 
 qint64 QDcmAnonymize::readKey(const QString& sql, const QVariant& value)
 {
-    QSqlQuery query(database());
-    query.prepare(sql);
-    query.addBindValue(value);
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return -1;
-    }
-    return query.next() ? query.value(0).toLongLong() : -1;
+    return firstValue<qint64>(this, database(), sql, value, -1);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -230,24 +251,19 @@ qint64 QDcmAnonymize::getAnonymousPatientPKByNameAndID()
     DcmDataset* ds = m_file ? m_file->getDataset() : nullptr;
     if (!ds)
         return -1;
-    QTextCodec* codec = codecFor(ds);
-    const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), codec);
-    const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), codec);
-    QSqlQuery query(database());
-    query.prepare("SELECT pk, PatientID, PatientName FROM anonymouspatient WHERE PatientID = ? and PatientName = ?");
-    query.addBindValue(id);
-    query.addBindValue(name);
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return -1;
-    }
+    const DicomCharset charset = charsetOf(ds);
+    const QString id = decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID);
+    const QString name = decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName);
     // MariaDB compares text without regard to case or trailing blanks: two patients differing
     // only so are still two patients.
-    while (query.next()) {
-        if (query.value(1).toString() == id && query.value(2).toString() == name)
-            return query.value(0).toLongLong();
-    }
-    return -1;
+    qint64 pk = -1;
+    runMapping(this, database(), "SELECT pk, PatientID, PatientName FROM anonymouspatient WHERE PatientID = ? and PatientName = ?",
+               {id, name}, Read, [&](const Statement& row) {
+                   if (row.get<QString>(1) == id && row.get<QString>(2) == name)
+                       pk = row.get<qint64>(0);
+                   return pk < 0;
+               });
+    return pk;
 }
 
 qint64 QDcmAnonymize::getAnonymousStudyPKByStudyInstanceUID()
@@ -326,47 +342,30 @@ bool QDcmAnonymize::addAnonymousPatientDataBase()
         emit errorInfo(tr("no free anonymous patient ID is left"));
         return false;
     }
-    QTextCodec* codec = codecFor(ds);
-    QSqlQuery query(database());
-    query.prepare(schema::insertStatement("anonymouspatient"));
-    query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientName), codec));
-    query.addBindValue(decodeValue(dcmBytes(ds, DCM_PatientID), codec));
-    query.addBindValue(m_anonPatientID);
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return false;
-    }
-    return true;
+    const DicomCharset charset = charsetOf(ds);
+    return runMapping(this, database(), schema::insertStatement("anonymouspatient"),
+                      {decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName),
+                       decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID), m_anonPatientID},
+                      Write)
+            .isOk();
 }
 
 bool QDcmAnonymize::addAnonymousStudyDataBase(qint64 patientPk)
 {
     m_anonStudyUID = newUid(kStudyRoot);
-    QSqlQuery query(database());
-    query.prepare(schema::insertStatement("anonymousstudy"));
-    query.addBindValue(dcmString(m_file ? m_file->getDataset() : nullptr, DCM_StudyInstanceUID));
-    query.addBindValue(m_anonStudyUID);
-    query.addBindValue(patientPk);
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return false;
-    }
-    return true;
+    return runMapping(this, database(), schema::insertStatement("anonymousstudy"),
+                      {dcmString(m_file ? m_file->getDataset() : nullptr, DCM_StudyInstanceUID), m_anonStudyUID, patientPk},
+                      Write)
+            .isOk();
 }
 
 bool QDcmAnonymize::addAnonymousSeriesDataBase(qint64 studyPk)
 {
     m_anonSeriesUID = newUid(kSeriesRoot);
-    QSqlQuery query(database());
-    query.prepare(schema::insertStatement("anonymousseries"));
-    query.addBindValue(dcmString(m_file ? m_file->getDataset() : nullptr, DCM_SeriesInstanceUID));
-    query.addBindValue(m_anonSeriesUID);
-    query.addBindValue(studyPk);
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return false;
-    }
-    return true;
+    return runMapping(this, database(), schema::insertStatement("anonymousseries"),
+                      {dcmString(m_file ? m_file->getDataset() : nullptr, DCM_SeriesInstanceUID), m_anonSeriesUID, studyPk},
+                      Write)
+            .isOk();
 }
 
 bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
@@ -375,26 +374,18 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
     if (!ds)
         return false;
     m_anonSOPUID = newUid(kSOPRoot);
-    QTextCodec* codec = codecFor(ds);
-    QSqlQuery query(database());
-    query.prepare(schema::insertStatement("anonymousimage"));
-    query.addBindValue(dcmString(ds, DCM_SOPInstanceUID));
-    query.addBindValue(m_anonSOPUID);
-    query.addBindValue(seriesPk);
+    const DicomCharset charset = charsetOf(ds);
+    QVariantList values{dcmString(ds, DCM_SOPInstanceUID), m_anonSOPUID, seriesPk};
     for (const Emptied& e : kEmptied) {
         DcmElement* element = nullptr;
         if (ds->findAndGetElement(e.tag, element).bad() || !element)
-            query.addBindValue(QVariant(QVariant::String)); // absent: NULL
+            values << QVariant(QVariant::String); // absent: NULL
         else if (element->ident() == EVR_SQ)
-            query.addBindValue(encodeSequence(element));
+            values << encodeSequence(element);
         else
-            query.addBindValue(decodeValue(dcmBytes(ds, e.tag), codec));
+            values << decodeValue(dcmBytes(ds, e.tag), charset, e.tag);
     }
-    if (!query.exec()) {
-        emit errorInfo(query.lastError().text());
-        return false;
-    }
-    return true;
+    return runMapping(this, database(), schema::insertStatement("anonymousimage"), values, Write).isOk();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -452,18 +443,18 @@ int QDcmAnonymize::anonymize(QString source, QString destination)
     const qint64 imagePk = getAnonymousImagePKBySOPInstanceUID();
     if (imagePk >= 0) {
         // Already anonymized once: the same pseudonyms again, no new row.
-        QSqlQuery query(database());
-        query.prepare("SELECT p.AnonymousPatientID, st.AnonymousStudyInstanceUID, se.AnonymousSeriesInstanceUID, "
-                      "i.AnonymousSOPInstanceUID FROM anonymousimage i JOIN anonymousseries se ON i.series_fk = se.pk "
-                      "JOIN anonymousstudy st ON se.study_fk = st.pk JOIN anonymouspatient p ON st.patient_fk = p.pk "
-                      "WHERE i.pk = ?");
-        query.addBindValue(imagePk);
-        if (query.exec() && query.next()) {
-            patientID = query.value(0).toString();
-            studyUID = query.value(1).toString();
-            seriesUID = query.value(2).toString();
-            sopUID = query.value(3).toString();
-        }
+        runMapping(this, database(),
+                   "SELECT p.AnonymousPatientID, st.AnonymousStudyInstanceUID, se.AnonymousSeriesInstanceUID, "
+                   "i.AnonymousSOPInstanceUID FROM anonymousimage i JOIN anonymousseries se ON i.series_fk = se.pk "
+                   "JOIN anonymousstudy st ON se.study_fk = st.pk JOIN anonymouspatient p ON st.patient_fk = p.pk "
+                   "WHERE i.pk = ?",
+                   {imagePk}, Quiet, [&](const Statement& row) {
+                       patientID = row.get<QString>(0);
+                       studyUID = row.get<QString>(1);
+                       seriesUID = row.get<QString>(2);
+                       sopUID = row.get<QString>(3);
+                       return false;
+                   });
     } else {
         qint64 patientPk = getAnonymousPatientPKByNameAndID();
         if (patientPk >= 0)
@@ -516,14 +507,16 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
     }
     DcmDataset* ds = m_file->getDataset();
 
-    QSqlQuery query(database());
-    query.prepare("SELECT * FROM anonymousimage WHERE pk = ?");
-    query.addBindValue(imagePk);
-    if (!query.exec() || !query.next()) {
-        fail(tr("cannot read the mapping of %1: %2").arg(source, query.lastError().text()));
+    QSqlRecord row;
+    const Status read = runMapping(this, database(), "SELECT * FROM anonymousimage WHERE pk = ?", {imagePk}, Quiet,
+                                   [&](const Statement& s) {
+                                       row = s.record();
+                                       return false;
+                                   });
+    if (row.isEmpty()) {
+        fail(tr("cannot read the mapping of %1: %2").arg(source, read.text()));
         return -1;
     }
-    const QSqlRecord row = query.record();
     const QString patientID = readText("SELECT PatientID FROM anonymouspatient WHERE AnonymousPatientID = ?", dcmString(ds, DCM_PatientID));
     const QString studyUID = readText("SELECT StudyInstanceUID FROM anonymousstudy WHERE AnonymousStudyInstanceUID = ?",
                                       dcmString(ds, DCM_StudyInstanceUID));
@@ -534,7 +527,7 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
         return -1;
     }
 
-    QTextCodec* codec = codecFor(ds);
+    const DicomCharset charset = charsetOf(ds);
     ds->putAndInsertString(DCM_SOPInstanceUID, row.value("SOPInstanceUID").toString().toLatin1().constData(), true);
     for (const Emptied& e : kEmptied) {
         const QVariant value = row.value(QString::fromLatin1(e.keyword));
@@ -548,11 +541,11 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
             else
                 ds->insertEmptyElement(e.tag, true);
         } else {
-            const QByteArray bytes = encodeValue(value.toString(), codec);
+            const QByteArray bytes = encodeValue(value.toString(), charset, e.tag);
             ds->putAndInsertString(e.tag, bytes.constData(), true);
         }
     }
-    ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, codec).constData(), true);
+    ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, charset, DCM_PatientID).constData(), true);
     ds->putAndInsertString(DCM_StudyInstanceUID, studyUID.toLatin1().constData(), true);
     ds->putAndInsertString(DCM_SeriesInstanceUID, seriesUID.toLatin1().constData(), true);
 

@@ -28,9 +28,9 @@ class QSettings;
 //
 // What the mapping keeps of each attribute of the emptying table:
 //   - NULL when the file did not hold the attribute; restoring removes it again;
-//   - text attributes: the value as stored, decoded by the file's SpecificCharacterSet
-//     ("ISO_IR 192" UTF-8, "GB18030"/"GBK" GB18030, anything else Latin-1, which gives every
-//     byte back unchanged) and encoded the same way on restore;
+//   - text attributes: the value as stored, decoded by the file's SpecificCharacterSet (every
+//     character set DICOM defines; an unknown one as Latin-1, which gives every byte back
+//     unchanged) and encoded in the same set on restore;
 //   - sequences: the whole sequence with its items, encoded as Explicit VR Little Endian and
 //     written as base64 text, so restoring gives the items back.
 //

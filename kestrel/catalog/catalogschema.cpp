@@ -19,7 +19,7 @@ const TableColumns kTables[] = {
          "TypeOfPatientID OtherPatientNames EthnicGroup PatientComments PatientSpeciesDescription "
          "PatientSpeciesCodeSequence PatientBreedDescription PatientBreedCodeSequence BreedRegistrationSequence BreedRegistrationNumber "
          "BreedRegistryCodeSequence ResponsiblePerson ResponsiblePersonRole ResponsibleOrganization PatientIdentityRemoved "
-         "DeidentificationMethod DeidentificationMethodCodeSequence Status"},
+         "DeidentificationMethod DeidentificationMethodCodeSequence Status IssuerOfPatientID PatientKey"},
         {QStringLiteral("generalstudy"),
          "StudyInstanceUID StudyDate StudyTime ReferringPhysicianName ReferringPhysicianIdentificationSequence "
          "StudyID AccessionNumber IssuerOfAccessionNumberSequence StudyDescription PhysiciansOfRecord "
@@ -101,6 +101,13 @@ QStringList tables()
     QStringList names;
     for (const TableColumns& t : kTables)
         names << t.table;
+    return names;
+}
+
+const QStringList& displayTables()
+{
+    static const QStringList names{QStringLiteral("querypatientuser"), QStringLiteral("querygeneralstudyuser"),
+                                   QStringLiteral("querygeneralseriesuser"), QStringLiteral("queryimageformatuser")};
     return names;
 }
 

@@ -13,6 +13,10 @@ namespace kestrel::internal::schema {
 // Every table the library writes or reads by column, lower-case names.
 KESTREL_TEST_EXPORT QStringList tables();
 
+// The tables of the result view's column choices, patient, study, series and image level: one
+// row of 0/1 flags each, in the column order of their level's table.
+KESTREL_TEST_EXPORT const QStringList& displayTables();
+
 // Columns of TABLE in insert order, without `pk`; empty for an unknown table.
 KESTREL_TEST_EXPORT const QStringList& columns(const QString& table);
 

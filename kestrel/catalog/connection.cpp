@@ -1,11 +1,39 @@
 #include "catalog/connection_p.h"
 
+#include "catalog/statement_p.h"
+
 #include <QDebug>
 #include <QSqlError>
-#include <QSqlQuery>
 #include <QUuid>
 
 namespace kestrel::internal {
+
+QString catalogConnectOptions(const QString& driverName)
+{
+    if (driverName == QLatin1String("QSQLITE"))
+        return QStringLiteral("QSQLITE_BUSY_TIMEOUT=60000");
+    if (driverName == QLatin1String("QMYSQL"))
+        return QStringLiteral("MYSQL_OPT_CONNECT_TIMEOUT=5;MYSQL_OPT_READ_TIMEOUT=60;MYSQL_OPT_WRITE_TIMEOUT=60");
+    return QString();
+}
+
+Status prepareConnection(QSqlDatabase db)
+{
+    if (!db.isOpen())
+        return Status(Status::Unavailable, db.lastError().text());
+    if (db.driverName() == QLatin1String("QSQLITE")) {
+        // WAL is a property of the file: set once, kept by every later connection.
+        Statement(db, QStringLiteral("PRAGMA journal_mode=WAL"), Statement::Direct).run();
+        return Statement(db, QStringLiteral("PRAGMA synchronous=NORMAL"), Statement::Direct).run();
+    }
+    if (db.driverName() == QLatin1String("QMYSQL")) {
+        // Each statement sees what other workstations committed before it: an insert-or-look-up
+        // that finds its key taken then reads the row that won.
+        Statement(db, QStringLiteral("SET SESSION TRANSACTION ISOLATION LEVEL READ COMMITTED"), Statement::Direct).run();
+        return Statement(db, QStringLiteral("SET NAMES utf8mb4"), Statement::Direct).run();
+    }
+    return Status::ok();
+}
 
 QSqlDatabase cloneDefaultConnection()
 {
@@ -13,6 +41,8 @@ QSqlDatabase cloneDefaultConnection()
     QSqlDatabase db = QSqlDatabase::cloneDatabase(QLatin1String(QSqlDatabase::defaultConnection), name);
     if (!db.open())
         qWarning() << "cloneDefaultConnection: cannot open" << name << db.lastError().text();
+    else
+        prepareConnection(db);
     return db;
 }
 
@@ -32,17 +62,18 @@ bool reopenIfLost(QSqlDatabase db)
 {
     if (db.isOpen() && db.driverName() == QLatin1String("QMYSQL")) {
         // Qt keeps a connection "open" after the server dropped it; only a round trip tells.
-        bool alive = false;
-        {
-            QSqlQuery probe(db);
-            alive = probe.exec(QStringLiteral("SELECT 1"));
-        }
+        const bool alive = Statement(db, QStringLiteral("SELECT 1"), Statement::Direct).run().isOk();
         if (alive)
             return true;
         qWarning() << "reopenIfLost: the database server went away, reconnecting" << db.connectionName();
         db.close();
     }
-    return db.isOpen() || db.open();
+    if (db.isOpen())
+        return true;
+    if (!db.open())
+        return false;
+    prepareConnection(db);
+    return true;
 }
 
 } // namespace kestrel::internal

@@ -1,11 +1,22 @@
 #pragma once
 
+#include "platform/status_p.h"
 #include "platform/testexport_p.h"
 
 #include <QSqlDatabase>
 #include <QString>
 
 namespace kestrel::internal {
+
+// Connect options set before a catalogue connection opens: SQLite waits up to a minute for another
+// process's write instead of failing; MariaDB gives up connecting after a few seconds and on a
+// server that stops answering after a minute.
+KESTREL_TEST_EXPORT QString catalogConnectOptions(const QString& driverName);
+
+// Settings of a freshly opened catalogue connection: SQLite in write-ahead-log mode (readers never
+// wait for a writer), MariaDB talking utf8mb4 so that every character of a name arrives.
+KESTREL_TEST_EXPORT Status prepareConnection(QSqlDatabase db);
+
 
 // Clones the application's default connection under a fresh QUuid name and opens it. Works from
 // any thread (the clone is made by name). The caller owns the name and removes it with

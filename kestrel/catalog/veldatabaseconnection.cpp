@@ -1,16 +1,22 @@
 #include "veldatabaseconnection.h"
 
+#include "catalog/catalogupgrade_p.h"
+#include "catalog/connection_p.h"
+#include "catalog/statement_p.h"
 #include "kestrelpaths.h"
 #include "velmessageboxform.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlError>
-#include <QSqlQuery>
 #include <QTextStream>
 #include <QUuid>
+
+using kestrel::internal::Statement;
+using kestrel::internal::Status;
 
 namespace {
 
@@ -24,33 +30,54 @@ QString readWholeText(const QString& path)
     return in.readAll();
 }
 
+QString g_connectionError;
+
+QString scriptPath(const QString& name)
+{
+    return Kestrel::applicationDir() + QStringLiteral("/../database/") + name;
+}
+
 // Runs the SQLite schema piece by piece. A failing piece does not stop the others: the script
 // creates tables "IF NOT EXISTS", so a partly initialised catalogue is completed.
-void runSqliteSchema(QSqlQuery& query)
+Status runSqliteSchema(QSqlDatabase db)
 {
-    QFile script(Kestrel::applicationDir() + "/../database/vel-sqlite.sql");
+    QFile script(scriptPath(QStringLiteral("vel-sqlite.sql")));
     if (!script.open(QIODevice::ReadOnly | QIODevice::Text))
-        return;
+        return Status::failed(QStringLiteral("cannot read the schema script %1").arg(script.fileName()));
     QTextStream in(&script);
     in.setCodec("UTF-8");
     const QStringList pieces = in.readAll().split(QStringLiteral(";#"), Qt::SkipEmptyParts);
-    QString lastError;
+    Status last;
     for (const QString& piece : pieces) {
         if (piece.trimmed().isEmpty())
             continue;
-        if (!query.exec(piece))
-            lastError = query.lastError().text();
+        const Status status = Statement(db, piece, Statement::Direct).run(); // a failed piece is logged
+        if (!status)
+            last = status;
     }
-    Q_UNUSED(lastError)
+    return last;
+}
+
+// Runs the MySQL schema script as one multi-statement text on DB (whose schema is selected).
+Status runMySqlSchema(QSqlDatabase db, const QString& prefix = QString())
+{
+    const QString script = readWholeText(scriptPath(QStringLiteral("vel.sql")));
+    if (script.isEmpty())
+        return Status::failed(QStringLiteral("cannot read the schema script %1").arg(scriptPath(QStringLiteral("vel.sql"))));
+    Statement statements(db, prefix + script, Statement::Direct);
+    const Status status = statements.run();
+    // The server runs the statements one after the other while their results are read: drain
+    // them all before closing, or the tables after the first few are never made.
+    statements.drainResults();
+    statements.finish();
+    return status;
 }
 
 // Logs into the server's existing database ("defaultName") and creates the application's schema
 // from vel.sql in one multi-statement text.
-bool createMySqlDatabase()
+bool createMySqlDatabase(const QString& profile)
 {
     QSettings settings(Kestrel::configFilePath("database.ini"), QSettings::IniFormat);
-    const QString profile = settings.value("currentdatabase/dbname").toString();
-    const QString script = readWholeText(Kestrel::applicationDir() + "/../database/vel.sql");
     const QString connectionName = QUuid::createUuid().toString();
     bool created = false;
     {
@@ -60,23 +87,23 @@ bool createMySqlDatabase()
         db.setDatabaseName(settings.value(QString("%1/defaultName").arg(profile)).toString());
         db.setUserName(settings.value(QString("%1/userName").arg(profile)).toString());
         db.setPassword(settings.value(QString("%1/password").arg(profile)).toString());
+        db.setConnectOptions(kestrel::internal::catalogConnectOptions(db.driverName()));
         if (db.open()) {
+            kestrel::internal::prepareConnection(db);
             const QString schema = settings.value(QString("%1/databaseName").arg(profile)).toString();
-            QString text = QString("CREATE DATABASE IF NOT EXISTS `%1` DEFAULT CHARACTER SET utf8 COLLATE "
-                                   "utf8_general_ci;USE `%1`;")
-                               .arg(schema);
-            text += script;
-            QSqlQuery query(db);
-            query.exec(text);
-            // The server runs the statements one after the other while their results are read:
-            // drain them all before closing, or the tables after the first few are never made.
-            while (query.nextResult()) {
-            }
-            query.finish();
+            const Status status = runMySqlSchema(
+                db, QString("CREATE DATABASE IF NOT EXISTS `%1` DEFAULT CHARACTER SET utf8mb4 COLLATE "
+                            "utf8mb4_general_ci;USE `%1`;")
+                        .arg(schema));
+            if (status)
+                created = true;
+            else
+                g_connectionError = QStringLiteral("cannot create the catalogue %1 on %2: %3")
+                                        .arg(schema, db.hostName(), status.text());
             db.close();
-            created = true;
         } else {
             const QString error = QString::fromLocal8Bit(db.lastError().text().toLocal8Bit());
+            g_connectionError = QStringLiteral("cannot connect to %1 as %2: %3").arg(db.hostName(), db.userName(), error);
             velMessageBoxForm::critical(nullptr, "Cannot open database", error, 1, 1);
         }
     }
@@ -88,32 +115,83 @@ bool createMySqlDatabase()
 
 bool createConnection()
 {
+    g_connectionError.clear();
     QSettings settings(Kestrel::configFilePath("database.ini"), QSettings::IniFormat);
     const QString profile = settings.value("currentdatabase/dbname", "orvena").toString();
     const QString type = settings.value(profile + "/databaseType", "QMYSQL").toString();
+    const bool sqlite = type == QLatin1String("QSQLITE");
 
     QSqlDatabase db = QSqlDatabase::addDatabase(type, QLatin1String(QSqlDatabase::defaultConnection));
     db.setHostName(settings.value(profile + "/hostName", "localhost").toString());
     const QString name = settings.value(profile + "/databaseName", "orvena").toString();
-    db.setDatabaseName(type == QLatin1String("QSQLITE") ? Kestrel::applicationDir() + "/" + name : name);
+    // An SQLite file named relative to the program's folder, or by its absolute path.
+    db.setDatabaseName(sqlite && QDir::isRelativePath(name) ? Kestrel::applicationDir() + "/" + name : name);
     db.setUserName(settings.value(profile + "/userName", "root").toString());
     db.setPassword(settings.value(profile + "/password", "").toString());
+    db.setConnectOptions(kestrel::internal::catalogConnectOptions(type));
 
     if (!db.open()) {
-        const QString error = db.lastError().text();
-        Q_UNUSED(error)
-        return createMySqlDatabase();
+        if (sqlite) {
+            g_connectionError = QStringLiteral("cannot open the SQLite catalogue %1: %2")
+                                    .arg(QDir::cleanPath(db.databaseName()), db.lastError().text());
+            return false;
+        }
+        // The schema does not exist yet: made from vel.sql, and the caller connects again.
+        return createMySqlDatabase(profile);
     }
+    kestrel::internal::prepareConnection(db);
 
-    QSqlQuery query(db);
-    if (query.exec("select pk from patientuser"))
-        return true;
-    if (query.isValid())
-        return true;
-    // The tables are missing: the SQLite script is run whatever the driver, as the application
-    // has always done for a fresh catalogue.
-    runSqliteSchema(query);
+    if (!Statement(db, QStringLiteral("select pk from patientuser"), Statement::Direct).run()) {
+        // The tables are missing (a new SQLite file, or a schema a database administrator created
+        // empty): made by the script of this driver.
+        const Status made = sqlite ? runSqliteSchema(db) : runMySqlSchema(db);
+        if (!Statement(db, QStringLiteral("select pk from patientuser"), Statement::Direct).run()) {
+            g_connectionError = QStringLiteral("cannot create the catalogue's tables in %1: %2")
+                                    .arg(QDir::cleanPath(db.databaseName()), made.text());
+            return false;
+        }
+    }
+    const Status upgraded = kestrel::internal::upgradeCatalog(db);
+    if (!upgraded) {
+        g_connectionError = upgraded.text();
+        return false;
+    }
     return true;
+}
+
+QString getConnectionError()
+{
+    return g_connectionError;
+}
+
+QList<qint64> getPatientKeys()
+{
+    QList<qint64> keys;
+    Statement query(QSqlDatabase::database(), QStringLiteral("SELECT pk FROM patient ORDER BY pk"));
+    if (query.run())
+        while (query.next())
+            keys << query.get<qint64>(0);
+    return keys;
+}
+
+qint64 getSeriesKey(const QString& seriesUID)
+{
+    return kestrel::internal::selectValue<qint64>(QSqlDatabase::database(),
+                                                  QStringLiteral("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?"),
+                                                  {seriesUID}, -1);
+}
+
+int getStoredSearchCount(const QString& name)
+{
+    return kestrel::internal::selectValue<int>(QSqlDatabase::database(),
+                                               QStringLiteral("SELECT COUNT(*) FROM andvancequiry WHERE InquiryName = ?"), {name}, -1);
+}
+
+int getImportedImageCount(const QString& seriesUID)
+{
+    return kestrel::internal::selectValue<int>(QSqlDatabase::database(),
+                                               QStringLiteral("SELECT COUNT(*) FROM images WHERE seriesUID = ? AND DBflag = 1"),
+                                               {seriesUID}, 0);
 }
 
 VelDatabaseConnection::VelDatabaseConnection(QObject* parent)

@@ -1,15 +1,17 @@
 #include "dicom/dcmvalues_p.h"
 
+#include "dicom/dicomtext_p.h"
+
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcerror.h>
 #include <dcmtk/dcmdata/dcitem.h>
 #include <dcmtk/dcmdata/dcrledrg.h>
+#include <dcmtk/dcmdata/dctag.h>
 #include <dcmtk/dcmjpeg/djdecode.h>
 #include <dcmtk/dcmjpls/djdecode.h>
 
 #include <QStringList>
-#include <QTextCodec>
 
 namespace kestrel::internal {
 
@@ -87,37 +89,32 @@ QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag)
     return splitDoubles(dcmStringAll(item, tag));
 }
 
-QTextCodec* dicomTextCodec(const QString& specificCharacterSet)
+bool dcmIsPersonName(const DcmTagKey& tag)
 {
-    const QString charset = specificCharacterSet.trimmed().toUpper();
-    if (charset == QLatin1String("ISO_IR 100"))
-        return QTextCodec::codecForName("ISO-8859-1");
-    if (charset == QLatin1String("ISO_IR 192"))
-        return QTextCodec::codecForName("UTF-8");
-    if (charset == QLatin1String("GB18030") || charset == QLatin1String("GBK"))
-        return QTextCodec::codecForName("GB18030");
-    return nullptr;
+    return DcmTag(tag).getEVR() == EVR_PN;
 }
 
-QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet)
+QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet, bool personName)
 {
-    QTextCodec* codec = dicomTextCodec(specificCharacterSet);
-    return codec ? codec->toUnicode(bytes) : QString::fromUtf8(bytes);
+    return DicomCharset(specificCharacterSet).decode(bytes, personName);
 }
 
 QString dcmCharacterSet(DcmItem* item)
 {
-    const QStringList values = dcmStringAll(item, DCM_SpecificCharacterSet).split('\\');
-    for (int i = values.size() - 1; i >= 0; --i) {
-        if (!values.at(i).trimmed().isEmpty())
-            return values.at(i).trimmed();
+    for (DcmItem* at = item; at; at = at->getParentItem()) {
+        if (!at->tagExists(DCM_SpecificCharacterSet))
+            continue;
+        QStringList values = dcmStringAll(at, DCM_SpecificCharacterSet).split('\\');
+        for (QString& value : values)
+            value = value.trimmed();
+        return values.join('\\');
     }
     return QString();
 }
 
 QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
 {
-    return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item));
+    return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item), dcmIsPersonName(tag));
 }
 
 void registerDecoders()

@@ -11,7 +11,6 @@
 class DcmItem;
 class DcmTagKey;
 class OFCondition;
-class QTextCodec;
 
 // Small readers over DCMTK's findAndGet* calls, used by every class that reads attributes.
 // A missing attribute gives the fallback; nothing throws.
@@ -38,16 +37,17 @@ KESTREL_TEST_EXPORT double dcmDouble(DcmItem* item, const DcmTagKey& tag, double
 KESTREL_TEST_EXPORT QVector<double> splitDoubles(const QString& text);
 KESTREL_TEST_EXPORT QVector<double> dcmDoubles(DcmItem* item, const DcmTagKey& tag);
 
-// The codec of a SpecificCharacterSet value: "ISO_IR 100" Latin-1, "ISO_IR 192" UTF-8, "GB18030"
-// (and "GBK") GB18030; null for anything else, where each caller has its own fallback. Never the
-// process's locale codec.
-KESTREL_TEST_EXPORT QTextCodec* dicomTextCodec(const QString& specificCharacterSet);
+// True when the attribute is a person name (PN), whose components reset the character set.
+KESTREL_TEST_EXPORT bool dcmIsPersonName(const DcmTagKey& tag);
 
-// Text decoded by a SpecificCharacterSet value (dicomTextCodec), anything else as the bytes are
-// (UTF-8).
-KESTREL_TEST_EXPORT QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet);
+// Text decoded by a SpecificCharacterSet value, all its values with their "\" separators
+// (DicomCharset; an unknown set or invalid bytes give Latin-1).
+KESTREL_TEST_EXPORT QString decodeDicomText(const QByteArray& bytes, const QString& specificCharacterSet,
+                                            bool personName = false);
 
-// The item's SpecificCharacterSet (0008,0005), its last non-empty value, trimmed.
+// The SpecificCharacterSet (0008,0005) that applies to the item, all its values trimmed and
+// joined by "\": the item's own, else that of the nearest item around it (an item of a sequence
+// inherits its data set's).
 KESTREL_TEST_EXPORT QString dcmCharacterSet(DcmItem* item);
 
 // A person name (or any text attribute) decoded by the item's SpecificCharacterSet.

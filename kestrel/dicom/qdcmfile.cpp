@@ -2,6 +2,7 @@
 
 #include "dicom/qdcmdump.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -45,7 +46,7 @@ bool QDcmFile::loadhead(const char* path, bool release)
 
     DcmDataset* dataset = m_fileFormat->getDataset();
     if (dcmHas(dataset, DCM_PatientName)) {
-        m_patientName = dcmString(dataset, DCM_PatientName);
+        m_patientName = dcmDecodedString(dataset, DCM_PatientName);
         emit patientNameChanged();
     }
     if (dcmHas(dataset, DCM_SeriesInstanceUID))
@@ -128,7 +129,11 @@ void QDcmFile::dumpFile(QString file, QString& out)
     char* argv[] = {program.data(), encoded.data(), nullptr};
     std::ostringstream text;
     dumfile_main(2, argv, text);
-    out = QString::fromStdString(text.str());
+    // The dump prints values as their bytes are, in the file's character set. Text that is not
+    // UTF-8 keeps its bytes as Latin-1 characters, so that nothing is replaced.
+    const std::string bytes = text.str();
+    const int size = int(bytes.size());
+    out = isValidUtf8(bytes.data(), size) ? QString::fromUtf8(bytes.data(), size) : QString::fromLatin1(bytes.data(), size);
 }
 
 bool QDcmFile::initDB(QString)

@@ -1,8 +1,9 @@
 #include "hierarchy/hierarchy_p.h"
 
+#include "catalog/catalogschema_p.h"
+
 #include <QHash>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 
 namespace kestrel::internal {
@@ -24,8 +25,7 @@ QVector<double> parseMultiValue(const QString& text)
     return values;
 }
 
-QStringList cachedColumnNames(const QString& level, const QString& schema, const QString& mysqlQuery,
-                              const QStringList& sqliteQueries)
+QStringList cachedColumnNames(const QString& level, const QString& schema, const QStringList& tables)
 {
     // Filled without locking: the hierarchy lives on the thread of the default connection.
     static QHash<QString, QStringList> cache;
@@ -36,25 +36,39 @@ QStringList cachedColumnNames(const QString& level, const QString& schema, const
         return *it;
 
     QStringList names;
-    {
-        QSqlQuery query(db);
-        query.setForwardOnly(true);
-        if (query.exec(mysqlQuery.arg(schema)))
-            while (query.next())
-                names << query.value(0).toString();
-    }
-    if (names.isEmpty()) {
-        for (const QString& pragma : sqliteQueries) {
-            QSqlQuery query(db);
-            query.setForwardOnly(true);
-            if (query.exec(pragma))
+    const QStringList known = schema::tables();
+    if (db.driverName() == QLatin1String("QSQLITE")) {
+        for (const QString& table : tables) {
+            if (!known.contains(table))
+                continue;
+            Statement query(db, QStringLiteral("PRAGMA table_info([%1])").arg(table));
+            if (query.run())
                 while (query.next())
-                    names << query.value(1).toString();
+                    names << query.get<QString>(1);
         }
+    } else {
+        QStringList markers;
+        for (int i = 0; i < tables.size(); ++i)
+            markers << QStringLiteral("table_Name = ?");
+        Statement query(db, QStringLiteral("select column_name from Information_schema.columns where table_schema = ? and (%1)")
+                                    .arg(markers.join(QLatin1String(" or "))));
+        query.bind(schema).bindAll(QVariantList(tables.cbegin(), tables.cend()));
+        if (query.run())
+            while (query.next())
+                names << query.get<QString>(0);
     }
     if (!names.isEmpty())
         cache.insert(key, names);
     return names;
+}
+
+void forEachRow(const QString& sql, const QVariantList& values, const std::function<void(const Statement&)>& row)
+{
+    Statement query(QSqlDatabase::database(), sql);
+    if (!query.bindAll(values).run())
+        return;
+    while (query.next())
+        row(query);
 }
 
 } // namespace kestrel::internal

@@ -7,7 +7,6 @@
 #include "qseries.h"
 
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 
 using namespace kestrel::internal;
@@ -31,10 +30,7 @@ QInstance::~QInstance() = default;
 QStringList QInstance::getColumnName()
 {
     return cachedColumnNames(QStringLiteral("image"), QPatient::getDatabBaseName(),
-                             QStringLiteral("select column_name from Information_schema.columns where table_schema = '%1'"
-                                            "and (table_Name = 'imageformat' or table_Name = 'imagepixel' or table_Name = 'mrimageinfo')"),
-                             {QStringLiteral("PRAGMA table_info([imageformat])"), QStringLiteral("PRAGMA table_info([imagepixel])"),
-                              QStringLiteral("PRAGMA table_info([mrimageinfo])")});
+                             {QStringLiteral("imageformat"), QStringLiteral("imagepixel"), QStringLiteral("mrimageinfo")});
 }
 
 QSeries* QInstance::getSeries() const
@@ -102,14 +98,9 @@ void QInstance::searchInstanceInfo()
         "imagepixel.SamplesPerPixel,imagepixel.PhotometricInterpretation,mrimageinfo.RepetitionTime,mrimageinfo.EchoTime,"
         "mrimageinfo.MagneticFieldStrength,mrimageinfo.EchoNumbers,mrimageinfo.FlipAngle,mrimageinfo.SOPInstanceUID "
         "from imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID  = imagepixel.SOPInstanceUID and "
-        "imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=")
-        + QLatin1Char('\'') + QString::number(m_instancePK) + QLatin1Char('\'')
-        + QStringLiteral(" ORDER BY `imageformat`.`InstanceNumber` ASC");
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(sql))
-        return;
-    while (query.next()) {
+        "imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=? "
+        "ORDER BY `imageformat`.`InstanceNumber` ASC");
+    forEachRow(sql, {m_instancePK}, [this](const Statement& query) {
         setAcquisitionTime(query.value(0).toString());
         setSOPInstanceUID(query.value(2).toString());
         setImageType(query.value(3).toString());
@@ -127,23 +118,19 @@ void QInstance::searchInstanceInfo()
         setMagneticFieldStrength(query.value(16).toString());
         setEchoNumbers(query.value(17).toInt());
         setFlipAngle(query.value(18).toString());
-    }
+    });
 }
 
 void QInstance::searchInstanceAllInfo()
 {
     const QString sql = QStringLiteral(
         "SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = imagepixel.SOPInstanceUID "
-        "and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=")
-        + QString::number(m_instancePK);
+        "and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and imageformat.pk=?");
     const QStringList names = getColumnName();
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(sql))
-        return;
-    while (query.next())
+    forEachRow(sql, {m_instancePK}, [&](const Statement& row) {
         for (int i = 0; i < names.size(); ++i)
-            m_allInfo.insert(names[i], query.value(i).toString());
+            m_allInfo.insert(names[i], row.value(i).toString());
+    });
 }
 
 QString QInstance::getMarkerIdFromString(QString marker)

@@ -8,7 +8,6 @@
 #include <QHash>
 #include <QSettings>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 #include <QtDebug>
 
@@ -45,10 +44,7 @@ QString QPatient::getDatabBaseName()
 
 QStringList QPatient::getColumnName()
 {
-    return cachedColumnNames(QStringLiteral("patient"), getDatabBaseName(),
-                             QStringLiteral("select column_name from Information_schema.columns where table_Name = "
-                                            "'patient' and table_schema = '%1'"),
-                             {QStringLiteral("PRAGMA table_info([patient])")});
+    return cachedColumnNames(QStringLiteral("patient"), getDatabBaseName(), {QStringLiteral("patient")});
 }
 
 QList<QSeries*> QPatient::getSeries() const
@@ -88,28 +84,22 @@ void QPatient::addStudy(QStudy* study)
 
 void QPatient::searchPatientInfo()
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(QStringLiteral("SELECT pk,PatientName,PatientID FROM patient WHERE pk= %1").arg(m_patientPK)))
-        return;
-    while (query.next()) {
-        m_patientName = query.value(1).toString();
-        // The ID is kept as a number: a non-numeric PatientID reads as 0, which the application's
-        // patient views expect.
-        m_patientID = query.value(2).toInt();
-    }
+    forEachRow(QStringLiteral("SELECT pk,PatientName,PatientID FROM patient WHERE pk= ?"), {m_patientPK},
+               [this](const Statement& row) {
+                   m_patientName = row.value(1).toString();
+                   // The ID is kept as a number: a non-numeric PatientID reads as 0, which the
+                   // application's patient views expect.
+                   m_patientID = row.value(2).toInt();
+               });
 }
 
 void QPatient::searchPatientAllInfo()
 {
     const QStringList names = getColumnName();
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(QStringLiteral("SELECT * FROM patient WHERE pk= %1").arg(m_patientPK)))
-        return;
-    while (query.next())
+    forEachRow(QStringLiteral("SELECT * FROM patient WHERE pk= ?"), {m_patientPK}, [&](const Statement& row) {
         for (int i = 0; i < names.size(); ++i)
-            m_allInfo.insert(names[i], query.value(i).toString());
+            m_allInfo.insert(names[i], row.value(i).toString());
+    });
 }
 
 void QPatient::searchAllInfo()
@@ -121,20 +111,15 @@ void QPatient::searchAllInfo()
 
 void QPatient::searchStudys()
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (query.exec(QStringLiteral("SELECT pk,StudyID,StudyInstanceUID,StudyDescription FROM generalstudy WHERE "
-                                  "patient_fk= %1 ")
-                       .arg(m_patientPK))) {
-        while (query.next()) {
-            auto* study = new QStudy(query.value(0).toLongLong(), this);
-            study->setPatientFK(m_patientPK);
-            study->setStudyID(query.value(1).toInt());
-            study->setStudyUID(query.value(2).toString());
-            study->setStudyDescription(query.value(3).toString());
-            m_studys.append(study);
-        }
-    }
+    forEachRow(QStringLiteral("SELECT pk,StudyID,StudyInstanceUID,StudyDescription FROM generalstudy WHERE patient_fk= ? "),
+               {m_patientPK}, [this](const Statement& row) {
+                   auto* study = new QStudy(row.value(0).toLongLong(), this);
+                   study->setPatientFK(m_patientPK);
+                   study->setStudyID(row.value(1).toInt());
+                   study->setStudyUID(row.value(2).toString());
+                   study->setStudyDescription(row.value(3).toString());
+                   m_studys.append(study);
+               });
     for (QStudy* study : qAsConst(m_studys))
         study->searchSeries();
 }

@@ -5,10 +5,18 @@
 #include "qseries.h"
 #include "qstudy.h"
 
+#include "catalog/catalogschema_p.h"
+#include "catalog/statement_p.h"
+#include "hierarchy/storedsearch_p.h"
+
+#include <QHash>
+#include <QPair>
 #include <QSqlDatabase>
-#include <QSqlQuery>
-#include <QVariant>
 #include <QSqlRecord>
+#include <QVariant>
+#include <QtDebug>
+
+using namespace kestrel::internal;
 
 QPatients::QPatients(QObject* parent)
     : QObject(parent)
@@ -21,148 +29,125 @@ QPatients::~QPatients() = default;
 void QPatients::advanceQueryByName(QString queryname)
 {
     m_queryName = queryname;
-    QSqlDatabase db = QSqlDatabase::database();
-    QStringList tables, columns, operators, values, connectors, kinds;
-    bool imageLevel = false;
-    {
-        QSqlQuery query(db);
-        query.setForwardOnly(true);
-        query.prepare(QStringLiteral("SELECT * FROM andvancequiry WHERE InquiryName = ? "));
-        query.addBindValue(queryname);
-        if (query.exec()) {
-            while (query.next()) {
-                tables << query.value(3).toString();
-                columns << query.value(4).toString();
-                operators << query.value(5).toString();
-                values << query.value(6).toString();
-                // An empty value is followed by "NULL" in the value list, so the conditions after
-                // it take their values one place further on; stored searches are written for
-                // this layout and depend on it.
-                if (query.value(6).toString().isEmpty())
-                    values << QStringLiteral("NULL");
-                connectors << query.value(7).toString();
-                kinds << query.value(8).toString();
-                if (query.value(3).toString() == QLatin1String("imageformat"))
-                    imageLevel = true;
-            }
-        }
+    m_queryString.clear();
+    QList<SearchCondition> conditions;
+    Status status = readStoredSearch(QSqlDatabase::database(), queryname, &conditions);
+    if (!status) {
+        m_lastError = status.text();
+        qWarning().noquote() << m_lastError;
+        return;
     }
+    const bool images = searchesImages(conditions);
+    m_lastError = readColumnChoices(images);
+    SearchStatement statement;
+    if (m_lastError.isEmpty()) {
+        const QStringList titles[4] = {m_patientTitles, m_studyTitles, m_seriesTitles, m_imageTitles};
+        status = buildStoredSearch(titles, images, conditions, &statement);
+        m_lastError = status.text();
+    }
+    if (m_lastError.isEmpty()) {
+        m_queryString = statement.text;
+        m_lastError = runSearch(statement.sql, statement.values, false);
+    }
+    if (!m_lastError.isEmpty()) {
+        m_lastError = QStringLiteral("stored search \"%1\": %2").arg(queryname, m_lastError);
+        qWarning().noquote() << m_lastError;
+    }
+}
 
-    const QString displayTables[4] = {QStringLiteral("querypatientuser"), QStringLiteral("querygeneralstudyuser"),
-                                      QStringLiteral("querygeneralseriesuser"), QStringLiteral("queryimageformatuser")};
+// The column choices of each level: every column flagged 1 in the first row of its display table,
+// the key (first column) always, its flag only saying whether it is shown. The last column names
+// the row's owner and is never a choice. An error text, empty when read.
+QString QPatients::readColumnChoices(bool images)
+{
+    QSqlDatabase db = QSqlDatabase::database();
+    const QStringList& displayTables = schema::displayTables();
     QStringList* titles[4] = {&m_patientTitles, &m_studyTitles, &m_seriesTitles, &m_imageTitles};
     bool* keyHidden[3] = {&m_patientKeyHidden, &m_studyKeyHidden, &m_seriesKeyHidden};
     for (int level = 0; level < 4; ++level) {
         const QSqlRecord names = db.record(displayTables[level]);
-        QSqlQuery flags(db);
-        flags.setForwardOnly(true);
-        const bool hasRow = flags.exec(QStringLiteral("SELECT * FROM %1").arg(displayTables[level])) && flags.next();
-        // The last column (the owner of the row) is never a display choice.
+        if (names.isEmpty())
+            return QStringLiteral("the catalogue has no table %1").arg(displayTables[level]);
+        Statement flags(db, QStringLiteral("SELECT * FROM %1").arg(displayTables[level]));
+        if (const Status status = flags.run(); !status)
+            return status.text();
+        const bool hasRow = flags.next();
         for (int c = 0; c < names.count() - 1; ++c) {
             const int f = hasRow ? flags.value(c).toInt() : 0;
-            if ((f == 1 || c == 0) && (level < 3 || imageLevel))
+            if ((f == 1 || c == 0) && (level < 3 || images))
                 titles[level]->append(names.fieldName(c));
             if (f == 0 && c == 0 && level < 3)
                 *keyHidden[level] = true;
         }
     }
-
-    QString sql = QStringLiteral("SELECT ");
-    for (int i = 0; i < m_patientTitles.size(); ++i)
-        sql += (i == 0 ? QStringLiteral("patient.%1") : QStringLiteral(",patient.%1")).arg(m_patientTitles[i]);
-    for (const QString& title : qAsConst(m_studyTitles))
-        sql += QStringLiteral(",generalstudy.%1").arg(title);
-    for (const QString& title : qAsConst(m_seriesTitles))
-        sql += QStringLiteral(",generalseries.%1").arg(title);
-    if (imageLevel)
-        for (const QString& title : qAsConst(m_imageTitles))
-            sql += QStringLiteral(",imageformat.%1").arg(title);
-    if (imageLevel)
-        sql += QStringLiteral(" FROM patient inner join generalstudy inner join generalseries inner join imageformat WHERE "
-                              "patient.pk=generalstudy.patient_fk and generalstudy.pk=generalseries.study_fk and "
-                              "generalseries.pk=imageformat.series_fk and (");
-    else
-        sql += QStringLiteral(" FROM patient inner join generalstudy inner join generalseries WHERE "
-                              "patient.pk=generalstudy.patient_fk and generalstudy.pk=generalseries.study_fk and (");
-
-    // Stored conditions are pasted in as the search dialog wrote them.
-    const int n = tables.size();
-    for (int i = 0; i < n; ++i) {
-        const bool last = i == n - 1;
-        const QString value = values.value(i);
-        if (kinds[i] == QLatin1String("Precise")) {
-            if (!last)
-                sql += QStringLiteral("%1.%2 %3 '%4' %5 ").arg(tables[i], columns[i], operators[i], value, connectors[i]);
-            else
-                sql += QStringLiteral("%1.%2 %3 '%4')").arg(tables[i], columns[i], operators[i], value);
-        } else {
-            const QString head = QStringLiteral("%1.%2 like '%").arg(tables[i], columns[i]);
-            if (!last)
-                sql += head + value + QStringLiteral("%' ") + connectors[i] + QLatin1Char(' ');
-            else
-                sql += head + value + QStringLiteral("%')");
-        }
-    }
-    advanceQuery(sql);
+    return QString();
 }
 
 void QPatients::advanceQuery(QString querystring)
 {
     m_queryString = querystring;
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(querystring))
-        return;
+    // The caller's own SELECT, run as it stands.
+    m_lastError = runSearch(querystring, {}, true);
+}
+
+// Runs SQL and adds its rows to the tree. Column blocks: the patient titles from 0, then the
+// study, series and image titles, each block led by its level's key. Each key makes one object
+// under its parent, wherever its rows come in the result. An error text, empty when it ran.
+QString QPatients::runSearch(const QString& sql, const QVariantList& values, bool direct)
+{
+    Statement query(QSqlDatabase::database(), sql, direct ? Statement::Direct : Statement::Prepared);
+    if (const Status status = query.bindAll(values).run(); !status)
+        return status.text();
     const int P = m_patientTitles.size();
     const int S = m_studyTitles.size();
     const int R = m_seriesTitles.size();
     const bool images = !m_imageTitles.isEmpty();
-    // Keys are compared as 32-bit values, as the result views hold them.
-    int lastPatient = -1, lastStudy = -1, lastSeries = -1, lastImage = -1;
-    QPatient* patient = nullptr;
-    QStudy* study = nullptr;
-    QSeries* series = nullptr;
+    QHash<QPair<QObject*, qint64>, QObject*> made;
+    // The object of KEY under PARENT, made by MAKE the first time.
+    auto once = [&made](QObject* parent, qint64 key, const auto& make) {
+        QObject*& object = made[qMakePair(parent, key)];
+        if (!object)
+            object = make();
+        return object;
+    };
+    // Dynamic properties from the columns of one block.
+    auto fill = [&query](QObject* object, const QStringList& titles, int first) {
+        for (int i = 0; i < titles.size(); ++i)
+            object->setProperty(titles[i].toUtf8().constData(), query.value(first + i));
+    };
     while (query.next()) {
-        const int patientKey = int(query.value(0).toLongLong());
-        if (patientKey != lastPatient || !patient) {
-            patient = new QPatient(this);
-            patient->setPatientPK(query.value(0).toLongLong());
-            patient->setPatientName(query.value(1).toString());
-            for (int i = 0; i < P; ++i)
-                patient->setProperty(m_patientTitles[i].toUtf8().constData(), query.value(i));
-            m_patients.append(patient);
-            lastPatient = patientKey;
-        }
-        const int studyKey = int(query.value(P).toLongLong());
-        if (studyKey != lastStudy || !study) {
-            study = new QStudy(patient);
-            study->setStudyPK(query.value(P).toLongLong());
-            for (int i = 0; i < S; ++i)
-                study->setProperty(m_studyTitles[i].toUtf8().constData(), query.value(P + i));
-            m_studies.append(study);
-            patient->addStudy(study);
-            lastStudy = studyKey;
-        }
-        const int seriesKey = int(query.value(P + S).toLongLong());
-        if (seriesKey != lastSeries || !series) {
-            series = new QSeries(study);
-            series->setSeriesPK(query.value(P + S).toLongLong());
-            for (int i = 0; i < R; ++i)
-                series->setProperty(m_seriesTitles[i].toUtf8().constData(), query.value(P + S + i));
-            m_series.append(series);
-            study->addSeries(series);
-            lastSeries = seriesKey;
-        }
-        if (images) {
-            const int imageKey = int(query.value(P + S + R).toLongLong());
-            if (imageKey != lastImage) {
-                auto* instance = new QInstance(series);
-                for (int i = 0; i < m_imageTitles.size(); ++i)
-                    instance->setProperty(m_imageTitles[i].toUtf8().constData(), query.value(P + S + R + i));
-                m_instances.append(instance);
-                series->addInstance(instance);
-                lastImage = imageKey;
-            }
-        }
+        auto* patient = static_cast<QPatient*>(once(this, query.get<qint64>(0), [&]() {
+            auto* item = new QPatient(this);
+            item->setPatientPK(query.get<qint64>(0));
+            item->setPatientName(query.get<QString>(1));
+            fill(item, m_patientTitles, 0);
+            m_patients.append(item);
+            return item;
+        }));
+        auto* study = static_cast<QStudy*>(once(patient, query.get<qint64>(P), [&]() {
+            auto* item = new QStudy(patient);
+            item->setStudyPK(query.get<qint64>(P));
+            fill(item, m_studyTitles, P);
+            m_studies.append(item);
+            patient->addStudy(item);
+            return item;
+        }));
+        auto* series = static_cast<QSeries*>(once(study, query.get<qint64>(P + S), [&]() {
+            auto* item = new QSeries(study);
+            item->setSeriesPK(query.get<qint64>(P + S));
+            fill(item, m_seriesTitles, P + S);
+            m_series.append(item);
+            study->addSeries(item);
+            return item;
+        }));
+        if (images)
+            once(series, query.get<qint64>(P + S + R), [&]() {
+                auto* item = new QInstance(series);
+                fill(item, m_imageTitles, P + S + R);
+                m_instances.append(item);
+                series->addInstance(item);
+                return item;
+            });
     }
+    return QString();
 }

@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QVariantList>
 
 class QInstance;
 class QPatient;
@@ -13,8 +14,9 @@ class QSeries;
 class QStudy;
 
 // Answers a stored advanced search over the whole catalogue: builds one joined SELECT from the
-// conditions of `andvancequiry` and the display tables `query*user`, runs it and turns the flat
-// result into a tree of QPatient/QStudy/QSeries/QInstance whose dynamic properties hold the
+// conditions of `andvancequiry` (values bound, names checked against the catalogue's columns) and
+// the display tables `query*user`, runs it and turns the result into a tree of
+// QPatient/QStudy/QSeries/QInstance, one object per key, whose dynamic properties hold the
 // selected columns.
 class KESTREL_EXPORT QPatients : public QObject
 {
@@ -38,14 +40,22 @@ public:
     bool getPaPK() const { return m_patientKeyHidden; }
     bool getStPK() const { return m_studyKeyHidden; }
     bool getSePK() const { return m_seriesKeyHidden; }
-    // The last statement built by advanceQueryByName (or given to advanceQuery).
+    // The last statement as people read it: the one given to advanceQuery, or the one built by
+    // advanceQueryByName with its values written in quotes (it runs with them bound); empty when
+    // the stored search could not be built.
     QString getQueryString() const { return m_queryString; }
+    // Why the last search failed (a stored condition that cannot be used, the driver's text of a
+    // failed statement); empty when it ran.
+    QString lastError() const { return m_lastError; }
 
 public slots:
     void advanceQueryByName(QString queryname);
     void advanceQuery(QString querystring);
 
 private:
+    QString readColumnChoices(bool images);
+    QString runSearch(const QString& sql, const QVariantList& values, bool direct);
+
     QList<QPatient*> m_patients;
     QList<QStudy*> m_studies;
     QList<QSeries*> m_series;
@@ -56,6 +66,7 @@ private:
     QStringList m_imageTitles;
     QString m_queryString;
     QString m_queryName;
+    QString m_lastError;
     bool m_patientKeyHidden = false;
     bool m_studyKeyHidden = false;
     bool m_seriesKeyHidden = false;

@@ -10,7 +10,6 @@
 #include <QHash>
 #include <QMessageLogger>
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 
 #include <cmath>
@@ -19,14 +18,6 @@
 using namespace kestrel::internal;
 
 namespace {
-
-QSqlQuery runQuery(const QString& sql, bool* ok)
-{
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    *ok = query.exec(sql);
-    return query;
-}
 
 // The geometry of INSTANCES for the slice stack, keyed by list index.
 std::vector<geometry::StackImage> stackImages(const QList<QInstance*>& instances)
@@ -75,10 +66,7 @@ QSeries::~QSeries() = default;
 
 QStringList QSeries::getColumnName()
 {
-    return cachedColumnNames(QStringLiteral("generalseries"), QPatient::getDatabBaseName(),
-                             QStringLiteral("select column_name from Information_schema.columns where table_Name = "
-                                            "'generalseries'and table_schema = '%1'"),
-                             {QStringLiteral("PRAGMA table_info([generalseries])")});
+    return cachedColumnNames(QStringLiteral("generalseries"), QPatient::getDatabBaseName(), {QStringLiteral("generalseries")});
 }
 
 QStudy* QSeries::getStudy() const
@@ -107,29 +95,25 @@ void QSeries::addInstance(QInstance* instance)
 
 void QSeries::searchSeriesInfo()
 {
-    bool ok = false;
-    QSqlQuery query = runQuery(QStringLiteral("SELECT pk,study_fk,SeriesInstanceUID,SeriesDescription,SeriesNumber,"
-                                              "Modality,SeriesBase FROM generalseries WHERE pk=%1")
-                                   .arg(m_seriesPK),
-                               &ok);
-    while (ok && query.next()) {
-        m_studyFK = query.value(1).toLongLong();
-        m_seriesUID = query.value(2).toString();
-        m_seriesDescription = query.value(3).toString();
-        m_seriesNumber = query.value(4).toInt();
-        m_modality = query.value(5).toString();
-        m_seriesBase = query.value(6).toString();
-    }
+    forEachRow(QStringLiteral("SELECT pk,study_fk,SeriesInstanceUID,SeriesDescription,SeriesNumber,Modality,SeriesBase FROM "
+                              "generalseries WHERE pk=?"),
+               {m_seriesPK}, [this](const Statement& row) {
+                   m_studyFK = row.value(1).toLongLong();
+                   m_seriesUID = row.value(2).toString();
+                   m_seriesDescription = row.value(3).toString();
+                   m_seriesNumber = row.value(4).toInt();
+                   m_modality = row.value(5).toString();
+                   m_seriesBase = row.value(6).toString();
+               });
 }
 
 void QSeries::searchSeriesAllInfo()
 {
     const QStringList names = getColumnName();
-    bool ok = false;
-    QSqlQuery query = runQuery(QStringLiteral("SELECT * FROM generalseries WHERE pk= %1").arg(m_seriesPK), &ok);
-    while (ok && query.next())
+    forEachRow(QStringLiteral("SELECT * FROM generalseries WHERE pk= ?"), {m_seriesPK}, [&](const Statement& row) {
         for (int i = 0; i < names.size(); ++i)
-            m_allInfo.insert(names[i], query.value(i).toString());
+            m_allInfo.insert(names[i], row.value(i).toString());
+    });
 }
 
 void QSeries::searchAllInfo()
@@ -140,41 +124,34 @@ void QSeries::searchAllInfo()
     for (QInstance* instance : qAsConst(m_instances))
         byKey.insert(instance->getInstancePK(), instance);
     const QStringList names = QInstance::getColumnName();
-    bool ok = false;
-    QSqlQuery query = runQuery(
-        QStringLiteral("SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = "
-                       "imagepixel.SOPInstanceUID and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and "
-                       "imageformat.series_fk=")
-            + QLatin1Char('\'') + QString::number(m_seriesPK) + QLatin1Char('\''),
-        &ok);
-    while (ok && query.next()) {
-        QInstance* instance = byKey.value(query.value(0).toLongLong());
-        if (!instance) {
-            QMessageLogger("qseries", 162, "QSeries::searchAllInfo").warning("QSeries::searchAllInfo");
-            continue;
-        }
-        for (int i = 0; i < names.size(); ++i)
-            instance->setValue(names[i], query.value(i).toString());
-    }
+    forEachRow(QStringLiteral("SELECT * FROM imageformat,imagepixel,mrimageinfo where imageformat.SOPInstanceUID = "
+                              "imagepixel.SOPInstanceUID and imageformat.SOPInstanceUID = mrimageinfo.SOPInstanceUID and "
+                              "imageformat.series_fk=?"),
+               {m_seriesPK}, [&](const Statement& row) {
+                   QInstance* instance = byKey.value(row.value(0).toLongLong());
+                   if (!instance) {
+                       QMessageLogger("qseries", 162, "QSeries::searchAllInfo").warning("QSeries::searchAllInfo");
+                       return;
+                   }
+                   for (int i = 0; i < names.size(); ++i)
+                       instance->setValue(names[i], row.value(i).toString());
+               });
     m_instanceInfoLoaded = true;
 }
 
 void QSeries::searchInstance()
 {
-    bool ok = false;
-    QSqlQuery query = runQuery(QStringLiteral("SELECT series_fk,pk,SOPInstanceUID,ImageType,InstanceNumber,FilePath FROM "
-                                              "imageformat WHERE series_fk='%1' ORDER BY `InstanceNumber` ASC")
-                                   .arg(m_seriesPK),
-                               &ok);
-    while (ok && query.next()) {
-        auto* instance = new QInstance(query.value(1).toLongLong(), this);
-        instance->setSeriesFK(m_seriesPK);
-        instance->setSOPInstanceUID(query.value(2).toString());
-        instance->setImageType(query.value(3).toString());
-        instance->setInstanceNumber(query.value(4).toInt());
-        instance->setFilePath(query.value(5).toString());
-        m_instances.append(instance);
-    }
+    forEachRow(QStringLiteral("SELECT series_fk,pk,SOPInstanceUID,ImageType,InstanceNumber,FilePath FROM imageformat WHERE "
+                              "series_fk=? ORDER BY `InstanceNumber` ASC"),
+               {m_seriesPK}, [this](const Statement& row) {
+                   auto* instance = new QInstance(row.value(1).toLongLong(), this);
+                   instance->setSeriesFK(m_seriesPK);
+                   instance->setSOPInstanceUID(row.value(2).toString());
+                   instance->setImageType(row.value(3).toString());
+                   instance->setInstanceNumber(row.value(4).toInt());
+                   instance->setFilePath(row.value(5).toString());
+                   m_instances.append(instance);
+               });
 }
 
 void QSeries::searchInstanceInfos()
@@ -182,29 +159,25 @@ void QSeries::searchInstanceInfos()
     // The join pairs rows by series only, so a series of N images gives N×N rows and objects.
     // Callers rely on this shape of the one-query path; one object per image comes from
     // searchInstance() followed by QInstance::searchInstanceInfo().
-    bool ok = false;
-    QSqlQuery query = runQuery(
-        QStringLiteral("select imageformat.pk,imageformat.SOPInstanceUID,imageformat.ImageType,imageformat.InstanceNumber,"
-                       "imageformat.FilePath, imagepixel.PixelSpacing,imagepixel.ImageOrientationPatient,"
-                       "imagepixel.ImagePositionPatient,imagepixel.Rows,imagepixel.Columns,imagepixel.BitsAllocated,"
-                       "imageformat.series_fk ,imagepixel.series_fk from imageformat,imagepixel  WHERE "
-                       "imageformat.series_fk=%1 and imagepixel.series_fk=%1 ORDER BY `imageformat`.`InstanceNumber` ASC")
-            .arg(m_seriesPK),
-        &ok);
-    while (ok && query.next()) {
-        auto* instance = new QInstance(query.value(0).toLongLong(), this);
-        instance->setSeriesFK(m_seriesPK);
-        instance->setSOPInstanceUID(query.value(1).toString());
-        instance->setImageType(query.value(2).toString());
-        instance->setInstanceNumber(query.value(3).toInt());
-        instance->setFilePath(query.value(4).toString());
-        instance->setBitsAllocated(query.value(10).toInt());
-        instance->setPixelSpacing(query.value(5).toString());
-        instance->setPosition(query.value(7).toString());
-        instance->setOrientation(query.value(6).toString());
-        instance->setImageSize(query.value(8).toInt(), query.value(9).toInt());
-        m_instances.append(instance);
-    }
+    forEachRow(QStringLiteral("select imageformat.pk,imageformat.SOPInstanceUID,imageformat.ImageType,imageformat.InstanceNumber,"
+                              "imageformat.FilePath, imagepixel.PixelSpacing,imagepixel.ImageOrientationPatient,"
+                              "imagepixel.ImagePositionPatient,imagepixel.Rows,imagepixel.Columns,imagepixel.BitsAllocated,"
+                              "imageformat.series_fk ,imagepixel.series_fk from imageformat,imagepixel  WHERE "
+                              "imageformat.series_fk=? and imagepixel.series_fk=? ORDER BY `imageformat`.`InstanceNumber` ASC"),
+               {m_seriesPK, m_seriesPK}, [this](const Statement& row) {
+                   auto* instance = new QInstance(row.value(0).toLongLong(), this);
+                   instance->setSeriesFK(m_seriesPK);
+                   instance->setSOPInstanceUID(row.value(1).toString());
+                   instance->setImageType(row.value(2).toString());
+                   instance->setInstanceNumber(row.value(3).toInt());
+                   instance->setFilePath(row.value(4).toString());
+                   instance->setBitsAllocated(row.value(10).toInt());
+                   instance->setPixelSpacing(row.value(5).toString());
+                   instance->setPosition(row.value(7).toString());
+                   instance->setOrientation(row.value(6).toString());
+                   instance->setImageSize(row.value(8).toInt(), row.value(9).toInt());
+                   m_instances.append(instance);
+               });
 }
 
 void QSeries::sortByPosition()

@@ -6,7 +6,6 @@
 #include "qseries.h"
 
 #include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QVariant>
 
 #include <algorithm>
@@ -28,10 +27,7 @@ QStudy::~QStudy() = default;
 
 QStringList QStudy::getColumnName()
 {
-    return cachedColumnNames(QStringLiteral("generalstudy"), QPatient::getDatabBaseName(),
-                             QStringLiteral("select column_name from Information_schema.columns where table_Name = "
-                                            "'generalstudy'and table_schema = '%1'"),
-                             {QStringLiteral("PRAGMA table_info([generalstudy])")});
+    return cachedColumnNames(QStringLiteral("generalstudy"), QPatient::getDatabBaseName(), {QStringLiteral("generalstudy")});
 }
 
 QPatient* QStudy::getPatient() const
@@ -60,29 +56,22 @@ void QStudy::addSeries(QSeries* series)
 
 void QStudy::searchStudyInfo()
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(QStringLiteral("SELECT patient_fk,StudyID,StudyInstanceUID,StudyDescription FROM generalstudy WHERE pk=%1")
-                        .arg(m_studyPK)))
-        return;
-    while (query.next()) {
-        m_patientFK = query.value(0).toLongLong();
-        m_studyID = query.value(1).toInt();
-        m_studyUID = query.value(2).toString();
-        m_studyDescription = query.value(3).toString();
-    }
+    forEachRow(QStringLiteral("SELECT patient_fk,StudyID,StudyInstanceUID,StudyDescription FROM generalstudy WHERE pk=?"),
+               {m_studyPK}, [this](const Statement& row) {
+                   m_patientFK = row.value(0).toLongLong();
+                   m_studyID = row.value(1).toInt();
+                   m_studyUID = row.value(2).toString();
+                   m_studyDescription = row.value(3).toString();
+               });
 }
 
 void QStudy::searchStudyAllInfo()
 {
     const QStringList names = getColumnName();
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (!query.exec(QStringLiteral("SELECT * FROM generalstudy WHERE pk= %1").arg(m_studyPK)))
-        return;
-    while (query.next())
+    forEachRow(QStringLiteral("SELECT * FROM generalstudy WHERE pk= ?"), {m_studyPK}, [&](const Statement& row) {
         for (int i = 0; i < names.size(); ++i)
-            m_allInfo.insert(names[i], query.value(i).toString());
+            m_allInfo.insert(names[i], row.value(i).toString());
+    });
 }
 
 void QStudy::searchAllInfo()
@@ -94,20 +83,15 @@ void QStudy::searchAllInfo()
 
 void QStudy::searchSeries()
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.setForwardOnly(true);
-    if (query.exec(QStringLiteral("SELECT pk,SeriesInstanceUID,SeriesDescription,SeriesNumber FROM generalseries WHERE "
-                                  "study_fk= %1 ")
-                       .arg(m_studyPK))) {
-        while (query.next()) {
-            auto* series = new QSeries(query.value(0).toLongLong(), this);
-            series->setStudyFK(m_studyPK);
-            series->setSeriesUID(query.value(1).toString());
-            series->setSeriesDescription(query.value(2).toString());
-            series->setSeriesNumber(query.value(3).toInt());
-            m_series.append(series);
-        }
-    }
+    forEachRow(QStringLiteral("SELECT pk,SeriesInstanceUID,SeriesDescription,SeriesNumber FROM generalseries WHERE study_fk= ? "),
+               {m_studyPK}, [this](const Statement& row) {
+                   auto* series = new QSeries(row.value(0).toLongLong(), this);
+                   series->setStudyFK(m_studyPK);
+                   series->setSeriesUID(row.value(1).toString());
+                   series->setSeriesDescription(row.value(2).toString());
+                   series->setSeriesNumber(row.value(3).toInt());
+                   m_series.append(series);
+               });
     for (QSeries* series : qAsConst(m_series))
         series->searchInstance();
 }

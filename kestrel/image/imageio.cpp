@@ -1,6 +1,7 @@
 #include "image/imageio_p.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 #include "dicom/pixelvalues_p.h"
 #include "geometry/geometry_p.h"
 #include "platform/textnumbers_p.h"
@@ -13,7 +14,6 @@
 #include <dcmtk/dcmimgle/dipixel.h>
 
 #include <QStringList>
-#include <QTextCodec>
 
 #include <cstring>
 #include <vector>
@@ -40,8 +40,7 @@ QString decimals(const double* values, int count)
 
 QByteArray encodeText(const QString& text, DcmDataset* ds)
 {
-    QTextCodec* codec = dicomTextCodec(dcmCharacterSet(ds));
-    return codec ? codec->fromUnicode(text) : text.toLatin1();
+    return DicomCharset(dcmCharacterSet(ds)).encode(text);
 }
 
 // Removes the overlay groups (60xx): they belong to the template's pixels.

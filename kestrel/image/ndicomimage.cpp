@@ -3,6 +3,7 @@
 #include "dicom/dcmvalues_p.h"
 #include "geometry/imagegeometry_p.h"
 #include "image/imageio_p.h"
+#include "simd/kernels_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -16,14 +17,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegion>
-#include <QTextCodec>
 #include <QTime>
 #include <QUuid>
 #include <QVector>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 #include <algorithm>
 #include <cmath>
@@ -305,104 +301,9 @@ bool NDicomImage::getGrayImage32(double width, double centre, unsigned int* out)
     const qint64 count = qint64(m_size[0]) * m_size[1];
     if (count <= 0 || !m_pixels || !out)
         return true;
-    const quint32* table = m_table.get();
-    const quint16* in = reinterpret_cast<const quint16*>(m_pixels);
-    qint64 i = 0;
-#if defined(__SSE2__)
-    // Eight indices per two 64-bit loads, eight entries per two 128-bit stores: the pass is bound
-    // by the table loads alone.
-    for (; i + 8 <= count; i += 8) {
-        quint64 a, b;
-        std::memcpy(&a, in + i, 8);
-        std::memcpy(&b, in + i + 4, 8);
-        const __m128i lo = _mm_set_epi32(int(table[a >> 48]), int(table[(a >> 32) & 0xFFFF]),
-                                         int(table[(a >> 16) & 0xFFFF]), int(table[a & 0xFFFF]));
-        const __m128i hi = _mm_set_epi32(int(table[b >> 48]), int(table[(b >> 32) & 0xFFFF]),
-                                         int(table[(b >> 16) & 0xFFFF]), int(table[b & 0xFFFF]));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), lo);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i + 4), hi);
-    }
-#endif
-    for (; i < count; ++i)
-        out[i] = table[in[i]];
+    lookupU16(out, reinterpret_cast<const quint16*>(m_pixels), m_table.get(), count);
     return true;
 }
-
-namespace {
-
-#if defined(__SSE2__)
-inline __m128i reverse8(__m128i v)
-{
-    v = _mm_shufflelo_epi16(v, 0x1B);
-    v = _mm_shufflehi_epi16(v, 0x1B);
-    return _mm_shuffle_epi32(v, 0x4E);
-}
-
-// R[i] holds row i of an 8 x 8 block of 16-bit values; afterwards R[j] holds column j.
-inline void transpose8(__m128i* r)
-{
-    const __m128i a0 = _mm_unpacklo_epi16(r[0], r[1]), a1 = _mm_unpackhi_epi16(r[0], r[1]);
-    const __m128i a2 = _mm_unpacklo_epi16(r[2], r[3]), a3 = _mm_unpackhi_epi16(r[2], r[3]);
-    const __m128i a4 = _mm_unpacklo_epi16(r[4], r[5]), a5 = _mm_unpackhi_epi16(r[4], r[5]);
-    const __m128i a6 = _mm_unpacklo_epi16(r[6], r[7]), a7 = _mm_unpackhi_epi16(r[6], r[7]);
-    const __m128i b0 = _mm_unpacklo_epi32(a0, a2), b1 = _mm_unpackhi_epi32(a0, a2);
-    const __m128i b2 = _mm_unpacklo_epi32(a1, a3), b3 = _mm_unpackhi_epi32(a1, a3);
-    const __m128i b4 = _mm_unpacklo_epi32(a4, a6), b5 = _mm_unpackhi_epi32(a4, a6);
-    const __m128i b6 = _mm_unpacklo_epi32(a5, a7), b7 = _mm_unpackhi_epi32(a5, a7);
-    r[0] = _mm_unpacklo_epi64(b0, b4);
-    r[1] = _mm_unpackhi_epi64(b0, b4);
-    r[2] = _mm_unpacklo_epi64(b1, b5);
-    r[3] = _mm_unpackhi_epi64(b1, b5);
-    r[4] = _mm_unpacklo_epi64(b2, b6);
-    r[5] = _mm_unpackhi_epi64(b2, b6);
-    r[6] = _mm_unpacklo_epi64(b3, b7);
-    r[7] = _mm_unpackhi_epi64(b3, b7);
-}
-#endif
-
-// Reverses [first, last) of 16-bit values in place.
-void reverse16(quint16* first, quint16* last)
-{
-#if defined(__SSE2__)
-    for (; last - first >= 16; first += 8, last -= 8) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(last - 8));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(first), reverse8(b));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(last - 8), reverse8(a));
-    }
-#endif
-    std::reverse(first, last);
-}
-
-// D (W x H, LINE values per row) from S0: new pixel (x, y) = S0[y * EY + x * EX], EY = +-1.
-void transpose16(const quint16* s0, qptrdiff ex, qptrdiff ey, quint16* d0, qptrdiff line, int w, int h)
-{
-    int w8 = 0, h8 = 0;
-#if defined(__SSE2__)
-    w8 = w & ~7;
-    h8 = h & ~7;
-    for (int by = 0; by < h8; by += 8)
-        for (int bx = 0; bx < w8; bx += 8) {
-            __m128i r[8];
-            for (int k = 0; k < 8; ++k) {
-                const quint16* column = s0 + (bx + k) * ex + by * ey;
-                r[k] = ey > 0 ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(column))
-                              : reverse8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(column - 7)));
-            }
-            transpose8(r);
-            for (int j = 0; j < 8; ++j)
-                _mm_storeu_si128(reinterpret_cast<__m128i*>(d0 + (by + j) * line + bx), r[j]);
-        }
-#endif
-    for (int y = 0; y < h; ++y) {
-        const quint16* s = s0 + y * ey;
-        quint16* d = d0 + y * line;
-        for (int x = y < h8 ? w8 : 0; x < w; ++x)
-            d[x] = s[x * ex];
-    }
-}
-
-} // namespace
 
 bool NDicomImage::getStandardDicomImage(NDicomImage& src)
 {
@@ -479,10 +380,10 @@ bool NDicomImage::getStandardDicomImage(NDicomImage& src)
         quint16* p = reinterpret_cast<quint16*>(m_pixels);
         const qptrdiff count = qptrdiff(oldW) * oldH;
         if (flipRow && flipCol) {
-            reverse16(p, p + count);
+            reverseU16(p, p + count);
         } else if (flipRow) {
             for (int y = 0; y < oldH; ++y)
-                reverse16(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW);
+                reverseU16(p + qptrdiff(y) * oldW, p + qptrdiff(y + 1) * oldW);
         } else {
             std::vector<quint16> row(static_cast<size_t>(oldW));
             const size_t rowBytes = size_t(oldW) * 2;
@@ -524,7 +425,7 @@ bool NDicomImage::getStandardDicomImage(NDicomImage& src)
                         d[x] = s[-x];
             }
         } else {
-            transpose16(s0, ex, ey, d0, line, newW, newH);
+            transposeU16(s0, ex, ey, d0, line, newW, newH);
         }
         return true;
     }

@@ -2,6 +2,7 @@
 
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -13,16 +14,11 @@
 #include <dcmtk/dcmdata/dctag.h>
 
 #include <QDebug>
-#include <QSqlDriver>
 #include <QHash>
-#include <QSqlError>
-#include <QSqlQuery>
 #include <QTextCodec>
 #include <QTime>
 
 #include <memory>
-
-#include <sqlite3.h>
 
 namespace kestrel::internal::records {
 
@@ -156,7 +152,7 @@ const TablePlan& planFor(const QString& table)
 class TextDecoder
 {
 public:
-    explicit TextDecoder(const QString& charset) : m_codec(dicomTextCodec(charset)) {}
+    explicit TextDecoder(const QString& charset) : m_charset(charset) {}
     QString operator()(const OFString& raw, DcmEVR vr) const
     {
         // A value ends at a NUL byte (padding, never text), as dcmBytes() reads it.
@@ -167,11 +163,11 @@ public:
                           vr == EVR_UT || vr == EVR_UC;
         if (!text)
             return QString::fromLatin1(raw.c_str(), size);
-        return m_codec ? m_codec->toUnicode(raw.c_str(), size) : QString::fromUtf8(raw.c_str(), size);
+        return m_charset.decode(raw.c_str(), size, vr == EVR_PN);
     }
 
 private:
-    QTextCodec* m_codec;
+    DicomCharset m_charset;
 };
 
 } // namespace
@@ -268,8 +264,16 @@ int columnIndex(const QString& table, const QString& column)
 
 QString timeOfDay(const QString& dicomTime)
 {
-    const QString whole = dicomTime.trimmed().section('.', 0, 0);
-    const QTime time = QTime::fromString(whole, QStringLiteral("hhmmss"));
+    // Every form of a DICOM time: HH, HHMM, HHMMSS, HHMMSS.FFFFFF, and the old HH:MM:SS.
+    QString digits = dicomTime.trimmed().section(QLatin1Char('.'), 0, 0);
+    digits.remove(QLatin1Char(':'));
+    if (digits.isEmpty() || digits.size() > 6 || digits.size() % 2 != 0)
+        return QStringLiteral("");
+    for (const QChar c : qAsConst(digits))
+        if (!c.isDigit())
+            return QStringLiteral("");
+    digits = digits.leftJustified(6, QLatin1Char('0'));
+    const QTime time = QTime::fromString(digits, QStringLiteral("hhmmss"));
     return time.isValid() ? time.toString(QStringLiteral("hh:mm:ss")) : QStringLiteral("");
 }
 
@@ -283,134 +287,6 @@ QString notUploadedStatus()
         return gbk ? gbk->toUnicode(bytes) : QString::fromUtf8("\xE6\x9C\xAA\xE4\xB8\x8A\xE4\xBC\xA0");
     }();
     return status;
-}
-
-namespace {
-
-// The SQLite handle behind DB, or null for other drivers.
-sqlite3* sqliteHandle(const QSqlDatabase& db)
-{
-    const QVariant handle = db.driver() ? db.driver()->handle() : QVariant();
-    if (!handle.isValid() || qstrcmp(handle.typeName(), "sqlite3*") != 0)
-        return nullptr;
-    return *static_cast<sqlite3* const*>(handle.constData());
-}
-
-// Binds VALUE the way Qt's SQLite driver does: null, blob, integer, real, else text.
-int bindSqlite(sqlite3_stmt* statement, int index, const QVariant& value)
-{
-    if (value.isNull())
-        return sqlite3_bind_null(statement, index);
-    switch (value.userType()) {
-    case QMetaType::QByteArray: {
-        const QByteArray* bytes = static_cast<const QByteArray*>(value.constData());
-        return sqlite3_bind_blob(statement, index, bytes->constData(), bytes->size(), SQLITE_STATIC);
-    }
-    case QMetaType::Int:
-    case QMetaType::Bool:
-        return sqlite3_bind_int(statement, index, value.toInt());
-    case QMetaType::Double:
-        return sqlite3_bind_double(statement, index, value.toDouble());
-    case QMetaType::UInt:
-    case QMetaType::LongLong:
-        return sqlite3_bind_int64(statement, index, value.toLongLong());
-    case QMetaType::QString: {
-        const QString* text = static_cast<const QString*>(value.constData());
-        return sqlite3_bind_text16(statement, index, text->utf16(), text->size() * 2, SQLITE_STATIC);
-    }
-    default: {
-        const QString text = value.toString();
-        return sqlite3_bind_text16(statement, index, text.utf16(), text.size() * 2, SQLITE_TRANSIENT);
-    }
-    }
-}
-
-// SQLite: one single-row statement on the driver's own handle, stepped once per row. Qt's binding
-// (a name lookup per value) cost as much as the inserts themselves; the values are bound as Qt
-// would bind them, so the rows are the same either way.
-bool insertRowsSqlite(sqlite3* handle, const QString& table, int columns,
-                      const QVector<const QVector<QVariant>*>& rows, QString* error)
-{
-    const QByteArray text = (schema::insertHead(table) + schema::placeholders(columns)).toUtf8();
-    sqlite3_stmt* statement = nullptr;
-    auto fail = [&] {
-        if (error)
-            *error = QString::fromUtf8(sqlite3_errmsg(handle)) + QStringLiteral(" Unable to insert into ") + table;
-        return false;
-    };
-    if (sqlite3_prepare_v2(handle, text.constData(), text.size(), &statement, nullptr) != SQLITE_OK)
-        return fail();
-    bool ok = true;
-    for (const QVector<QVariant>* row : rows) {
-        if (row->size() != columns) {
-            if (error)
-                *error = QStringLiteral("%1 values for the %2 columns of %3").arg(row->size()).arg(columns).arg(table);
-            ok = false;
-            continue;
-        }
-        int index = 0;
-        bool bound = true;
-        for (const QVariant& value : *row)
-            bound = bindSqlite(statement, ++index, value) == SQLITE_OK && bound;
-        if (!bound || sqlite3_step(statement) != SQLITE_DONE)
-            ok = fail();
-        sqlite3_reset(statement);
-        sqlite3_clear_bindings(statement);
-    }
-    sqlite3_finalize(statement);
-    return ok;
-}
-
-} // namespace
-
-bool insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows, QString* error)
-{
-    if (rows.isEmpty())
-        return true;
-    const int columns = qMax(1, schema::columns(table).size());
-    if (sqlite3* handle = sqliteHandle(db))
-        return insertRowsSqlite(handle, table, columns, rows, error);
-    // A series' rows go through one short multi-row statement, prepared once and run over the
-    // batch: MariaDB's bind buffers are rebuilt per statement, and about 256 values per statement
-    // measured fastest.
-    const int rowsPerStatement = qMax(1, 256 / columns);
-    const QString head = schema::insertHead(table);
-    const QString oneRow = schema::placeholders(columns);
-    auto statement = [&](int n) {
-        QString text = head;
-        text.reserve(head.size() + n * (oneRow.size() + 1));
-        for (int r = 0; r < n; ++r) {
-            if (r)
-                text += ',';
-            text += oneRow;
-        }
-        return text;
-    };
-    bool ok = true;
-    QSqlQuery query(db);
-    int prepared = 0;
-    for (int first = 0; first < rows.size(); first += rowsPerStatement) {
-        const int n = qMin(rowsPerStatement, rows.size() - first);
-        if (n != prepared) {
-            prepared = query.prepare(statement(n)) ? n : 0;
-            if (!prepared) {
-                ok = false;
-                if (error)
-                    *error = query.lastError().text();
-                continue;
-            }
-        }
-        for (int r = 0; r < n; ++r) {
-            for (const QVariant& value : *rows.at(first + r))
-                query.addBindValue(value);
-        }
-        if (!query.exec()) {
-            ok = false;
-            if (error)
-                *error = query.lastError().text();
-        }
-    }
-    return ok;
 }
 
 } // namespace kestrel::internal::records

@@ -2,7 +2,6 @@
 
 #include "platform/testexport_p.h"
 
-#include <QSqlDatabase>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -10,8 +9,8 @@
 
 class DcmItem;
 
-// Row values of the catalogue tables read from a DICOM dataset, and the statements that write
-// them. Column lists come from the catalogue schema; every value is bound.
+// Row values of the catalogue tables read from a DICOM dataset (catalog/batchinsert_p.h writes
+// them). Column lists come from the catalogue schema.
 namespace kestrel::internal::records {
 
 // Values of TABLE's columns (insert order) read from ITEM's top level: each attribute column holds
@@ -32,10 +31,5 @@ KESTREL_TEST_EXPORT QString timeOfDay(const QString& dicomTime);
 
 // The fixed `Status` of new patient, study and series rows ("not uploaded").
 KESTREL_TEST_EXPORT QString notUploadedStatus();
-
-// One INSERT of ROWS into TABLE on DB (split in statements of at most a few hundred rows, the
-// bound-parameter limit of the drivers). False with *error set when a statement fails.
-KESTREL_TEST_EXPORT bool insertRows(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows,
-                               QString* error);
 
 } // namespace kestrel::internal::records

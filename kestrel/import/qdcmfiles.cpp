@@ -4,7 +4,11 @@
 #include "dicom/dcmvalues_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/importrecords_p.h"
+#include "import/importstate_p.h"
+#include "import/headerread_p.h"
 #include "catalog/connection_p.h"
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
 #include "import/storagetree_p.h"
 #include "kestrelpaths.h"
 
@@ -21,7 +25,6 @@
 #include <QFileInfo>
 #include <QSettings>
 #include <QSqlError>
-#include <QSqlQuery>
 
 #include <omp.h>
 
@@ -29,6 +32,7 @@
 #include <vector>
 
 using namespace kestrel::internal;
+using namespace kestrel::internal::import;
 
 namespace {
 
@@ -40,44 +44,12 @@ const QString kImageFormat = QStringLiteral("imageformat");
 const QString kImagePixel = QStringLiteral("imagepixel");
 const QString kMrImageInfo = QStringLiteral("mrimageinfo");
 
-// Header reads: the grouping pass, the study and patient passes, the record pass.
-constexpr unsigned int kGroupReadLength = 1024;
-constexpr unsigned int kSortReadLength = 2048;
-constexpr unsigned int kRecordReadLength = 4096;
-
-bool loadHeader(DcmFileFormat* parser, const QString& path, unsigned int maxReadLength)
-{
-    parser->clear();
-    const QByteArray name = QFile::encodeName(path);
-    return guardedRead([&] {
-               return parser->loadFile(name.constData(), EXS_Unknown, EGL_noChange, maxReadLength, ERM_autoDetect);
-           })
-            .good();
-}
-
-using Parsers = std::vector<std::unique_ptr<DcmFileFormat>>;
-
-Parsers makeParsers(int count)
-{
-    Parsers parsers;
-    for (int i = 0; i < count; ++i)
-        parsers.push_back(std::make_unique<DcmFileFormat>());
-    return parsers;
-}
-
-int newRecords(const ImageFormat* records, int count)
-{
-    int n = 0;
-    for (int i = 0; i < count; ++i)
-        n += records[i].state == ImageRecord::New && !records[i].values.isEmpty();
-    return n;
-}
-
 } // namespace
 
 QDcmFiles::QDcmFiles(QObject* parent)
     : QObject(parent)
     , m_fileFormat(new DcmFileFormat)
+    , m_state(std::make_unique<ImportState>())
 {
     QSqlDatabase db = cloneDefaultConnection();
     m_connectionName = db.connectionName();
@@ -104,6 +76,7 @@ void QDcmFiles::reinit()
     m_patientStudies.clear();
     m_prefetched.clear();
     m_fileFormat->clear();
+    *m_state = ImportState();
 }
 
 int QDcmFiles::workerCount()
@@ -168,23 +141,60 @@ QString QDcmFiles::phaseOf(const QString& seriesUID, DcmFileFormat* file)
 // ---------------------------------------------------------------------------------------------
 // Reading and grouping
 
+QStringList QDcmFiles::filesBelow(const QStringList& paths, QStringList* skipped)
+{
+    QStringList files;
+    QSet<QString> visited;
+    for (const QString& path : paths) {
+        const QFileInfo info(path);
+        if (!info.isDir()) {
+            if (info.exists())
+                files.append(info.absoluteFilePath());
+            else if (skipped)
+                *skipped << path + QStringLiteral(": no such file");
+            continue;
+        }
+        QStringList folders{info.absoluteFilePath()};
+        while (!folders.isEmpty()) {
+            const QString folder = folders.takeFirst();
+            const QString real = QFileInfo(folder).canonicalFilePath();
+            if (real.isEmpty() || visited.contains(real))
+                continue;
+            visited.insert(real);
+            const QDir dir(folder);
+            if (!dir.isReadable()) {
+                if (skipped)
+                    *skipped << folder + QStringLiteral(": the folder cannot be read");
+                continue;
+            }
+            const QFileInfoList entries =
+                dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+            for (const QFileInfo& entry : entries) {
+                if (entry.isDir())
+                    folders.append(entry.absoluteFilePath());
+                else if (entry.isSymLink() && !entry.exists()) {
+                    if (skipped)
+                        *skipped << entry.absoluteFilePath() + QStringLiteral(": a link to nothing");
+                } else
+                    files.append(entry.absoluteFilePath());
+            }
+        }
+    }
+    return files;
+}
+
 int QDcmFiles::loadLocalFolderToDB(QString path, int copyMode, bool recursive)
 {
     // The walk always descends into sub-folders; callers rely on that whatever they pass.
     Q_UNUSED(recursive)
     emit finishReadFiles(false);
     emit readInfo(tr("Traversal"));
-    QList<QString> files;
-    const QFileInfo info(path);
-    if (info.isFile()) {
-        files.append(path);
-    } else if (info.isDir()) {
-        QDirIterator it(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                        QDirIterator::Subdirectories);
-        while (it.hasNext())
-            files.append(it.next());
-    }
-    return loadLocalFilesToDB(files, copyMode);
+    QStringList skipped;
+    const QList<QString> files = QFileInfo::exists(path) ? filesBelow({path}, &skipped) : QStringList();
+    const int result = loadLocalFilesToDB(files, copyMode);
+    m_counts.skippedFiles = skipped + m_counts.skippedFiles;
+    m_counts.unreadable += skipped.size();
+    return result;
 }
 
 int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
@@ -196,6 +206,13 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
     m_lastError.clear();
     m_lastImportOk = true;
     m_copyMode = copyMode;
+    // Paths are catalogued absolute and canonical: a catalogue read from another working folder
+    // finds its files, and a file reached through two links is one file.
+    for (QString& file : files) {
+        const QFileInfo info(file);
+        const QString canonical = info.canonicalFilePath();
+        file = canonical.isEmpty() ? info.absoluteFilePath() : canonical;
+    }
     m_fileList += files;
     reopenIfLost(database());
     emit readInfo(QStringLiteral("read file "));
@@ -212,12 +229,16 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
 
     emit readInfo(10, 100);
     emit readInfo(QStringLiteral("sort dicom"));
-    sortStudy();
-    sortPatient();
+    m_state->plan = import::planImport(m_state->facts);
+    for (const QString& reason : qAsConst(m_state->plan.notCatalogued)) {
+        m_counts.skippedFiles << reason;
+        emit errorInfo(tr("not catalogued: %1").arg(reason));
+    }
+    m_counts.unreadable += m_state->plan.notCatalogued.size();
+    m_counts.filesRead -= m_state->plan.notCatalogued.size();
     qWarning() << "time elapsed: " << timer.elapsed();
 
     emit readInfo(QStringLiteral("add data base"));
-    qDebug() << "11111111111111111111111" << m_copyMode;
     m_lastImportOk = m_copyMode ? addAndCopyDataBase() : addDataBase();
 
     emit readInfo(100, 100);
@@ -235,6 +256,7 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
     // only built if the record pass finds them new.
     const QSet<QString> catalogued = prefetch ? cataloguedSeries() : QSet<QString>();
     std::vector<ImageRecords> records(prefetch ? size_t(count) : 0);
+    std::vector<import::FileFacts> facts(static_cast<size_t>(count));
 #pragma omp parallel for schedule(static) num_threads(int(parsers.size())) reduction(+ : unreadable)
     for (int i = 0; i < count; ++i) {
         DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
@@ -244,9 +266,13 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
             continue;
         }
         DcmDataset* dataset = parser->getDataset();
-        const QString seriesUID = dcmString(dataset, DCM_SeriesInstanceUID);
-        const QString sopUID = dcmString(dataset, DCM_SOPInstanceUID);
+        import::FileFacts& fact = facts[size_t(i)];
+        import::readFacts(dataset, fact);
+        fact.read = true;
+        const QString& seriesUID = fact.seriesUID;
+        const QString& sopUID = fact.sopInstanceUID;
         const QString phase = phaseOf(seriesUID, parser);
+        fact.phase = phase;
         if (prefetch && !seriesUID.isEmpty() && !catalogued.contains(seriesUID + '#' + phase)) {
             ImageRecords& r = records[size_t(i)];
             r.format.filePath = path;
@@ -271,6 +297,16 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
         if (!records[i].seriesUID.isEmpty())
             m_prefetched.insert(files.at(int(i)), std::move(records[i]));
     }
+    for (int i = 0; i < count; ++i) {
+        facts[size_t(i)].path = files.at(i);
+        const auto known = m_state->factIndex.constFind(files.at(i));
+        if (known != m_state->factIndex.constEnd()) {
+            m_state->facts[size_t(*known)] = std::move(facts[size_t(i)]);
+        } else {
+            m_state->factIndex.insert(files.at(i), int(m_state->facts.size()));
+            m_state->facts.push_back(std::move(facts[size_t(i)]));
+        }
+    }
     // m_counts.unreadable holds the objects without a series so far.
     m_counts.filesRead = m_processed - m_counts.unreadable;
     m_counts.unreadable += unreadable;
@@ -279,10 +315,10 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
 QSet<QString> QDcmFiles::cataloguedSeries()
 {
     QSet<QString> keys;
-    QSqlQuery query(database());
-    if (query.exec(QStringLiteral("SELECT SeriesBase FROM generalseries"))) {
+    Statement query(database(), QStringLiteral("SELECT SeriesBase FROM generalseries"));
+    if (query.run()) {
         while (query.next())
-            keys.insert(query.value(0).toString());
+            keys.insert(query.get<QString>(0));
     }
     return keys;
 }
@@ -359,272 +395,6 @@ bool QDcmFiles::addPatientFile(QString file, QString& error)
 }
 
 // ---------------------------------------------------------------------------------------------
-// Import pass
-
-bool QDcmFiles::addDataBase()
-{
-    return importPass(false);
-}
-
-bool QDcmFiles::addAndCopyDataBase()
-{
-    return importPass(true);
-}
-
-bool QDcmFiles::importPass(bool copy)
-{
-    emit readInfo(QStringLiteral("start add data base "));
-    m_workers = workerCount();
-    QElapsedTimer timer;
-    timer.start();
-    m_processed = 0;
-    beginWrites();
-    if (copy) {
-        m_savePath = storage::storageRoot();
-        m_dayPath = storage::subFolder(m_savePath, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd")));
-    }
-
-    for (auto patient = m_patientStudies.cbegin(); patient != m_patientStudies.cend(); ++patient) {
-        const QList<UIDandFile>& studies = patient.value();
-        if (studies.isEmpty())
-            continue;
-        if (patient.key().trimmed().isEmpty()) {
-            skipWithoutPatientID(studies);
-            continue;
-        }
-        const QString& file = studies.first().path;
-        qint64 patientPk = getPatientIDAndName(file);
-        if (patientPk == -1) {
-            addPatientDataBase(file);
-            patientPk = getPatientIDAndName(file);
-            if (patientPk >= 0)
-                ++m_counts.patientsAdded;
-        }
-        if (patientPk < 0) {
-            commitWrites(true);
-            m_prefetched.clear();
-            m_lastError = patientPk == -2 && database().lastError().isValid()
-                                  ? tr("patient lookup failed: %1").arg(database().lastError().text())
-                                  : tr("cannot find or create the patient %1 (%2)").arg(patient.key(), file);
-            emit errorInfo(m_lastError);
-            return false;
-        }
-        const QString patientDir = copy ? storage::subFolder(m_dayPath, patient.key()) : QString();
-        const QList<PKAndUID> knownStudies = getStudyPKAndUIDByPatientFK(patientPk);
-        for (const UIDandFile& study : studies)
-            importStudy(study, patientPk, knownStudies, patientDir, copy);
-    }
-    commitWrites(true);
-    m_prefetched.clear();
-    qWarning() << "add DB time elapsed: " << timer.elapsed();
-    return true;
-}
-
-void QDcmFiles::beginWrites()
-{
-    m_inTransaction = database().transaction();
-    m_commitTimer.start();
-}
-
-void QDcmFiles::commitWrites(bool force)
-{
-    if (!m_inTransaction || (!force && m_commitTimer.elapsed() < 500))
-        return;
-    QSqlDatabase db = database();
-    if (!db.commit()) {
-        ++m_counts.failedBatches;
-        emit errorInfo(tr("cannot commit the imported rows: %1").arg(db.lastError().text()));
-        db.rollback();
-    }
-    m_inTransaction = false;
-    if (!force)
-        beginWrites();
-}
-
-void QDcmFiles::skipWithoutPatientID(const QList<UIDandFile>& studies)
-{
-    int files = 0;
-    for (const UIDandFile& study : studies) {
-        for (const UIDandFile& series : m_studySeries.value(study.uid))
-            files += m_seriesFiles.value(series.uid).size();
-    }
-    m_counts.skippedNoPatientID += files;
-    emit errorInfo(tr("%1 file(s) without PatientID skipped").arg(files));
-}
-
-void QDcmFiles::importStudy(const UIDandFile& study, qint64 patientPk, const QList<PKAndUID>& knownStudies,
-                            const QString& patientDir, bool copy)
-{
-    qint64 studyPk = -1;
-    for (const PKAndUID& known : knownStudies) {
-        if (known.uid == study.uid) {
-            studyPk = known.pk;
-            break;
-        }
-    }
-    if (studyPk == -1) {
-        addStudyDataBase(study.path, patientPk);
-        studyPk = getStudyPKByStudyUID(study.uid);
-        if (studyPk < 0) {
-            emit errorInfo(tr("cannot create the study %1: %2").arg(study.uid, database().lastError().text()));
-            return;
-        }
-        ++m_counts.studiesAdded;
-    }
-    const QString studyDir = copy ? storage::subFolder(patientDir, study.uid) : QString();
-    const QList<PKAndUID> knownSeries = getSeriesPKAndUIDByStudyFK(studyPk);
-    for (const UIDandFile& series : m_studySeries.value(study.uid)) {
-        QElapsedTimer timer;
-        timer.start();
-        bool found = false;
-        qint64 seriesPk = -1;
-        for (const PKAndUID& known : knownSeries) {
-            if (known.uid == series.uid) {
-                seriesPk = known.pk;
-                found = true;
-                break;
-            }
-        }
-        if (!found) {
-            if (!addGeneralSeriesDataBase(series, studyPk)) {
-                emit errorInfo(tr("cannot create the series %1: %2").arg(series.uid, m_lastError));
-                continue;
-            }
-            ++m_counts.seriesAdded;
-            // The lookup compares the series key with the bare SeriesInstanceUID column and so
-            // yields -1 for a series created here; the record pass then resolves the key per
-            // file from the file's own SeriesInstanceUID. The application's catalogues were all
-            // built this way, so the sequence is kept.
-            seriesPk = getSeriesPKBySeriesUID(series.uid);
-        }
-        const QString seriesDir = copy ? storage::subFolder(studyDir, series.uid) : QString();
-        importSeries(series.uid, seriesPk, seriesDir);
-        emit readInfo(QStringLiteral("time %1 add data base:%2/%3").arg(timer.elapsed()).arg(m_processed).arg(m_total));
-        emit readInfo(qMin(100, m_processed * 90 / qMax(1, m_total) + 10), 100);
-    }
-}
-
-void QDcmFiles::importSeries(const QString& seriesKey, qint64 seriesPk, const QString& seriesDir)
-{
-    QElapsedTimer timer;
-    timer.start();
-    const QList<NameAndPhase> files = m_seriesFiles.value(seriesKey);
-    const int count = files.size();
-    const bool copy = m_copyMode != 0;
-
-    QSet<QString> knownFormat, knownPix, knownMR;
-    QHash<QString, QString> storedMarkers;
-    if (seriesPk != -1) {
-        getImageInstanceUID(kImageFormat, seriesPk, knownFormat);
-        getImageInstanceUID(kImagePixel, seriesPk, knownPix);
-        getImageInstanceUID(kMrImageInfo, seriesPk, knownMR);
-        if (copy)
-            storedMarkers = irradiationMarkers(seriesPk);
-    }
-
-    const size_t n = size_t(count);
-    std::vector<ImageFormat> formats(n);
-    std::vector<ImagePix> pixs(n);
-    std::vector<MRImageInfo> infos(n);
-    std::vector<QString> seriesUIDs(n);
-    std::vector<char> stored(n, 0);
-    for (int i = 0; i < count; ++i) {
-        const NameAndPhase& file = files.at(i);
-        formats[size_t(i)].filePath = file.path;
-        // A file whose UID all three tables hold for this series is a duplicate: no second read.
-        stored[size_t(i)] = !file.sopInstanceUID.isEmpty() && knownFormat.contains(file.sopInstanceUID) &&
-                            knownPix.contains(file.sopInstanceUID) && knownMR.contains(file.sopInstanceUID);
-    }
-
-    // Records the reading pass kept need no second read.
-    std::vector<char> filled(n, 0);
-    for (int i = 0; i < count; ++i) {
-        const size_t k = size_t(i);
-        auto hit = m_prefetched.find(files.at(i).path);
-        if (hit == m_prefetched.end())
-            continue;
-        if (!stored[k]) {
-            formats[k] = std::move(hit->format);
-            pixs[k] = std::move(hit->pix);
-            infos[k] = std::move(hit->info);
-            seriesUIDs[k] = hit->seriesUID;
-            filled[k] = 1;
-        }
-        m_prefetched.erase(hit);
-    }
-
-    // Reading the records touches no shared state: one parser per worker. Starting the workers
-    // costs a scheduling round on a busy machine: skipped when every record is at hand.
-    int toRead = 0;
-    for (size_t k = 0; k < n; ++k)
-        toRead += !stored[k] && !filled[k];
-    const int workers = toRead > 1 ? m_workers : 1;
-    Parsers parsers = makeParsers(workers);
-#pragma omp parallel for schedule(static) num_threads(workers) if (toRead > 1)
-    for (int i = 0; i < count; ++i) {
-        if (stored[size_t(i)] || filled[size_t(i)])
-            continue;
-        DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
-        if (!loadHeader(parser, files.at(i).path, kRecordReadLength))
-            continue;
-        DcmDataset* dataset = parser->getDataset();
-        readImageRecords(&formats[size_t(i)], &pixs[size_t(i)], &infos[size_t(i)], dataset);
-        seriesUIDs[size_t(i)] = dcmString(dataset, DCM_SeriesInstanceUID);
-    }
-
-    // Duplicates are decided in file order on this thread, against the three sets.
-    QHash<QString, qint64> seriesPkByUID;
-    auto resolve = [&](ImageRecord* record, const QString& table, QSet<QString>& known, const QString& seriesUID) {
-        if (known.contains(record->sopInstanceUID)) {
-            record->state = ImageRecord::Duplicate;
-            return;
-        }
-        known.insert(record->sopInstanceUID);
-        qint64 pk = seriesPk;
-        if (pk == -1) {
-            auto hit = seriesPkByUID.constFind(seriesUID);
-            pk = hit != seriesPkByUID.constEnd() ? *hit : seriesPkByUID.insert(seriesUID, getSeriesPKBySeriesUID(seriesUID)).value();
-        }
-        record->seriesPk = pk;
-        setColumn(record, table, "series_fk", pk);
-        setColumn(record, table, "SOPInstanceUID", record->sopInstanceUID);
-        record->state = ImageRecord::New;
-    };
-    for (int i = 0; i < count; ++i) {
-        const size_t k = size_t(i);
-        if (stored[k]) {
-            formats[k].sopInstanceUID = pixs[k].sopInstanceUID = infos[k].sopInstanceUID = files.at(i).sopInstanceUID;
-            formats[k].state = pixs[k].state = infos[k].state = ImageRecord::Duplicate;
-        } else if (!formats[k].values.isEmpty() && !formats[k].sopInstanceUID.isEmpty()) {
-            resolve(&formats[k], kImageFormat, knownFormat, seriesUIDs[k]);
-            resolve(&pixs[k], kImagePixel, knownPix, seriesUIDs[k]);
-            resolve(&infos[k], kMrImageInfo, knownMR, seriesUIDs[k]);
-        } else {
-            ++m_counts.unreadable;
-            continue;
-        }
-        if (formats[k].state == ImageRecord::Duplicate) {
-            ++m_counts.duplicates;
-            if (copy) {
-                formats[k].values = QVector<QVariant>(schema::columns(kImageFormat).size());
-                setColumn(&formats[k], kImageFormat, "IrradiationEventUID", storedMarkers.value(formats[k].sopInstanceUID));
-            }
-        }
-    }
-    m_processed += count;
-    qWarning() << "get Info time elapsed: " << timer.elapsed();
-
-    if (copy)
-        copySeriesFiles(formats.data(), count, seriesDir);
-    if (addImageFormatsToDB(formats.data(), count))
-        m_counts.imagesAdded += newRecords(formats.data(), count);
-    addImagePixsToDB(pixs.data(), count);
-    addMRImageInfosToDB(infos.data(), count);
-    commitWrites(false);
-    qWarning() << "add DB   time elapsed: " << timer.elapsed();
-}
-
-// ---------------------------------------------------------------------------------------------
 // Receive queue
 
 void QDcmFiles::onNotifyUploadDB(QString seriesUID)
@@ -636,16 +406,19 @@ void QDcmFiles::onNotifyUploadDB(QString seriesUID)
 
     QSqlDatabase db = database();
     reopenIfLost(db);
-    QSqlQuery query(db);
-    if (!query.exec(QStringLiteral("SELECT InstanceUID,filepath FROM images WHERE DBflag = 0"))) {
-        emit errorInfo(query.lastError().text());
-        return;
-    }
     QStringList instanceUIDs;
     QList<QString> paths;
-    while (query.next()) {
-        instanceUIDs << query.value(0).toString();
-        paths << query.value(1).toString();
+    {
+        Statement query(db, QStringLiteral("SELECT InstanceUID,filepath FROM images WHERE DBflag = 0"));
+        const Status read = query.run();
+        if (!read) {
+            emit errorInfo(read.text());
+            return;
+        }
+        while (query.next()) {
+            instanceUIDs << query.get<QString>(0);
+            paths << query.get<QString>(1);
+        }
     }
     if (paths.isEmpty())
         return;
@@ -654,24 +427,27 @@ void QDcmFiles::onNotifyUploadDB(QString seriesUID)
     reinit();
     loadLocalFilesToDB(paths, copyMode);
 
-    db.transaction();
-    QSqlQuery flag(db);
-    flag.prepare(QStringLiteral("UPDATE images SET DBflag=1 WHERE InstanceUID = ?"));
-    for (const QString& uid : instanceUIDs) {
-        flag.addBindValue(uid);
-        flag.exec();
-    }
-    QSqlQuery count(db);
-    count.prepare(QStringLiteral("SELECT count(*) FROM images WHERE seriesUID = ? And DBflag=1"));
-    count.addBindValue(seriesUID);
-    if (count.exec() && count.next()) {
-        QSqlQuery store(db);
-        store.prepare(QStringLiteral("UPDATE series SET upDBnum=? WHERE seriesUID=?"));
-        store.addBindValue(count.value(0).toLongLong());
-        store.addBindValue(seriesUID);
-        store.exec();
-    }
-    db.commit();
+    // The queue's flags and the series' count change together or not at all.
+    const Status flagged = runWrite(db, [&](Transaction&) {
+        // Only what reached the catalogue is marked: the rest waits and is tried again with the
+        // next received series.
+        Statement flag(db, QStringLiteral("UPDATE images SET DBflag=1 WHERE InstanceUID = ? AND EXISTS "
+                                          "(SELECT 1 FROM imageformat WHERE SOPInstanceUID = ?)"));
+        for (const QString& uid : qAsConst(instanceUIDs)) {
+            if (const Status status = flag.bind(uid).bind(uid).run(); !status)
+                return status;
+        }
+        Statement count(db, QStringLiteral("SELECT count(*) FROM images WHERE seriesUID = ? And DBflag=1"));
+        if (const Status status = count.bind(seriesUID).run(); !status)
+            return status;
+        if (!count.next())
+            return Status::ok();
+        const qint64 imported = count.get<qint64>(0);
+        count.finish();
+        return execute(db, QStringLiteral("UPDATE series SET upDBnum=? WHERE seriesUID=?"), {imported, seriesUID});
+    });
+    if (!flagged)
+        emit errorInfo(tr("cannot mark the received files of %1 as imported: %2").arg(seriesUID, flagged.text()));
     emit notifyUpdateMainWindow();
     emit notifyNewSeriesUID(seriesUID);
 }

@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <QSqlDatabase>
 #include <QVector>
@@ -16,6 +17,7 @@
 #include <vector>
 
 class DcmFileFormat;
+
 
 // One file of a series found by the reading pass: its phase, its path, and the SOPInstanceUID read
 // on the way (lets the record pass recognise files the catalogue already holds without reading
@@ -93,12 +95,24 @@ public:
         int skippedNoPatientID = 0;
         int failedBatches = 0;    // image batches the database rejected
         qint64 elapsedMs = 0;
+        // Files read but not catalogued ("path: reason": no StudyInstanceUID, no SOPInstanceUID,
+        // the SOP Instance UID of another file with other content), and paths skipped by the folder
+        // walk (unreadable folders, broken links).
+        QStringList skippedFiles;
+        // What a person should know about the run: a patient ID that also names another person,
+        // a study that moved to the patient its files name.
+        QStringList notes;
     };
 
     explicit QDcmFiles(QObject* parent = nullptr);
     ~QDcmFiles() override;
 
     int loadLocalFilesToDB(QList<QString> files, int copyMode);
+
+    // Every file under PATHS (files as they are, folders with all their sub-folders). Links are
+    // followed and each real folder is walked once, so a link back up cannot loop; unreadable
+    // folders and links to nothing are named in *SKIPPED ("path: reason").
+    static QStringList filesBelow(const QStringList& paths, QStringList* skipped = nullptr);
     int loadLocalFolderToDB(QString path, int copyMode, bool recursive);
 
     bool addDataBase();
@@ -187,23 +201,22 @@ protected:
     void readingPass(const QList<QString>& files, std::vector<std::unique_ptr<DcmFileFormat>>& parsers);
     // Every series key (SeriesBase) of the catalogue.
     QSet<QString> cataloguedSeries();
-    // The import pass shared by both modes; COPY adds the storage tree.
+    // The import pass shared by both modes; COPY adds the storage tree. Patients, studies and
+    // series are written in the order of the run's plan, each row by an insert-or-look-up in a
+    // unit of work of its own that is retried while another process holds the catalogue.
     bool importPass(bool copy);
-    void importStudy(const UIDandFile& study, qint64 patientPk, const QList<PKAndUID>& knownStudies,
-                     const QString& patientDir, bool copy);
+    void importStudy(int study, qint64 patientPk, const QString& patientDir, bool copy);
     // Records of one series: read (in parallel), de-duplicate, copy when asked, write.
-    void importSeries(const QString& seriesKey, qint64 seriesPk, const QString& seriesDir);
-    void skipWithoutPatientID(const QList<UIDandFile>& studies);
+    void importSeries(int series, qint64 seriesPk, const QString& seriesDir);
     // SOPInstanceUID -> IrradiationEventUID (the storage marker) of a series' stored images.
     QHash<QString, QString> irradiationMarkers(qint64 seriesPk);
-    // The import pass writes in transactions of about half a second: few disk syncs, and a
-    // catalogue that other connections see grow during a long import.
-    void beginWrites();
-    void commitWrites(bool force);
     // Writes RECORD's values as one row of TABLE (state New only).
     bool insertRecord(const QString& table, const ImageRecord& record);
     // Copies new images into SERIESDIR and handles the duplicates' stored copies (copy mode).
     void copySeriesFiles(ImageFormat* records, int count, const QString& seriesDir);
+    // Files of the catalogue's rows that another file repeats: the row's file is checked, a
+    // vanished one replaced by the new path, another content reported.
+    void checkRepeatedFiles(const ImageFormat* records, int count);
     // Worker count of the parallel passes (4 when the runtime offers a single thread).
     static int workerCount();
     // Loads FILE with the object's parser up to MAXREADLENGTH bytes per value.
@@ -226,8 +239,9 @@ protected:
     // most kPrefetchLimit files of a run, the record pass reads any others again.
     QHash<QString, ImageRecords> m_prefetched;
     static constexpr int kPrefetchLimit = 50000;
-    QElapsedTimer m_commitTimer;
-    bool m_inTransaction = false;
+    // The run's files (their identifying values) and its plan.
+    struct ImportState;
+    std::unique_ptr<ImportState> m_state;
     int m_workers = 1;       // OpenMP workers of the import pass
     RunCounts m_counts;
     QString m_lastError;

@@ -2,12 +2,14 @@
 // storage markers.
 #include "qdcmfiles.h"
 
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/storagetree_p.h"
+#include "platform/fileplacement_p.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSqlQuery>
 
 using namespace kestrel::internal;
 
@@ -18,20 +20,19 @@ const QString kImageFormat = QStringLiteral("imageformat");
 QHash<QString, QString> QDcmFiles::irradiationMarkers(qint64 seriesPk)
 {
     QHash<QString, QString> markers;
-    QSqlQuery query(database());
-    query.prepare(QStringLiteral("SELECT SOPInstanceUID,IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
-    query.addBindValue(seriesPk);
-    if (query.exec()) {
+    Statement query(database(), QStringLiteral("SELECT SOPInstanceUID,IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
+    if (query.bind(seriesPk).run()) {
         while (query.next())
-            markers.insert(query.value(0).toString(), query.value(1).toString());
+            markers.insert(query.get<QString>(0), query.get<QString>(1));
     }
     return markers;
 }
 
 void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& seriesDir)
 {
-    QSqlQuery update(database());
-    update.prepare(QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
+    QSqlDatabase db = database();
+    Statement storedPath(db, QStringLiteral("SELECT FilePath FROM imageformat WHERE SOPInstanceUID = ?"));
+    QList<QPair<QString, QString>> repaired; // SOP Instance UID, new path of a row whose file vanished
     int failed = 0;
     for (int i = 0; i < count; ++i) {
         ImageFormat& record = records[i];
@@ -42,23 +43,63 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
             storage::removeEmptyFolders(seriesDir);
             continue;
         }
-        if (!QFileInfo::exists(seriesDir))
-            QDir().mkpath(seriesDir);
-        const QString destination = QDir(seriesDir).filePath(QFileInfo(record.filePath).fileName());
-        // A failed copy keeps the source path: the catalogue never names a file that is not there.
-        if (!storage::copyOverwrite(record.filePath, destination)) {
+        // Stored files are named after their SOP Instance UID: two exports with equal file names
+        // cannot overwrite each other.
+        const QString destination = storage::storedFileName(seriesDir, record.sopInstanceUID);
+        if (record.state == ImageRecord::Duplicate) {
+            QString stored;
+            if (storedPath.bind(record.sopInstanceUID).run() && storedPath.next())
+                stored = storedPath.get<QString>(0);
+            storedPath.finish();
+            if (QFileInfo::exists(stored)) {
+                // Identical bytes are stored once; another content never replaces what a row names.
+                if (!sameContent(stored, record.filePath)) {
+                    const QString reason = tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, stored);
+                    m_counts.skippedFiles << reason;
+                    emit errorInfo(tr("not catalogued: %1").arg(reason));
+                    continue;
+                }
+                // A row left at its source by an earlier copy that failed gets its stored copy now.
+                if (m_savePath.isEmpty() || QDir::cleanPath(stored).startsWith(QDir::cleanPath(m_savePath) + QLatin1Char('/')))
+                    continue;
+            }
+            // The stored copy is gone: this file takes its place.
+            if (storage::storeCopy(record.filePath, destination) == storage::CopyResult::Failed) {
+                ++failed;
+                continue;
+            }
+            repaired.append({record.sopInstanceUID, destination});
+            continue;
+        }
+        const storage::CopyResult copied = storage::storeCopy(record.filePath, destination);
+        if (copied == storage::CopyResult::Failed) {
+            // A failed copy keeps the source path: the catalogue never names a file that is not there.
             ++failed;
             continue;
         }
-        if (record.state == ImageRecord::Duplicate) {
-            update.addBindValue(destination);
-            update.addBindValue(record.sopInstanceUID);
-            update.exec();
-        } else {
-            record.filePath = destination;
-            setColumn(&record, kImageFormat, "FilePath", destination);
+        if (copied == storage::CopyResult::OtherContent) {
+            // Another image with this UID is stored there already (another workstation's, or an
+            // earlier one's): the row that names it stays as it is.
+            record.state = ImageRecord::Duplicate;
+            const QString reason = tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, destination);
+            m_counts.skippedFiles << reason;
+            emit errorInfo(tr("not catalogued: %1").arg(reason));
+            continue;
         }
+        record.filePath = destination;
+        setColumn(&record, kImageFormat, "FilePath", destination);
         setColumn(&record, kImageFormat, "IrradiationEventUID", QStringLiteral("copy"));
+    }
+    if (!repaired.isEmpty()) {
+        const Status updated = runWrite(db, [&](Transaction&) {
+            Statement update(db, QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
+            for (const auto& [sop, path] : repaired)
+                if (const Status status = update.bind(path).bind(sop).run(); !status)
+                    return status;
+            return Status::ok();
+        }, 8);
+        if (!updated)
+            emit errorInfo(updated.text());
     }
     if (failed > 0)
         emit errorInfo(tr("cannot copy %1 file(s) into %2; the catalogue keeps their source paths")

@@ -3,7 +3,9 @@
 // values.
 #include "qdcmfiles.h"
 
+#include "catalog/batchinsert_p.h"
 #include "catalog/catalogschema_p.h"
+#include "catalog/statement_p.h"
 #include "dicom/dcmvalues_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/importrecords_p.h"
@@ -13,8 +15,6 @@
 #include <dcmtk/dcmdata/dcfilefo.h>
 
 #include <QDate>
-#include <QSqlError>
-#include <QSqlQuery>
 
 using namespace kestrel::internal;
 
@@ -27,37 +27,46 @@ const QString kMrImageInfo = QStringLiteral("mrimageinfo");
 constexpr unsigned int kSortReadLength = 2048;
 constexpr unsigned int kRecordReadLength = 4096;
 
-// Runs TEXT with VALUES bound in order; false when it fails.
-bool run(QSqlQuery& query, const QString& text, const QVariantList& values = {})
-{
-    if (!query.prepare(text))
-        return false;
-    for (const QVariant& value : values)
-        query.addBindValue(value);
-    return query.exec();
-}
-
 // The key of the last row, -1 without rows, FAILED when the query fails.
 qint64 lastKey(QSqlDatabase db, const QString& text, const QVariant& value, qint64 failed = -1)
 {
-    QSqlQuery query(db);
-    if (!run(query, text, {value}))
+    Statement query(db, text);
+    if (!query.bind(value).run())
         return failed;
     qint64 pk = -1;
     while (query.next())
-        pk = query.value(0).toLongLong();
+        pk = query.get<qint64>(0);
     return pk;
 }
 
 QList<PKAndUID> keysAndUIDs(QSqlDatabase db, const QString& text, qint64 parentPk)
 {
     QList<PKAndUID> list;
-    QSqlQuery query(db);
-    if (run(query, text, {parentPk})) {
+    Statement query(db, text);
+    if (query.bind(parentPk).run()) {
         while (query.next())
-            list.append(PKAndUID{query.value(0).toLongLong(), query.value(1).toString()});
+            list.append(PKAndUID{query.get<qint64>(0), query.get<QString>(1)});
     }
     return list;
+}
+
+// The first value of SQL's first row as text, false without a row or when the query fails.
+bool firstText(QSqlDatabase db, const QString& sql, const QVariant& value, QString* text)
+{
+    Statement query(db, sql);
+    if (!query.bind(value).run() || !query.next())
+        return false;
+    *text = query.get<QString>(0);
+    return true;
+}
+
+// Writes ROWS into TABLE; false with *ERROR set when a statement failed.
+bool write(QSqlDatabase db, const QString& table, const QVector<const QVector<QVariant>*>& rows, QString* error)
+{
+    const Status status = insertRows(db, table, rows);
+    if (!status && error)
+        *error = status.text();
+    return status.isOk();
 }
 
 // Marks RECORD against KNOWN: a duplicate stops here; otherwise the UID is claimed and the series
@@ -102,10 +111,8 @@ namespace {
 
 void finishImageFormat(ImageFormat* record, const QString& sop)
 {
-    // ContentDate goes through a QDate parsed with "YYYYMMDD", a pattern that never matches an
-    // eight-digit date: the column stays empty, as the application's readers expect.
-    const QDate contentDate = QDate::fromString(columnValue(*record, kImageFormat, "ContentDate").toString(), "YYYYMMDD");
-    setColumn(record, kImageFormat, "ContentDate", contentDate.isValid() ? contentDate.toString("yyyyMMdd") : QString(""));
+    // ContentDate as the file has it (a DICOM date, YYYYMMDD).
+    setColumn(record, kImageFormat, "ContentDate", columnValue(*record, kImageFormat, "ContentDate").toString().trimmed());
     setColumn(record, kImageFormat, "FilePath", record->filePath);
     record->sopInstanceUID = sop;
 }
@@ -184,7 +191,7 @@ bool QDcmFiles::addPatientDataBase(QString file)
         return false;
     QVector<QVariant> values = records::readColumns(QStringLiteral("patient"), m_fileFormat->getDataset());
     values[records::columnIndex("patient", "Status")] = records::notUploadedStatus();
-    return records::insertRows(database(), QStringLiteral("patient"), {&values}, &m_lastError);
+    return write(database(), QStringLiteral("patient"), {&values}, &m_lastError);
 }
 
 bool QDcmFiles::addStudyDataBase(QString file, qint64 patientPk)
@@ -197,7 +204,7 @@ bool QDcmFiles::addStudyDataBase(QString file, qint64 patientPk)
     values[time] = records::timeOfDay(values.at(time).toString());
     values[records::columnIndex(table, "patient_fk")] = patientPk;
     values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
-    return records::insertRows(database(), table, {&values}, &m_lastError);
+    return write(database(), table, {&values}, &m_lastError);
 }
 
 bool QDcmFiles::addGeneralSeriesDataBase(UIDandFile series, qint64 studyPk)
@@ -213,7 +220,7 @@ bool QDcmFiles::addGeneralSeriesDataBase(UIDandFile series, qint64 studyPk)
     values[records::columnIndex(table, "study_fk")] = studyPk;
     values[records::columnIndex(table, "SeriesBase")] = series.uid;
     values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
-    return records::insertRows(database(), table, {&values}, &m_lastError);
+    return write(database(), table, {&values}, &m_lastError);
 }
 
 QList<PKAndUID> QDcmFiles::getStudyPKAndUIDByPatientFK(qint64 patientPk)
@@ -283,11 +290,10 @@ bool QDcmFiles::getImageFormat(ImageFormat* record, QSet<QString>& known, qint64
         if (m_copyMode) {
             // In copy mode the stored row's IrradiationEventUID is the storage marker.
             record->values = QVector<QVariant>(schema::columns(kImageFormat).size());
-            QSqlQuery query(database());
-            if (run(query, QStringLiteral("SELECT IrradiationEventUID FROM imageformat WHERE SOPInstanceUID = ?"),
-                    {record->sopInstanceUID}) &&
-                query.next())
-                setColumn(record, kImageFormat, "IrradiationEventUID", query.value(0).toString());
+            QString marker;
+            if (firstText(database(), QStringLiteral("SELECT IrradiationEventUID FROM imageformat WHERE SOPInstanceUID = ?"),
+                          record->sopInstanceUID, &marker))
+                setColumn(record, kImageFormat, "IrradiationEventUID", marker);
         }
         return true;
     }
@@ -332,7 +338,7 @@ static bool writeBatch(QSqlDatabase db, const QString& table, Record* records, i
         if (records[i].state == ImageRecord::New && !records[i].values.isEmpty())
             rows.append(&records[i].values);
     }
-    return records::insertRows(db, table, rows, error);
+    return write(db, table, rows, error);
 }
 
 bool QDcmFiles::addImageFormatsToDB(ImageFormat* records, int count)
@@ -369,7 +375,7 @@ bool QDcmFiles::insertRecord(const QString& table, const ImageRecord& record)
 {
     if (record.state != ImageRecord::New)
         return false;
-    return records::insertRows(database(), table, {&record.values}, &m_lastError);
+    return write(database(), table, {&record.values}, &m_lastError);
 }
 
 bool QDcmFiles::addImageFormatDataBase(QSet<QString>& known, QString file, qint64 seriesPk)
@@ -404,33 +410,28 @@ bool QDcmFiles::getImageInstanceUID(QString table, qint64 seriesPk, QSet<QString
 {
     if (table != kImageFormat && table != kImagePixel && table != kMrImageInfo)
         return false;
-    QSqlQuery query(database());
-    if (!run(query, QStringLiteral("SELECT SOPInstanceUID FROM %1 WHERE series_fk = ?").arg(table), {seriesPk}))
+    // TABLE is one of the schema's three image tables (checked above).
+    Statement query(database(), QStringLiteral("SELECT SOPInstanceUID FROM %1 WHERE series_fk = ?").arg(table));
+    if (!query.bind(seriesPk).run())
         return false;
     while (query.next())
-        known.insert(query.value(0).toString());
+        known.insert(query.get<QString>(0));
     return true;
 }
 
 bool QDcmFiles::IsImageFormatTableExist()
 {
-    QSqlQuery query(database());
-    return query.exec(QStringLiteral("SELECT * FROM imageformat WHERE InstanceNumber = NULL"));
+    return execute(database(), QStringLiteral("SELECT * FROM imageformat WHERE InstanceNumber = NULL")).isOk();
 }
 
 bool QDcmFiles::IsImagePixTableExist()
 {
-    QSqlQuery query(database());
-    return query.exec(QStringLiteral("SELECT * FROM imagepixel WHERE SliceThickness = NULL"));
+    return execute(database(), QStringLiteral("SELECT * FROM imagepixel WHERE SliceThickness = NULL")).isOk();
 }
 
 bool QDcmFiles::getEchoTime(qint64 seriesPk, QString& echoTime)
 {
-    QSqlQuery query(database());
-    if (!run(query, QStringLiteral("SELECT EchoTime FROM mrimageinfo WHERE series_fk = ?"), {seriesPk}) || !query.next())
-        return false;
-    echoTime = query.value(0).toString();
-    return true;
+    return firstText(database(), QStringLiteral("SELECT EchoTime FROM mrimageinfo WHERE series_fk = ?"), seriesPk, &echoTime);
 }
 
 bool QDcmFiles::getEchoTime(QString file, QString& echoTime)
@@ -443,12 +444,8 @@ bool QDcmFiles::getEchoTime(QString file, QString& echoTime)
 
 bool QDcmFiles::getMagneticFieldStrength(qint64 seriesPk, QString& strength)
 {
-    QSqlQuery query(database());
-    if (!run(query, QStringLiteral("SELECT MagneticFieldStrength FROM mrimageinfo WHERE series_fk = ?"), {seriesPk}) ||
-        !query.next())
-        return false;
-    strength = query.value(0).toString();
-    return true;
+    return firstText(database(), QStringLiteral("SELECT MagneticFieldStrength FROM mrimageinfo WHERE series_fk = ?"),
+                     seriesPk, &strength);
 }
 
 bool QDcmFiles::getMagneticFieldStrength(QString file, QString& strength)

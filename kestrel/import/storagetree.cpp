@@ -1,12 +1,15 @@
 #include "import/storagetree_p.h"
 
 #include "kestrelpaths.h"
+#include "platform/fileplacement_p.h"
 
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
+
+
 
 namespace kestrel::internal::storage {
 
@@ -82,6 +85,37 @@ bool copyOverwrite(const QString& from, const QString& to)
         return false;
     }
     return true;
+}
+
+QString storedFileName(const QString& seriesDir, const QString& sopInstanceUID)
+{
+    return QDir(seriesDir).filePath(safeFolderName(sopInstanceUID) + QStringLiteral(".dcm"));
+}
+
+CopyResult storeCopy(const QString& from, const QString& to)
+{
+    if (QFileInfo(from).absoluteFilePath() == QFileInfo(to).absoluteFilePath())
+        return CopyResult::AlreadyThere;
+    if (!QFileInfo::exists(from))
+        return CopyResult::Failed;
+    const QFileInfo there(to);
+    if (there.exists() && !there.isFile())
+        return CopyResult::Failed; // a folder or another kind of entry holds the name
+    if (there.exists())
+        return sameContent(from, to) ? CopyResult::AlreadyThere : CopyResult::OtherContent;
+    QDir().mkpath(QFileInfo(to).path());
+    const QString part = partName(to);
+    if (!QFile::copy(from, part)) {
+        QFile::remove(part);
+        return CopyResult::Failed;
+    }
+    switch (placeFile(part, to)) {
+    case Placement::Placed: return CopyResult::Copied;
+    case Placement::AlreadyThere: return CopyResult::AlreadyThere;
+    case Placement::OtherContent: return CopyResult::OtherContent;
+    case Placement::Failed: break;
+    }
+    return CopyResult::Failed;
 }
 
 void removeEmptyFolders(const QString& dir, int levels)

@@ -24,6 +24,22 @@ KESTREL_TEST_EXPORT QString subFolder(const QString& parent, const QString& name
 // written beside TO and renamed over it, so a failed copy keeps an existing destination.
 KESTREL_TEST_EXPORT bool copyOverwrite(const QString& from, const QString& to);
 
+// The name of the stored copy of the image SOPINSTANCEUID in SERIESDIR: its UID (made safe) and
+// ".dcm". Equal file names of two exports cannot meet there.
+KESTREL_TEST_EXPORT QString storedFileName(const QString& seriesDir, const QString& sopInstanceUID);
+
+enum class CopyResult {
+    Copied,       // TO holds a new copy of FROM
+    AlreadyThere, // TO already held the same bytes: stored once
+    OtherContent, // TO holds another file: left as it is
+    Failed,       // FROM missing or the copy could not be written
+};
+
+// Stores FROM as TO without ever replacing a different file: the copy is written under a name of
+// its own beside TO and moved into place in one step, so two processes storing the same image at
+// once end with one whole file.
+KESTREL_TEST_EXPORT CopyResult storeCopy(const QString& from, const QString& to);
+
 // Removes DIR, then its parent, then the grandparent, each only while empty.
 KESTREL_TEST_EXPORT void removeEmptyFolders(const QString& dir, int levels = 3);
 

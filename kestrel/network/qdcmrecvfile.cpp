@@ -1,15 +1,59 @@
 #include "qdcmrecvfile.h"
 
 #include "catalog/connection_p.h"
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
 
 #include <QDebug>
 #include <QSqlDatabase>
 #include <QSqlError>
-#include <QSqlQuery>
 #include <QTimer>
 #include <QVariant>
 
 QDcmRecvFile* QDcmRecvFile::s_instance = nullptr;
+
+namespace {
+
+using kestrel::internal::Statement;
+using kestrel::internal::Status;
+
+// Runs INSERT and, when it adds no row, UPDATE (both with their values bound).
+Status insertOrUpdate(Statement& insert, const QVariantList& insertValues, Statement& update,
+                      const QVariantList& updateValues)
+{
+    // A failed INSERT is logged; the UPDATE decides.
+    if (insert.bindAll(insertValues).run() && insert.rowsAffected() >= 1)
+        return Status::ok();
+    return update.bindAll(updateValues).run();
+}
+
+// The series row and one row per image of SERIES, each added or, when there, reset. The UIDs are
+// the tables' unique keys: the INSERT adds a row only where none is (another process's included)
+// and otherwise the UPDATE resets it, so a series received twice is recorded once.
+Status recordSeries(QSqlDatabase db, const _recvSeries& series, int cloudflag)
+{
+    const int count = series.instances.size();
+    const QString insertVerb = db.driverName() == QLatin1String("QMYSQL") ? QStringLiteral("INSERT IGNORE")
+                                                                           : QStringLiteral("INSERT OR IGNORE");
+    Statement insertSeries(db, insertVerb + QStringLiteral(" INTO series (seriesUID,recvnum,upDBnum,upCloudnum) VALUES (?, ?, ?, ?)"));
+    Statement updateSeries(db, QStringLiteral("UPDATE series SET recvnum=?,upDBnum=0,upCloudnum=0 WHERE seriesUID = ?"));
+    Status status = insertOrUpdate(insertSeries, {series.seriesUID, count, 0, 0}, updateSeries, {count, series.seriesUID});
+    if (!status)
+        return status;
+
+    Statement insert(db, insertVerb + QStringLiteral(" INTO images (seriesUID,InstanceUID,DBflag,Cloudflag,filepath) VALUES (?, ?, ?, ?, ?)"));
+    // An existing row keeps its file path; only its flags start over.
+    Statement update(db, QStringLiteral("UPDATE images SET DBflag=0,Cloudflag=? WHERE InstanceUID = ?"));
+    for (auto it = series.instances.constBegin(); it != series.instances.constEnd(); ++it) {
+        status = insertOrUpdate(insert, {series.seriesUID, it.key(), 0, cloudflag, it.value()}, update,
+                                {cloudflag, it.key()});
+        if (!status)
+            return status;
+    }
+    return Status::ok();
+}
+
+} // namespace
 
 QDcmRecvFile* QDcmRecvFile::instance()
 {
@@ -132,50 +176,10 @@ void QDcmRecvFile::writeSeriestoDatabase(_recvSeries* series)
     if (!kestrel::internal::reopenIfLost(db)) {
         qWarning() << "QDcmRecvFile::writeSeriestoDatabase: no connection" << db.lastError().text();
     } else {
-        db.transaction();
-        const int count = series->instances.size();
-        // The tables have no unique keys: the INSERT adds a row only when none exists for the
-        // UID and otherwise falls back to the UPDATE, so a series received twice is recorded once.
-        QSqlQuery query(db);
-        query.prepare(QStringLiteral(
-            "INSERT INTO series (seriesUID,recvnum,upDBnum,upCloudnum) SELECT ?, ?, ?, ? FROM (SELECT 1 AS one) "
-            "AS single WHERE NOT EXISTS (SELECT 1 FROM series WHERE seriesUID = ?)"));
-        query.addBindValue(series->seriesUID);
-        query.addBindValue(count);
-        query.addBindValue(0);
-        query.addBindValue(0);
-        query.addBindValue(series->seriesUID);
-        if (!query.exec() || query.numRowsAffected() < 1) {
-            QSqlQuery update(db);
-            update.prepare(QStringLiteral("UPDATE series SET recvnum=?,upDBnum=0,upCloudnum=0 WHERE seriesUID = ?"));
-            update.addBindValue(count);
-            update.addBindValue(series->seriesUID);
-            update.exec();
-        }
-
-        const int cloudflag = m_toCloud ? 0 : 2;
-        QSqlQuery insert(db);
-        insert.prepare(QStringLiteral(
-            "INSERT INTO images (seriesUID,InstanceUID,DBflag,Cloudflag,filepath) SELECT ?, ?, ?, ?, ? FROM "
-            "(SELECT 1 AS one) AS single WHERE NOT EXISTS (SELECT 1 FROM images WHERE InstanceUID = ?)"));
-        QSqlQuery update(db);
-        update.prepare(QStringLiteral("UPDATE images SET DBflag=0,Cloudflag=? WHERE InstanceUID = ?"));
-        for (auto it = series->instances.constBegin(); it != series->instances.constEnd(); ++it) {
-            insert.addBindValue(series->seriesUID);
-            insert.addBindValue(it.key());
-            insert.addBindValue(0);
-            insert.addBindValue(cloudflag);
-            insert.addBindValue(it.value());
-            insert.addBindValue(it.key());
-            if (!insert.exec() || insert.numRowsAffected() < 1) {
-                // An existing row keeps its file path; only its flags start over.
-                update.addBindValue(cloudflag);
-                update.addBindValue(it.key());
-                update.exec();
-            }
-        }
-        if (!db.commit())
-            qWarning() << "QDcmRecvFile::writeSeriestoDatabase: commit failed" << db.lastError().text();
+        const kestrel::internal::Status recorded = kestrel::internal::runWrite(
+                db, [&](kestrel::internal::Transaction&) { return recordSeries(db, *series, m_toCloud ? 0 : 2); });
+        if (!recorded)
+            qWarning() << "QDcmRecvFile::writeSeriestoDatabase: the series is not recorded:" << recorded.text();
     }
     m_writtenSeries.append(series->seriesUID);
 }

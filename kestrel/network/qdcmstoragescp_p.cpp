@@ -1,11 +1,14 @@
 #include "network/qdcmstoragescp_p.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "platform/fileplacement_p.h"
 
 #include <dcmtk/dcmdata/dcdatset.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 
 #include <QDebug>
+#include <QDir>
+#include <QFile>
 
 QDcmStorageSCPPrivate::QDcmStorageSCPPrivate(QObject* parent) : QObject(parent) {}
 
@@ -78,6 +81,46 @@ OFBool QDcmStorageSCPPrivate::stopAfterConnectionTimeout()
 {
     // The loop waits for connections one second at a time so that a stop is seen while idle.
     return m_stop;
+}
+
+Uint16 QDcmStorageSCPPrivate::checkAndProcessSTORERequest(const T_DIMSE_C_StoreRQ& reqMessage, DcmFileFormat& fileformat)
+{
+    DcmDataset* dataset = fileformat.getDataset();
+    if (!dataset || dataset->isEmpty())
+        return STATUS_STORE_Error_CannotUnderstand;
+    OFString filename, directory;
+    OFString sopClassUID = reqMessage.AffectedSOPClassUID;
+    OFString sopInstanceUID = reqMessage.AffectedSOPInstanceUID;
+    if (generateDirAndFilename(filename, directory, sopClassUID, sopInstanceUID, dataset).bad())
+        return STATUS_STORE_Error_CannotUnderstand;
+    // Another provider may be making the same folder at this moment: what counts is that it is there.
+    const QString folder = QFile::decodeName(directory.c_str());
+    if (!QDir().mkpath(folder)) {
+        qWarning() << "QDcmStorageSCPPrivate: cannot create" << folder;
+        return STATUS_STORE_Refused_OutOfResources;
+    }
+    fileformat.getMetaInfo()->putAndInsertString(DCM_SourceApplicationEntityTitle, getPeerAETitle().c_str());
+
+    const QString target = normalizedFileName(filename);
+    QString placed = target;
+    for (int attempt = 1;; ++attempt) {
+        const QString part = kestrel::internal::partName(placed);
+        if (fileformat.saveFile(QFile::encodeName(part).constData()).bad()) {
+            QFile::remove(part);
+            qWarning() << "QDcmStorageSCPPrivate: cannot store a received object as" << part;
+            return STATUS_STORE_Refused_OutOfResources;
+        }
+        const kestrel::internal::Placement result = kestrel::internal::placeFile(part, placed);
+        if (result == kestrel::internal::Placement::Placed || result == kestrel::internal::Placement::AlreadyThere)
+            break;
+        if (result == kestrel::internal::Placement::Failed || attempt >= 100)
+            return STATUS_STORE_Refused_OutOfResources;
+        // Another object holds the name (UIDs that differ only past what a file name keeps):
+        // this one gets a name of its own.
+        placed = QStringLiteral("%1-%2").arg(target).arg(attempt + 1);
+    }
+    notifyInstanceStored(OFString(QFile::encodeName(placed).constData()), sopClassUID, sopInstanceUID, dataset);
+    return STATUS_Success;
 }
 
 void QDcmStorageSCPPrivate::notifyInstanceStored(const OFString& filename, const OFString& sopClassUID,

@@ -54,6 +54,11 @@ protected:
     void notifyDIMSEError(const OFCondition& cond) override;
     OFBool stopAfterCurrentAssociation() override;
     OFBool stopAfterConnectionTimeout() override;
+    // Stores a received object: written under a name of its own, then put in place in one step,
+    // so that providers sharing a receiving folder never leave a half-written or overwritten
+    // file; another object under the same name gets a name of its own. The sender's AE title goes
+    // into the file's meta header.
+    Uint16 checkAndProcessSTORERequest(const T_DIMSE_C_StoreRQ& reqMessage, DcmFileFormat& fileformat) override;
     // DCMTK declares this const; the series UID it keeps is therefore mutable.
     void notifyInstanceStored(const OFString& filename, const OFString& sopClassUID, const OFString& sopInstanceUID,
                               DcmDataset* dataset = nullptr) const override;

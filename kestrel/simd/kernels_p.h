@@ -4,9 +4,14 @@
 
 #include <QtGlobal>
 
-// Reduction kernels of the plane and slab cutters over signed 16-bit voxels, vectorised with
-// SSE2/SSE4.1, each with a plain scalar twin that the tests use as the reference.
+#include <cmath>
+
+// The library's vector kernels. Each has a plain scalar twin of the same result, which the tests
+// use as the reference. The kernels live in kernels_sse41.cpp (the one file built for SSE4.1),
+// the twins in kernels_scalar.cpp.
 namespace kestrel::internal {
+
+// --- reductions of the plane and slab cutters over signed 16-bit voxels ---
 
 // dst[n] = max(dst[n], src[n]) / min(...), signed 16-bit, for N values.
 KESTREL_TEST_EXPORT void maxInPlaceS16(short* dst, const short* src, qint64 n);
@@ -21,16 +26,52 @@ KESTREL_TEST_EXPORT short reduceMaxS16(const short* src, qint64 n);
 KESTREL_TEST_EXPORT short reduceMinS16(const short* src, qint64 n);
 KESTREL_TEST_EXPORT qint32 reduceSumS16(const short* src, qint64 n);
 
-KESTREL_TEST_EXPORT short reduceMaxS16Scalar(const short* src, qint64 n);
-KESTREL_TEST_EXPORT short reduceMinS16Scalar(const short* src, qint64 n);
-KESTREL_TEST_EXPORT qint32 reduceSumS16Scalar(const short* src, qint64 n);
-
 KESTREL_TEST_EXPORT void maxInPlaceS16Scalar(short* dst, const short* src, qint64 n);
 KESTREL_TEST_EXPORT void minInPlaceS16Scalar(short* dst, const short* src, qint64 n);
 KESTREL_TEST_EXPORT void accumulateS16Scalar(qint32* acc, const short* src, qint64 n);
 KESTREL_TEST_EXPORT void divideToS16Scalar(short* dst, const qint32* acc, qint64 n, int count);
 
-// The fixed-point trilinear sample of voxel_valued_sse4_s16, written out in scalar code.
-KESTREL_TEST_EXPORT short voxelValuedScalarS16(const char* data, const int* steps, float x, float y, float z);
+KESTREL_TEST_EXPORT short reduceMaxS16Scalar(const short* src, qint64 n);
+KESTREL_TEST_EXPORT short reduceMinS16Scalar(const short* src, qint64 n);
+KESTREL_TEST_EXPORT qint32 reduceSumS16Scalar(const short* src, qint64 n);
+
+// --- trilinear sample of the oblique views ---
+
+// The voxel value at fractional position (x, y, z) of 16-bit signed voxels, in 9-bit fixed point.
+// STEPS holds the byte strides per voxel, row and slice (the next voxel along a row is read 2 bytes
+// on); the position lies one voxel short of each far edge. Each of the three blends is (a * (512 - f) + b * f) shifted right by 9 as unsigned and
+// saturated to 32767, so a negative weighted sum gives 32767.
+KESTREL_TEST_EXPORT short sampleTrilinearS16(const char* data, const int* steps, float x, float y, float z);
+KESTREL_TEST_EXPORT short sampleTrilinearS16Scalar(const char* data, const int* steps, float x, float y,
+                                                   float z);
+
+// Whole voxel and 9-bit fraction of a sampler coordinate. Internal linkage: the two kernel files
+// are built for different instruction sets and must not share one copy.
+struct FixedPoint {
+    int i, f;
+};
+
+static inline FixedPoint fixedPoint(float v)
+{
+    const int i = int(v);
+    return {i, int(std::lrint(512.0f * v)) - 512 * i};
+}
+
+// --- display kernels of 16-bit images ---
+
+// out[n] = table[in[n]] for N values: the window lookup of the grey images.
+KESTREL_TEST_EXPORT void lookupU16(quint32* out, const quint16* in, const quint32* table, qint64 n);
+KESTREL_TEST_EXPORT void lookupU16Scalar(quint32* out, const quint16* in, const quint32* table, qint64 n);
+
+// Reverses [first, last) in place.
+KESTREL_TEST_EXPORT void reverseU16(quint16* first, quint16* last);
+KESTREL_TEST_EXPORT void reverseU16Scalar(quint16* first, quint16* last);
+
+// Fills W x H values of D (LINE values per row) from S0: d[y * LINE + x] = s0[y * EY + x * EX].
+// EY is +1 or -1 (a source column runs along memory), EX any stride.
+KESTREL_TEST_EXPORT void transposeU16(const quint16* s0, qptrdiff ex, qptrdiff ey, quint16* d0, qptrdiff line, int w,
+                                      int h);
+KESTREL_TEST_EXPORT void transposeU16Scalar(const quint16* s0, qptrdiff ex, qptrdiff ey, quint16* d0, qptrdiff line,
+                                            int w, int h);
 
 } // namespace kestrel::internal

@@ -3,8 +3,9 @@
 #include "dicom/dcmvalues_p.h"
 #include "dicom/pixelvalues_p.h"
 #include "geometry/slicestack_p.h"
+#include "platform/fileplacement_p.h"
+#include "volume/volumecache_p.h"
 #include "volume/volumeheadtext_p.h"
-#include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qseries.h"
@@ -18,15 +19,11 @@
 #include <dcmtk/dcmimgle/dipixel.h>
 
 #include <QDebug>
-#include <QDir>
 #include <QFile>
-#include <QSettings>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -34,6 +31,11 @@
 #include <vector>
 
 using namespace kestrel::internal;
+
+QString getCachedVolumePath(const QString& key)
+{
+    return volumecache::registeredFile(key);
+}
 
 NDicomVolume::NDicomVolume(QObject* parent)
     : NVolume(parent)
@@ -489,31 +491,17 @@ void NDicomVolume::clone(NDicomVolume* src)
 
 void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>& build)
 {
-    m_curVolumeDataPath.clear();
-    QSqlDatabase db = QSqlDatabase::database();
-    bool current = false;
-    {
-        QSqlQuery query(db);
-        query.prepare("SELECT * FROM registration WHERE SeriesInstanceUID = ?");
-        query.addBindValue(key);
-        if (query.exec())
-            while (query.next()) {
-                m_curVolumeDataPath = query.value(3).toString();
-                current = isCurrentVolumeHeadText(query.value(4).toString());
-            }
-    }
+    QString head;
+    m_curVolumeDataPath = volumecache::registeredFile(key, &head);
     if (!m_curVolumeDataPath.isEmpty()) {
         // A volume cached by an earlier build has the geometry of its rules: built again.
-        if (current && loadVolume(m_curVolumeDataPath) >= 0) {
+        if (isCurrentVolumeHeadText(head) && loadVolume(m_curVolumeDataPath) >= 0) {
             emit registrationInfo(1);
             return;
         }
         qWarning() << "NDicomVolume: cached volume is of an earlier build or does not load, rebuilding:"
                    << m_curVolumeDataPath;
-        QSqlQuery remove(db);
-        remove.prepare("DELETE FROM registration WHERE SeriesInstanceUID = ?");
-        remove.addBindValue(key);
-        remove.exec();
+        volumecache::forget(key);
     }
     build();
     emit registrationInfo(0);
@@ -548,36 +536,24 @@ int NDicomVolume::writeCache(const QString& key)
     m_curVolumeDataPath.clear();
     if (key.isEmpty() || !isValid())
         return 0;
-    // The cache folder is configured relative to the working directory, as the application's
-    // launcher sets it; a relative folder is resolved against the application directory.
-    QSettings settings(QStringLiteral("../config/cache.ini"), QSettings::IniFormat);
-    QString folder = settings.value(QStringLiteral("registration/cachepath"), QStringLiteral("../cache")).toString();
-    if (QDir::isRelativePath(folder))
-        folder = QDir(Kestrel::applicationDir()).absoluteFilePath(folder);
-    folder = QDir::cleanPath(folder);
-    QDir().mkpath(folder);
-    // The key becomes a file name: no separators from the data.
-    QString name = key;
-    name.replace('/', '_').replace('\\', '_');
-    const QString file = folder + "/" + name + ".data";
-    if (!saveAs(file))
-        return 0;
-    if (!QFile::exists(file)) {
+    const QString file = volumecache::fileFor(volumecache::folder(), key);
+    // Written under a name of its own and then renamed over the cache file in one step: a process
+    // reading the cache at the same time sees the old file or the new one, never half of one.
+    const QString part = kestrel::internal::partName(file);
+    if (!saveAs(part) || !QFile::exists(part) ||
+        std::rename(QFile::encodeName(part).constData(), QFile::encodeName(file).constData()) != 0) {
+        QFile::remove(part);
         qWarning() << "NDicomVolume::saveVolumeToDefaultPath: cannot write" << file;
         return 0;
     }
     m_curVolumeDataPath = file;
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("INSERT INTO registration (SeriesInstanceUID,ServerAddress,Savepath,VolumeHead) VALUES (?, ?, ?, ?)");
-    query.addBindValue(key);
-    query.addBindValue(QString(""));
-    query.addBindValue(file);
-    query.addBindValue(volumeHeadtoString(m_head));
-    if (!query.exec())
-        qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << query.lastError().text();
-    // An INSERT leaves no row to stand on, so this is 0 after a good write too; kept because the
-    // callers have always ignored it and the boolean form relies on the same answer.
-    return query.isValid() ? 1 : 0;
+    const Status registered = volumecache::registerFile(key, file, volumeHeadtoString(m_head));
+    if (!registered)
+        qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << registered.text();
+    // The answer has always been that of a query positioned on a row, which an INSERT never
+    // leaves: 0 after a good write too. Kept because the callers have always ignored it and the
+    // boolean form relies on the same answer.
+    return 0;
 }
 
 int NDicomVolume::saveVolumeToDefaultPath()

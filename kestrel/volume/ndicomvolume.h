@@ -13,6 +13,10 @@
 class DcmFileFormat;
 class QSeries;
 
+// The volume file the cache has registered for KEY (a series' SeriesBase, a study's UID), as
+// NDicomVolume would load it; empty when none is registered. The file itself may be gone.
+KESTREL_EXPORT QString getCachedVolumePath(const QString& key);
+
 // A volume built from DICOM data: from a head and its voxel bytes, or from a series of the
 // catalogue (one time frame per series for a list), with a disk cache of built volumes
 // registered in the `registration` table, and the axial, coronal and sagittal views of its planes.

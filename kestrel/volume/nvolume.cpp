@@ -1,6 +1,7 @@
 #include "nvolume.h"
 
 #include "geometry/slicestack_p.h"
+#include "volume/volumecache_p.h"
 #include "volume/volumeheadtext_p.h"
 #include "volume/volumeplugin_p.h"
 #include "simd/kernels_p.h"
@@ -11,8 +12,6 @@
 #include <QDebug>
 #include <QFile>
 #include <QFileInfo>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 
 #include <cmath>
 #include <cstdlib>
@@ -167,16 +166,12 @@ int NVolume::loadVolume(QString path)
     if (!file.exists() || !file.open(QIODevice::ReadOnly))
         return -1;
     const qint64 fileSize = file.size();
-    // Anything up to 128 KiB is not a volume file.
-    if (fileSize <= 0x20000)
-        return -1;
     VolumeHead head;
     if (file.read(reinterpret_cast<char*>(&head), sizeof head) != qint64(sizeof head))
         return -1;
     // The head decides the allocation: it must describe this file and fit its own buffer.
-    if (head.totallen < kVolumeHeaderBlock || head.totallen > fileSize
-        || framesInBuffer(head, kVolumeHeaderBlock, head.totallen) < 1) {
-        qWarning() << "NVolume::loadVolume: head does not match the file" << path;
+    if (const QString fault = volumeFileFault(head, fileSize); !fault.isEmpty()) {
+        qWarning() << "NVolume::loadVolume: head does not match the file" << path << fault;
         return -1;
     }
     if (!file.seek(0))
@@ -515,20 +510,8 @@ void NVolume::maskVolume(NVolume* volume, NBitVolume* mask)
 
 void NVolume::getUID(qint64 seriesPk)
 {
-    QSqlQuery query(QSqlDatabase::database());
-    query.prepare("SELECT generalstudy.StudyInstanceUID,generalseries.SeriesInstanceUID FROM generalstudy "
-                  "inner join generalseries inner join imageformat WHERE generalstudy.pk=generalseries.study_fk "
-                  "and generalseries.pk=imageformat.series_fk and imageformat.series_fk=?");
-    query.addBindValue(seriesPk);
-    if (!query.exec())
-        return;
     // The UIDs are read and dropped: callers only use this to touch the series' rows.
-    while (query.next()) {
-        const QString studyUid = query.value(0).toString();
-        const QString seriesUid = query.value(1).toString();
-        Q_UNUSED(studyUid);
-        Q_UNUSED(seriesUid);
-    }
+    volumecache::readSeriesUIDs(seriesPk);
 }
 
 VelIVolume* NVolume::getVelIVolume() const
@@ -537,6 +520,11 @@ VelIVolume* NVolume::getVelIVolume() const
 }
 
 // --- planes and slabs ---------------------------------------------------------------------
+
+short voxel_valued_sse4_s16(char* data, int* steps, float x, float y, float z)
+{
+    return sampleTrilinearS16(data, steps, x, y, z);
+}
 
 namespace {
 

@@ -179,4 +179,16 @@ int framesInBuffer(const VolumeHead& h, qint64 offset, qint64 length)
     return frames;
 }
 
+QString volumeFileFault(const VolumeHead& head, qint64 fileSize)
+{
+    // Anything up to 128 KiB is not a volume file.
+    if (fileSize <= 0x20000)
+        return QStringLiteral("%1 bytes, too small for a volume file").arg(fileSize);
+    if (head.totallen < kVolumeHeaderBlock || head.totallen > fileSize)
+        return QStringLiteral("the head says %1 bytes, the file has %2").arg(head.totallen).arg(fileSize);
+    if (framesInBuffer(head, kVolumeHeaderBlock, head.totallen) < 1)
+        return QStringLiteral("the head's geometry does not fit its %1 bytes").arg(head.totallen);
+    return QString();
+}
+
 } // namespace kestrel::internal

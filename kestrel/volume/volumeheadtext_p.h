@@ -33,4 +33,8 @@ KESTREL_TEST_EXPORT int photometricCode(const QString& value, int current);
 // negative or frame 0 does not fit.
 KESTREL_TEST_EXPORT int framesInBuffer(const VolumeHead& head, qint64 offset, qint64 length);
 
+// Why a volume file of FILESIZE bytes that starts with HEAD cannot be loaded (too small for a volume
+// file, a head that does not describe the file or does not fit its own buffer); empty when it can.
+KESTREL_TEST_EXPORT QString volumeFileFault(const VolumeHead& head, qint64 fileSize);
+
 } // namespace kestrel::internal

@@ -53,8 +53,9 @@ private slots:
         for (const char* table : {"patientuser", "andvancequiry", "querypatientuser", "querygeneralstudyuser",
                                      "querygeneralseriesuser", "queryimageformatuser"})
             QVERIFY2(TestCatalog::count(table) >= 0, table);
-        // The display tables mirror their level's columns, key first.
-        QCOMPARE(createdColumns(catalog, "querypatientuser").mid(1, 28), schema::columns("patient"));
+        // The display tables mirror their level's columns, key first (a patient's identity key and
+        // issuer are no display choices).
+        QCOMPARE(createdColumns(catalog, "querypatientuser").mid(1, 28), schema::columns("patient").mid(0, 28));
     }
 
     void keysAreAssignedAndValuesBound_data() { TestCatalog::addBackendRows(); }
@@ -66,16 +67,19 @@ private slots:
         QSqlQuery insert(QSqlDatabase::database());
         QVERIFY(insert.prepare(schema::insertStatement("imagepixel")));
         const int firstNumeric = columns.indexOf("series_fk");
-        for (int i = 0; i < columns.size(); ++i) {
-            if (columns[i] == "ImageOrientationPatient")
-                insert.addBindValue(QString("1\\0\\0\\0\\1\\0"));
-            else if (i >= firstNumeric && columns[i] != "SOPInstanceUID")
-                insert.addBindValue(0.5 * i);
-            else
-                insert.addBindValue(QString("O'Brien; --"));
+        for (const QString& sop : {QString("1.2.3"), QString("1.2.4")}) {
+            for (int i = 0; i < columns.size(); ++i) {
+                if (columns[i] == "ImageOrientationPatient")
+                    insert.addBindValue(QString("1\\0\\0\\0\\1\\0"));
+                else if (columns[i] == "SOPInstanceUID")
+                    insert.addBindValue(sop);
+                else if (i >= firstNumeric)
+                    insert.addBindValue(0.5 * i);
+                else
+                    insert.addBindValue(QString("O'Brien; --"));
+            }
+            QVERIFY(insert.exec());
         }
-        QVERIFY(insert.exec());
-        QVERIFY(insert.exec());
         QSqlQuery read(QSqlDatabase::database());
         QVERIFY(read.exec("SELECT pk, ImageOrientationPatient FROM imagepixel ORDER BY pk"));
         QVERIFY(read.next());
@@ -94,6 +98,37 @@ private slots:
         QVERIFY(createConnection());
         QCOMPARE(TestCatalog::count("patient"), 1);
         QCOMPARE(TestCatalog::count("querypatientuser"), 1);
+    }
+
+    void readsForPrograms_data() { TestCatalog::addBackendRows(); }
+    void readsForPrograms()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QCOMPARE(getPatientKeys(), QList<qint64>());
+        QSqlQuery write(QSqlDatabase::database());
+        for (const char* sql : {"INSERT INTO patient (pk, PatientID) VALUES (12, 'b')", "INSERT INTO patient (pk, PatientID) VALUES (3, 'a')",
+                                "INSERT INTO generalseries (pk, SeriesInstanceUID) VALUES (9, '1.2.3')",
+                                "INSERT INTO generalseries (pk, SeriesInstanceUID) VALUES (4, '1.2.30')",
+                                "INSERT INTO andvancequiry (InquiryName) VALUES ('mine')", "INSERT INTO andvancequiry (InquiryName) VALUES ('mine')",
+                                "INSERT INTO andvancequiry (InquiryName) VALUES ('Mine2')",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('s', '1', 1)",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('s', '2', 0)",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('s', '3', 1)",
+                                "INSERT INTO images (seriesUID, InstanceUID, DBflag) VALUES ('t', '4', 1)"})
+            QVERIFY2(write.exec(sql), sql);
+        QCOMPARE(getPatientKeys(), QList<qint64>({3, 12}));
+        QCOMPARE(getSeriesKey("1.2.3"), qint64(9));
+        QCOMPARE(getSeriesKey("1.2"), qint64(-1));
+        QCOMPARE(getStoredSearchCount("mine"), 2);
+        QCOMPARE(getStoredSearchCount("other"), 0);
+        QCOMPARE(getImportedImageCount("s"), 2);
+        QCOMPARE(getImportedImageCount("u"), 0);
+        // A catalogue without the tables: the failure answers, not a count.
+        for (const char* table : {"andvancequiry", "patient"})
+            QVERIFY(write.exec(QString("DROP TABLE %1").arg(table)));
+        QCOMPARE(getStoredSearchCount("mine"), -1);
+        QCOMPARE(getPatientKeys(), QList<qint64>());
     }
 
     void unreachableServerFails()

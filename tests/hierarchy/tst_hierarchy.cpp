@@ -2,6 +2,7 @@
 
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qpatient.h"
@@ -18,6 +19,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <tuple>
 
 namespace {
 
@@ -136,6 +138,62 @@ QList<Image> readFolder(const QString& dir)
     return rows;
 }
 
+// Stores the search NAME: one andvancequiry row per entry of ROWS (table, column, operator,
+// value, connector, match kind).
+void storeSearch(const QString& name, const QList<QStringList>& rows)
+{
+    for (const QStringList& c : rows)
+        insert("andvancequiry", {{"InquiryName", name}, {"TableName", c[0]}, {"ColumnName", c[1]}, {"Operator", c[2]},
+                                 {"Value", c[3]}, {"Connector", c[4]}, {"MatchKind", c[5]}});
+}
+
+// The result view's column choices: patient key hidden, name and ID; study key and description;
+// series key and number; image key and number.
+bool showColumns()
+{
+    for (const auto& [table, shown] : {std::pair{"querypatientuser", QStringList{"PatientName", "PatientID"}},
+                                       {"querygeneralstudyuser", {"pk", "StudyDescription"}},
+                                       {"querygeneralseriesuser", {"pk", "SeriesNumber"}},
+                                       {"queryimageformatuser", {"pk", "InstanceNumber"}}}) {
+        const QSqlRecord record = QSqlDatabase::database().record(table);
+        QStringList sets;
+        for (int i = 0; i < record.count() - 1; ++i)
+            sets << QString("`%1`=%2").arg(record.fieldName(i)).arg(shown.contains(record.fieldName(i)) ? 1 : 0);
+        if (!QSqlQuery().exec(QString("UPDATE %1 SET %2").arg(table, sets.join(','))))
+            return false;
+    }
+    return true;
+}
+
+// A result tree as "name{study:series,series;study:series} name{...}" (study descriptions,
+// series numbers, "/n" images when the image level is in use). Flat lists that do not hold
+// exactly the objects of the tree give "<flat lists differ>".
+QString describe(const QPatients& result)
+{
+    QStringList patients;
+    int studies = 0, series = 0, instances = 0;
+    for (QPatient* patient : result.getAllPatient()) {
+        QStringList studyTexts;
+        for (QStudy* study : patient->getStudys()) {
+            QStringList seriesTexts;
+            for (QSeries* s : study->getSeries()) {
+                seriesTexts << s->property("SeriesNumber").toString();
+                if (!result.getImageTitleList().isEmpty())
+                    seriesTexts.last() += "/" + QString::number(s->getInstances().size());
+                instances += s->getInstances().size();
+                series += !result.getAllSeries().contains(s) ? 1000 : 1;
+            }
+            studyTexts << study->property("StudyDescription").toString() + ":" + seriesTexts.join(',');
+            studies += !result.getAllStudy().contains(study) ? 1000 : 1;
+        }
+        patients << patient->patientName() + "{" + studyTexts.join(';') + "}";
+    }
+    if (studies != result.getAllStudy().size() || series != result.getAllSeries().size() ||
+        instances != result.getAllInstance().size())
+        return "<flat lists differ>: " + patients.join(' ');
+    return patients.join(' ');
+}
+
 } // namespace
 
 class TestHierarchy : public QObject
@@ -148,6 +206,8 @@ private slots:
     void ordering();
     void timeSeries();
     void advancedQuery();
+    void storedSearches();
+    void queryCommand();
     void realSeries();
 };
 
@@ -413,34 +473,19 @@ void TestHierarchy::advancedQuery()
     addSeries(s1, {Image(1, pos(0, 0, 0)), Image(2, pos(0, 0, 1))}, 1);
     addSeries(s1, {Image(1, pos(0, 0, 0))}, 2);
     addSeries(addStudy(addPatient("Jones^Bob", "1002"), "Knee"), {Image(1, pos(0, 0, 0))}, 1);
-
-    // Display choices: key hidden for patients, a few columns per level.
-    for (const auto& [table, shown] : {std::pair{"querypatientuser", QStringList{"PatientName", "PatientID"}},
-                                       {"querygeneralstudyuser", {"pk", "StudyDescription"}},
-                                       {"querygeneralseriesuser", {"pk", "SeriesNumber"}},
-                                       {"queryimageformatuser", {"pk", "InstanceNumber"}}}) {
-        const QSqlRecord record = QSqlDatabase::database().record(table);
-        QStringList sets;
-        for (int i = 0; i < record.count() - 1; ++i)
-            sets << QString("`%1`=%2").arg(record.fieldName(i)).arg(shown.contains(record.fieldName(i)) ? 1 : 0);
-        QVERIFY(QSqlQuery().exec(QString("UPDATE %1 SET %2").arg(table, sets.join(','))));
-    }
-    const QStringList conditions[] = {{"smiths", "patient", "PatientName", "=", "Smith", "", "Fuzzy"},
-                                      {"images", "patient", "PatientID", "=", "1001", "or", "Precise"},
-                                      {"images", "imageformat", "InstanceNumber", "=", "2", "", "Precise"},
-                                      {"empty", "patient", "PatientID", "=", "", "and", "Precise"},
-                                      {"empty", "patient", "PatientName", "like", "x", "", "Precise"}};
-    for (const QStringList& c : conditions)
-        insert("andvancequiry", {{"InquiryName", c[0]}, {"TableName", c[1]}, {"ColumnName", c[2]}, {"Operator", c[3]},
-                                 {"Value", c[4]}, {"Connector", c[5]}, {"MatchKind", c[6]}});
+    QVERIFY(showColumns());
+    storeSearch("smiths", {{"patient", "PatientName", "=", "Smith", "", "Fuzzy"}});
+    storeSearch("images", {{"patient", "PatientID", "=", "1001", "or", "Precise"},
+                           {"imageformat", "InstanceNumber", "=", "2", "", "Precise"}});
 
     QPatients smiths;
     smiths.advanceQueryByName("smiths");
+    QCOMPARE(smiths.lastError(), QString());
     QCOMPARE(smiths.getQueryString(),
              QString("SELECT patient.pk,patient.PatientName,patient.PatientID,generalstudy.pk,generalstudy.StudyDescription,"
                      "generalseries.pk,generalseries.SeriesNumber FROM patient inner join generalstudy inner join generalseries "
                      "WHERE patient.pk=generalstudy.patient_fk and generalstudy.pk=generalseries.study_fk and "
-                     "(patient.PatientName like '%Smith%')"));
+                     "(patient.PatientName like '%Smith%') ORDER BY patient.pk,generalstudy.pk,generalseries.pk"));
     QVERIFY(smiths.getPaPK());
     QVERIFY(!smiths.getStPK());
     QVERIFY(smiths.getImageTitleList().isEmpty());
@@ -454,8 +499,10 @@ void TestHierarchy::advancedQuery()
 
     QPatients images;
     images.advanceQueryByName("images");
-    QVERIFY(images.getQueryString().endsWith(" and generalseries.pk=imageformat.series_fk and "
-                                             "(patient.PatientID = '1001' or imageformat.InstanceNumber = '2')"));
+    QVERIFY2(images.getQueryString().endsWith(" and generalseries.pk=imageformat.series_fk and "
+                                              "(patient.PatientID = '1001' or imageformat.InstanceNumber = '2') "
+                                              "ORDER BY patient.pk,generalstudy.pk,generalseries.pk,imageformat.pk"),
+             qPrintable(images.getQueryString()));
     QCOMPARE(images.getImageTitleList(), (QStringList{"pk", "InstanceNumber"}));
     QCOMPARE(images.getAllPatient().size(), 1);
     QCOMPARE(images.getAllSeries().size(), 2);
@@ -463,15 +510,132 @@ void TestHierarchy::advancedQuery()
     QCOMPARE(images.getSeries(0)->getInstances().size(), 2);
     QCOMPARE(images.getSeries(0)->getInstances().at(1)->parent(), images.getSeries(0));
 
-    // An empty stored value pushes "NULL" into the next condition.
-    QPatients shifted;
-    shifted.advanceQueryByName("empty");
-    QVERIFY(shifted.getQueryString().endsWith("(patient.PatientID = '' and patient.PatientName like 'NULL')"));
-
+    // Nothing stored under the name: nothing runs, and the result says so.
     QPatients none;
     none.advanceQueryByName("no such query");
-    QVERIFY(none.getQueryString().endsWith("and ("));
+    QVERIFY2(none.lastError().contains("no such query"), qPrintable(none.lastError()));
     QVERIFY(none.getAllPatient().isEmpty());
+
+    // A caller's own statement that fails is reported with the driver's text.
+    QPatients own;
+    own.advanceQuery("SELECT pk FROM nosuchtable");
+    QVERIFY2(own.lastError().contains("nosuchtable"), qPrintable(own.lastError()));
+    QVERIFY(own.getAllPatient().isEmpty());
+}
+
+void TestHierarchy::storedSearches()
+{
+    QFETCH_GLOBAL(QString, backend);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    // Series rows of different patients and studies interleave, so that a result read in key
+    // order of any one table is not grouped by patient.
+    const qint64 smith = addPatient("Smith^Anna", "1001"), obrien = addPatient("O'Brien^Liam", "2001");
+    const qint64 jones = addPatient("Jones^Bob", "1002"), blank = addPatient("Blank^Id", "");
+    const qint64 nullId = insert("patient", {{"PatientName", "Null^Id"}});
+    const qint64 brain = addStudy(smith, "Brain"), head = addStudy(obrien, "Head"), knee = addStudy(smith, "Knee");
+    const qint64 jonesKnee = addStudy(jones, "Knee");
+    addSeries(brain, {Image(1, pos(0, 0, 0)), Image(2, pos(0, 0, 1))}, 1);
+    addSeries(head, {Image(1, pos(0, 0, 0))}, 1);
+    addSeries(knee, {Image(1, pos(0, 0, 0))}, 1);
+    addSeries(brain, {Image(1, pos(0, 0, 0))}, 2);
+    addSeries(jonesKnee, {Image(1, pos(0, 0, 0))}, 1);
+    addSeries(knee, {Image(1, pos(0, 0, 0))}, 2);
+    addSeries(head, {Image(1, pos(0, 0, 0))}, 2);
+    addSeries(addStudy(blank, "Chest"), {Image(1, pos(0, 0, 0))}, 1);
+    addSeries(addStudy(nullId, "Chest"), {Image(1, pos(0, 0, 0))}, 1);
+    QVERIFY(showColumns());
+
+    const QString everyone = "Smith^Anna{Brain:1,2;Knee:1,2} O'Brien^Liam{Head:1,2} Jones^Bob{Knee:1} Blank^Id{Chest:1} "
+                             "Null^Id{Chest:1}";
+    struct Case {
+        const char* name;
+        QList<QStringList> rows; // table, column, operator, value, connector, match kind
+        QString tree;            // the expected result, or the text the failure must name
+        QString text;            // a part of the readable statement
+        bool fails = false;
+    };
+    const Case cases[] = {
+        {"quote, precise", {{"patient", "PatientName", "=", "O'Brien^Liam", "", "Precise"}}, "O'Brien^Liam{Head:1,2}",
+         "(patient.PatientName = 'O''Brien^Liam')"},
+        {"quote, substring", {{"patient", "PatientName", "", "O'Brien", "", "Fuzzy"}}, "O'Brien^Liam{Head:1,2}",
+         "(patient.PatientName like '%O''Brien%')"},
+        {"operator in capitals", {{"patient", "PatientName", "LIKE", "%'Brien%", "", "Precise"}}, "O'Brien^Liam{Head:1,2}",
+         "(patient.PatientName like '%''Brien%')"},
+        {"value that closes the quote, precise", {{"patient", "PatientID", "=", "nobody' OR '1'='1", "", "Precise"}}, "",
+         "(patient.PatientID = 'nobody'' OR ''1''=''1')"},
+        {"value that closes the quote, substring", {{"patient", "PatientName", "", "nobody' OR '1'='1", "", "Fuzzy"}}, "",
+         "like '%nobody'' OR ''1''=''1%'"},
+        // An empty value asks for an empty (or absent) value and leaves the next value in place.
+        {"empty value between two others",
+         {{"patient", "PatientName", "=", "Smith^Anna", "or", "Precise"},
+          {"patient", "PatientID", "=", "", "or", "Precise"},
+          {"patient", "PatientID", "=", "1002", "", "Precise"}},
+         "Smith^Anna{Brain:1,2;Knee:1,2} Jones^Bob{Knee:1} Blank^Id{Chest:1} Null^Id{Chest:1}",
+         "(patient.PatientName = 'Smith^Anna' or (patient.PatientID = '' or patient.PatientID is null) or "
+         "patient.PatientID = '1002')"},
+        {"empty value, not equal",
+         {{"patient", "PatientID", "<>", "", "and", "Precise"}, {"generalstudy", "StudyDescription", "=", "Knee", "", "Precise"}},
+         "Smith^Anna{Knee:1,2} Jones^Bob{Knee:1}", "(patient.PatientID <> '' and generalstudy.StudyDescription = 'Knee')"},
+        {"every series", {{"generalseries", "SeriesDescription", "", "case", "", "Fuzzy"}}, everyone, "like '%case%'"},
+        {"image level",
+         {{"imageformat", "InstanceNumber", "<=", "2", "and", "Precise"}, {"patient", "PatientID", "=", "1001", "", "Precise"}},
+         "Smith^Anna{Brain:1/2,2/1;Knee:1/1,2/1}", "(imageformat.InstanceNumber <= '2' and patient.PatientID = '1001')"},
+        {"unknown column", {{"patient", "PatientNmae", "=", "x", "", "Precise"}}, "PatientNmae", {}, true},
+        {"unknown table", {{"patients", "PatientName", "=", "x", "", "Precise"}}, "patients", {}, true},
+        {"unknown operator", {{"patient", "PatientID", "= '' or 1=1 --", "x", "", "Precise"}}, "= '' or 1=1 --", {}, true},
+        {"unknown connector",
+         {{"patient", "PatientID", "=", "1", "or 1=1 or", "Precise"}, {"patient", "PatientID", "=", "2", "", "Precise"}},
+         "or 1=1 or", {}, true},
+    };
+    for (const Case& c : cases) {
+        storeSearch(c.name, c.rows);
+        QPatients result;
+        result.advanceQueryByName(c.name);
+        if (c.fails) {
+            QVERIFY2(result.lastError().contains(c.tree), qPrintable(c.name + QString(": ") + result.lastError()));
+            QVERIFY2(result.getAllPatient().isEmpty(), c.name);
+            continue;
+        }
+        QVERIFY2(result.lastError().isEmpty(), qPrintable(c.name + QString(": ") + result.lastError()));
+        QVERIFY2(result.getQueryString().contains(c.text), qPrintable(c.name + QString(": ") + result.getQueryString()));
+        QVERIFY2(describe(result) == c.tree, qPrintable(c.name + QString(": got ") + describe(result)));
+    }
+}
+
+void TestHierarchy::queryCommand()
+{
+    QFETCH_GLOBAL(QString, backend);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    const QString program = Kestrel::applicationDir() + "/kestrel";
+    if (!QFileInfo::exists(program))
+        QSKIP("the kestrel host is not built");
+    addSeries(addStudy(addPatient("O'Brien^Liam", "2001"), "Head"), {Image(1, pos(0, 0, 0))}, 1);
+    storeSearch("obrien", {{"patient", "PatientName", "=", "O'Brien^Liam", "", "Precise"}});
+    storeSearch("typo", {{"patient", "PatientNmae", "=", "x", "", "Precise"}});
+    storeSearch("images", {{"imageformat", "InstanceNumber", "=", "1", "", "Precise"}});
+    // Exit status, standard output and standard error of kestrel query ARGS.
+    auto query = [&](const QStringList& args) {
+        QProcess run;
+        run.start(program, QStringList{"--config", catalog.configDir(), "query"} + args);
+        run.waitForFinished(60000);
+        return std::tuple{run.exitCode(), QString::fromUtf8(run.readAllStandardOutput()),
+                          QString::fromUtf8(run.readAllStandardError()).trimmed()};
+    };
+
+    auto [status, out, err] = query({"--sql", "obrien"});
+    QCOMPARE(status, 0);
+    QVERIFY2(out.contains("patient.PatientName = 'O''Brien^Liam'") && out.contains("PatientName=O'Brien^Liam") &&
+                     out.contains("1 patients, 1 studies, 1 series"),
+             qPrintable(out));
+
+    // A search that cannot be built and one whose statement fails: status 1, the cause in one line.
+    QVERIFY(TestCatalog::values("DROP TABLE imageformat").isEmpty());
+    for (const auto& [name, cause] : {std::pair{"typo", "PatientNmae"}, {"images", "imageformat"}}) {
+        std::tie(status, out, err) = query({name});
+        QCOMPARE(status, 1);
+        QVERIFY2(err.startsWith("kestrel query: ") && err.contains(cause) && !err.contains('\n'), qPrintable(err));
+        QVERIFY2(!out.contains("no matches"), qPrintable(out));
+    }
 }
 
 void TestHierarchy::realSeries()

@@ -62,6 +62,8 @@ private slots:
     void exportedValues();
     void storedValues_data();
     void storedValues();
+    void saveInTemplateCharacterSet_data();
+    void saveInTemplateCharacterSet();
     void realCtShift();
 };
 
@@ -538,6 +540,38 @@ void TestImage::storedValues()
     for (int x = 0; x < words.size(); ++x)
         read << img.getValue16s(x, 0);
     QCOMPARE(read, values);
+}
+
+// The series description is written in the template's character set, escape sequences included.
+void TestImage::saveInTemplateCharacterSet_data()
+{
+    QTest::addColumn<QString>("charset");
+    QTest::addColumn<QString>("description");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("latin-1") << "ISO_IR 100" << QString::fromUtf8("Coupe sagittale réformée")
+                             << QByteArray("Coupe sagittale r\xe9" "form\xe9" "e");
+    QTest::newRow("cyrillic") << "ISO_IR 144" << QString::fromUtf8("МПР сагиттальная")
+                              << QByteArray("\xbc\xbf\xc0 \xe1\xd0\xd3\xd8\xe2\xe2\xd0\xdb\xec\xdd\xd0\xef");
+    QTest::newRow("japanese") << "ISO 2022 IR 6\\ISO 2022 IR 87" << QString::fromUtf8("再構成 sag")
+                              << QByteArray("\x1b$B:F9=@.\x1b(B sag");
+    QTest::newRow("utf-8") << "ISO_IR 192" << QString::fromUtf8("再構成 sag") << QString::fromUtf8("再構成 sag").toUtf8();
+}
+
+void TestImage::saveInTemplateCharacterSet()
+{
+    QFETCH(QString, charset);
+    QFETCH(QString, description);
+    QFETCH(QByteArray, bytes);
+    QTemporaryDir dir;
+    SyntheticImage templateImage;
+    templateImage.specificCharacterSet = charset;
+    const QString templ = dir.filePath("template.dcm");
+    QVERIFY(writeSyntheticImage(templ, templateImage));
+    auto img = makeImage(8, 8, [](int x, int y) { return x + y; });
+    img->setSeriesDescription(description);
+    const QString out = dir.filePath("derived.dcm");
+    QVERIFY(img->saveAs(out, templ, "1.2.3.4.7"));
+    QCOMPARE(dcmText(out, DCM_SeriesDescription).toLatin1(), bytes);
 }
 
 void TestImage::realCtShift()

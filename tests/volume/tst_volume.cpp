@@ -1,6 +1,5 @@
 #include "dicom/dcmvalues_p.h"
 #include "volume/volumeheadtext_p.h"
-#include "simd/kernels_p.h"
 #include "nbitvolume.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
@@ -152,7 +151,6 @@ private slots:
     void voxelAccessAndFrames();
     void transforms();
     void histogramAndMask();
-    void simdKernels();
     void trilinearSample();
     void slabReductions();
     void displayTables();
@@ -475,32 +473,6 @@ void TestVolume::histogramAndMask()
     QCOMPARE(QByteArray(m.getData(), data.size()), QByteArray(kept, '\0') + data.mid(kept, 2) + QByteArray(data.size() - kept - 2, '\0'));
 }
 
-void TestVolume::simdKernels()
-{
-    std::mt19937 rng(7);
-    for (int n : {1, 7, 8, 9, 17, 1003}) {
-        QVector<short> a(n), b(n);
-        for (int i = 0; i < n; ++i)
-            a[i] = short(rng()), b[i] = short(rng());
-        QVector<short> simd = a, scalar = a;
-        maxInPlaceS16(simd.data(), b.constData(), n);
-        maxInPlaceS16Scalar(scalar.data(), b.constData(), n);
-        minInPlaceS16(simd.data(), a.constData(), n);
-        minInPlaceS16Scalar(scalar.data(), a.constData(), n);
-        QCOMPARE(simd, scalar);
-        QVector<qint32> accSimd(n, -5), accScalar(n, -5);
-        accumulateS16(accSimd.data(), b.constData(), n);
-        accumulateS16Scalar(accScalar.data(), b.constData(), n);
-        QCOMPARE(accSimd, accScalar);
-        divideToS16(simd.data(), accSimd.constData(), n, 3);
-        divideToS16Scalar(scalar.data(), accScalar.constData(), n, 3);
-        QCOMPARE(simd, scalar);
-        QCOMPARE(reduceMaxS16(a.constData(), n), reduceMaxS16Scalar(a.constData(), n));
-        QCOMPARE(reduceMinS16(a.constData(), n), reduceMinS16Scalar(a.constData(), n));
-        QCOMPARE(reduceSumS16(a.constData(), n), reduceSumS16Scalar(a.constData(), n));
-    }
-}
-
 void TestVolume::trilinearSample()
 {
     // 4 x 3 x 3 voxels; strides 2, 8, 24.
@@ -519,11 +491,6 @@ void TestVolume::trilinearSample()
     QCOMPARE(voxel_valued_sse4_s16(data, steps, 0.25f, 0, 0), short(32767));
     const short near10 = voxel_valued_sse4_s16(data, steps, 0.75f, 0, 0);
     QVERIFY(near10 > 0 && near10 <= 10);
-    std::uniform_real_distribution<float> fx(0, 2.999f), fyz(0, 1.999f);
-    for (int n = 0; n < 500; ++n) {
-        const float x = fx(rng), y = fyz(rng), z = fyz(rng);
-        QCOMPARE(voxel_valued_sse4_s16(data, steps, x, y, z), voxelValuedScalarS16(data, steps, x, y, z));
-    }
 }
 
 void TestVolume::slabReductions()

@@ -74,9 +74,11 @@ struct Host {
 
 QString describe(const Host& host)
 {
-    return QString("%1: exit %2\n%3\n%4")
+    return QString("%1: exit %2 (%3, %4)\n%5\n%6")
         .arg(host.label)
         .arg(host.process->exitCode())
+        .arg(host.process->exitStatus() == QProcess::NormalExit ? "normal exit" : "crashed")
+        .arg(host.process->errorString())
         .arg(QString::fromUtf8(host.process->readAllStandardOutput().right(800)),
              QString::fromUtf8(host.process->readAllStandardError().right(800)));
 }
@@ -242,12 +244,14 @@ private slots:
             }
             QVERIFY2(said.contains("listening on port"), qPrintable(describe(listener)));
         }
-        std::vector<std::unique_ptr<PeerProcess>> senders;
-        for (int port : ports)
-            senders.push_back(std::make_unique<PeerProcess>("storescu", storescuArgs(port, files)));
-        for (auto& sender : senders)
-            QCOMPARE(sender->finish(120000), 0);
+        std::vector<Host> senders(2);
+        for (int i = 0; i < 2; ++i) {
+            senders[size_t(i)].label = QString("storescu %1").arg(i);
+            senders[size_t(i)].process->setProcessEnvironment(peerEnvironment());
+            senders[size_t(i)].process->start("storescu", storescuArgs(ports[i], files, {"-v"}));
+        }
         QString failure;
+        QVERIFY2(finishAll(senders, 120000, &failure), qPrintable(failure));
         QVERIFY2(finishAll(listeners, 120000, &failure), qPrintable(failure));
         checkCatalogue(expected);
         // One file per image in the shared receiving folder, each a readable copy.

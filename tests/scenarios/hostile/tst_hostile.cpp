@@ -133,7 +133,9 @@ QVector<HostileCase> hostileCases()
             {"bad-utf8", "\xff\xfe\xc3(\xa0\xa1'\xed\xa0\x80", "ISO_IR 192", false},
             {"latin1-as-utf8", "M\xfcller^J\xf6rg", "ISO_IR 192", false},
             {"bad-gb18030", "\x81\x30'\xff\x80;", "GB18030", false},
-            {"iso2022", "\x1b$B\x3b\x33\x45\x44\x1b(B^\x1b$B\x42\x40\x4f\x3a", "ISO 2022 IR 87", true},
+            // Ends in JIS X 0208 without returning to ASCII: restored with the escape that does.
+            {"iso2022", "\x1b$B\x3b\x33\x45\x44\x1b(B^\x1b$B\x42\x40\x4f\x3a", "ISO 2022 IR 87", false},
+            {"iso2022-closed", "\x1b$B$d$^$@\x1b(B^\x1b$B$?$m$&\x1b(B", "\\ISO 2022 IR 87", true},
             {"unknown-charset", "Z\xe9ro; --", "NOT_A_CHARSET", true},
             {"paths", "../../../tmp/x/..", "", true},
             {"control", "\t\r\n\x01\x7f%_", "", true},

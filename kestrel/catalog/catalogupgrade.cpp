@@ -1,0 +1,251 @@
+#include "catalog/catalogupgrade_p.h"
+
+#include "catalog/catalogschema_p.h"
+#include "catalog/identity_p.h"
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
+
+#include <QDebug>
+#include <QSqlField>
+#include <QSqlRecord>
+
+namespace kestrel::internal {
+
+namespace {
+
+bool isMySql(const QSqlDatabase& db)
+{
+    return db.driverName() == QLatin1String("QMYSQL");
+}
+
+QString indexName(const UniqueKey& key)
+{
+    return QStringLiteral("uq_%1_%2").arg(QLatin1String(key.table), QLatin1String(key.column));
+}
+
+// Columns that identify something and so compare byte for byte on MariaDB, beside the unique keys.
+const char* const kBinaryColumns[][2] = {
+    {"patient", "PatientID"}, {"patient", "IssuerOfPatientID"}, {"generalseries", "SeriesInstanceUID"},
+    {"generalseries", "StudyInstanceUID"}, {"imageformat", "FilePath"}, {"images", "seriesUID"},
+    {"images", "filepath"}, {"registration", "Savepath"}, {"registration", "SeriesBase"},
+    {"anonymouspatient", "PatientID"}, {"anonymouspatient", "PatientName"},
+};
+
+bool hasUniqueIndex(QSqlDatabase db, const UniqueKey& key)
+{
+    if (isMySql(db))
+        return selectValue<int>(db,
+                                QStringLiteral("SELECT COUNT(*) FROM information_schema.STATISTICS WHERE TABLE_SCHEMA = "
+                                               "DATABASE() AND TABLE_NAME = ? AND INDEX_NAME = ?"),
+                                {QLatin1String(key.table), indexName(key)}, 0) > 0;
+    return selectValue<int>(db, QStringLiteral("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name = ?"),
+                            {indexName(key)}, 0) > 0;
+}
+
+// Columns of the schema's lists that TABLE lacks, added as text.
+Status addMissingColumns(QSqlDatabase db, QStringList* report)
+{
+    for (const QString& table : schema::tables()) {
+        const QSqlRecord present = db.record(table);
+        if (present.isEmpty())
+            continue; // a table the scripts create; nothing to extend
+        for (const QString& column : schema::columns(table)) {
+            if (present.contains(column))
+                continue;
+            QString type = isMySql(db) ? QStringLiteral("LONGTEXT") : QStringLiteral("TEXT");
+            if (column == QLatin1String("PatientKey") && isMySql(db))
+                type = QStringLiteral("VARCHAR(64) CHARACTER SET ascii COLLATE ascii_bin");
+            const Status added =
+                execute(db, QStringLiteral("ALTER TABLE %1 ADD COLUMN %2 %3").arg(table, schema::quotedColumns({column}), type));
+            if (!added)
+                return added.context(QStringLiteral("adding %1.%2: ").arg(table, column));
+            if (report)
+                *report << QStringLiteral("added the column %1.%2").arg(table, column);
+        }
+    }
+    return Status::ok();
+}
+
+Status fillPatientKeys(QSqlDatabase db)
+{
+    struct Row { qint64 pk; QString key; };
+    QList<Row> rows;
+    Statement read(db, QStringLiteral("SELECT pk, PatientID, IssuerOfPatientID, PatientBirthDate, PatientName FROM patient "
+                                      "WHERE PatientKey IS NULL OR PatientKey = ''"));
+    if (const Status status = read.run(); !status)
+        return status;
+    while (read.next())
+        rows.append({read.get<qint64>(0), patientIdentityKey(read.value(1).toString(), read.value(2).toString(),
+                                                             read.value(3).toString(), read.value(4).toString())});
+    read.finish();
+    if (rows.isEmpty())
+        return Status::ok();
+    return runWrite(db, [&](Transaction&) {
+        Statement update(db, QStringLiteral("UPDATE patient SET PatientKey = ? WHERE pk = ?"));
+        for (const Row& row : rows)
+            if (const Status status = update.bind(row.key).bind(row.pk).run(); !status)
+                return status;
+        return Status::ok();
+    });
+}
+
+// MariaDB: identifying columns compared byte for byte, and short enough for a unique index.
+Status binaryCollations(QSqlDatabase db)
+{
+    if (!isMySql(db))
+        return Status::ok();
+    auto collationOf = [&](const QString& table, const QString& column) {
+        return selectValue<QString>(db,
+                                    QStringLiteral("SELECT COALESCE(COLLATION_NAME, '') FROM information_schema.COLUMNS WHERE "
+                                                   "TABLE_SCHEMA = DATABASE() AND TABLE_NAME = ? AND COLUMN_NAME = ?"),
+                                    {table, column}, QString());
+    };
+    auto makeBinary = [&](const QString& table, const QString& column, const QString& type) {
+        const QString current = collationOf(table, column);
+        if (current.isEmpty() || current == QLatin1String("utf8mb4_bin") || current == QLatin1String("ascii_bin"))
+            return Status::ok();
+        return execute(db, QStringLiteral("ALTER TABLE %1 MODIFY %2 %3 CHARACTER SET utf8mb4 COLLATE utf8mb4_bin")
+                               .arg(table, schema::quotedColumns({column}), type));
+    };
+    for (const UniqueKey& key : uniqueKeys()) {
+        if (QLatin1String(key.column) == QLatin1String("PatientKey"))
+            continue;
+        if (const Status status = makeBinary(key.table, key.column, QStringLiteral("LONGTEXT")); !status)
+            return status;
+    }
+    for (const auto& column : kBinaryColumns)
+        if (const Status status = makeBinary(column[0], column[1], QStringLiteral("LONGTEXT")); !status)
+            return status;
+    return Status::ok();
+}
+
+// Rows of KEY's table that repeat a value: the lowest key stays, the children of the others point
+// to it, the others go. Tables without keys keep their first row of each value.
+Status mergeDuplicates(QSqlDatabase db, const UniqueKey& key, QStringList* report)
+{
+    const QString table = QLatin1String(key.table);
+    const QString column = schema::quotedColumns({QLatin1String(key.column)});
+    QStringList values;
+    {
+        Statement dupes(db, QStringLiteral("SELECT %1 FROM %2 WHERE %1 IS NOT NULL GROUP BY %1 HAVING COUNT(*) > 1")
+                                .arg(column, table));
+        if (const Status status = dupes.run(); !status)
+            return status;
+        while (dupes.next())
+            values << dupes.value(0).toString();
+    }
+    if (values.isEmpty())
+        return Status::ok();
+    const bool keyed = db.record(table).contains(QStringLiteral("pk"));
+    return runWrite(db, [&](Transaction&) {
+        for (const QString& value : values) {
+            if (keyed) {
+                QList<qint64> keys;
+                Statement rows(db, QStringLiteral("SELECT pk FROM %1 WHERE %2 = ? ORDER BY pk").arg(table, column));
+                if (const Status status = rows.bind(value).run(); !status)
+                    return status;
+                while (rows.next())
+                    keys << rows.get<qint64>(0);
+                rows.finish();
+                for (int i = 1; i < keys.size(); ++i) {
+                    const QStringList children = QString::fromLatin1(key.childTable ? key.childTable : "").split(',', Qt::SkipEmptyParts);
+                    for (const QString& child : children) {
+                        const Status moved = execute(db, QStringLiteral("UPDATE %1 SET %2 = ? WHERE %2 = ?")
+                                                             .arg(child, QLatin1String(key.fkColumn)),
+                                                     {keys.first(), keys.at(i)});
+                        if (!moved)
+                            return moved;
+                    }
+                    if (const Status gone = execute(db, QStringLiteral("DELETE FROM %1 WHERE pk = ?").arg(table), {keys.at(i)}); !gone)
+                        return gone;
+                }
+                if (report)
+                    *report << QStringLiteral("merged %1 rows of %2 with %3 = %4 into pk %5")
+                                   .arg(keys.size()).arg(table, QLatin1String(key.column), value).arg(keys.first());
+            } else {
+                // The receive queue has no keys: its first row of the value is written back alone.
+                Statement rows(db, QStringLiteral("SELECT * FROM %1 WHERE %2 = ?").arg(table, column));
+                if (const Status status = rows.bind(value).run(); !status || !rows.next())
+                    return status;
+                const QSqlRecord first = rows.record();
+                QStringList names;
+                QVariantList kept;
+                for (int i = 0; i < first.count(); ++i) {
+                    names << first.fieldName(i);
+                    kept << first.value(i);
+                }
+                rows.finish();
+                if (const Status gone = execute(db, QStringLiteral("DELETE FROM %1 WHERE %2 = ?").arg(table, column), {value}); !gone)
+                    return gone;
+                const Status back = execute(db, QStringLiteral("INSERT INTO %1 (%2) VALUES %3")
+                                                    .arg(table, schema::quotedColumns(names), schema::placeholders(names.size())),
+                                            kept);
+                if (!back)
+                    return back;
+                if (report)
+                    *report << QStringLiteral("kept one row of %1 with %2 = %3").arg(table, QLatin1String(key.column), value);
+            }
+        }
+        return Status::ok();
+    });
+}
+
+} // namespace
+
+const QList<UniqueKey>& uniqueKeys()
+{
+    static const QList<UniqueKey> keys{
+        {"patient", "PatientKey", "generalstudy", "patient_fk"},
+        {"generalstudy", "StudyInstanceUID", "generalseries", "study_fk"},
+        {"generalseries", "SeriesBase", "imageformat,imagepixel,mrimageinfo", "series_fk"},
+        {"imageformat", "SOPInstanceUID", nullptr, nullptr},
+        {"imagepixel", "SOPInstanceUID", nullptr, nullptr},
+        {"mrimageinfo", "SOPInstanceUID", nullptr, nullptr},
+        {"registration", "SeriesInstanceUID", nullptr, nullptr},
+        {"anonymouspatient", "AnonymousPatientID", "anonymousstudy", "patient_fk"},
+        {"anonymousstudy", "StudyInstanceUID", "anonymousseries", "study_fk"},
+        {"anonymousstudy", "AnonymousStudyInstanceUID", "anonymousseries", "study_fk"},
+        {"anonymousseries", "SeriesInstanceUID", "anonymousimage", "series_fk"},
+        {"anonymousseries", "AnonymousSeriesInstanceUID", "anonymousimage", "series_fk"},
+        {"anonymousimage", "SOPInstanceUID", nullptr, nullptr},
+        {"anonymousimage", "AnonymousSOPInstanceUID", nullptr, nullptr},
+        {"series", "seriesUID", nullptr, nullptr},
+        {"images", "InstanceUID", nullptr, nullptr},
+    };
+    return keys;
+}
+
+Status upgradeCatalog(QSqlDatabase db, QStringList* merged)
+{
+    bool complete = db.record(QStringLiteral("patient")).contains(QStringLiteral("PatientKey"));
+    for (int i = 0; complete && i < uniqueKeys().size(); ++i)
+        complete = hasUniqueIndex(db, uniqueKeys().at(i));
+    if (complete)
+        return Status::ok();
+
+    QStringList report;
+    Status status = addMissingColumns(db, &report);
+    if (status)
+        status = fillPatientKeys(db);
+    if (status)
+        status = binaryCollations(db);
+    for (int i = 0; status && i < uniqueKeys().size(); ++i) {
+        const UniqueKey& key = uniqueKeys().at(i);
+        if (hasUniqueIndex(db, key) || db.record(QLatin1String(key.table)).isEmpty())
+            continue;
+        status = mergeDuplicates(db, key, &report);
+        // MariaDB indexes long text by a prefix: 255 characters, far beyond any valid UID.
+        const bool prefix = isMySql(db) && QLatin1String(key.column) != QLatin1String("PatientKey");
+        if (status)
+            status = execute(db, QStringLiteral("CREATE UNIQUE INDEX %1 ON %2 (%3%4)")
+                                     .arg(indexName(key), QLatin1String(key.table), schema::quotedColumns({QLatin1String(key.column)}),
+                                          prefix ? QStringLiteral("(255)") : QString()));
+    }
+    for (const QString& line : report)
+        qWarning().noquote() << "catalogue upgrade:" << line;
+    if (merged)
+        *merged << report;
+    return status.context(QStringLiteral("upgrading the catalogue: "));
+}
+
+} // namespace kestrel::internal

@@ -1,0 +1,418 @@
+// QDcmFiles, the import pass: the run's plan written into the catalogue. Every row is written by an
+// insert-or-look-up against the catalogue's unique keys, so that several processes importing the
+// same files at once end with each patient, study, series and image once; each unit of work is
+// retried while another process holds the catalogue.
+#include "qdcmfiles.h"
+
+#include "catalog/batchinsert_p.h"
+#include "catalog/catalogschema_p.h"
+#include "catalog/statement_p.h"
+#include "catalog/transaction_p.h"
+#include "dicom/dcmvalues_p.h"
+#include "import/headerread_p.h"
+#include "import/imagerecordfill_p.h"
+#include "import/importrecords_p.h"
+#include "import/importstate_p.h"
+#include "import/storagetree_p.h"
+#include "platform/fileplacement_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+
+#include <QDate>
+#include <QDebug>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+
+#include <omp.h>
+
+using namespace kestrel::internal;
+using namespace kestrel::internal::import;
+
+namespace {
+
+const QString kImageFormat = QStringLiteral("imageformat");
+const QString kImagePixel = QStringLiteral("imagepixel");
+const QString kMrImageInfo = QStringLiteral("mrimageinfo");
+
+// A unit of work waits up to a minute for the catalogue on SQLite (its busy timeout), and a
+// deadlock on MariaDB costs a retry: a few are plenty.
+constexpr int kRetries = 8;
+
+// The rows of TABLE whose COLUMN is KEY: the key of the one there is, -1 without one.
+Status lookUp(QSqlDatabase db, const QString& table, const QString& column, const QVariant& key, qint64* pk,
+              qint64* parent = nullptr, const QString& parentColumn = QString())
+{
+    const QString columns = parent ? QStringLiteral("pk,%1").arg(parentColumn) : QStringLiteral("pk");
+    Statement query(db, QStringLiteral("SELECT %1 FROM %2 WHERE %3 = ?").arg(columns, table, column));
+    const Status status = query.bind(key).run();
+    *pk = -1;
+    if (status && query.next()) {
+        *pk = query.get<qint64>(0);
+        if (parent)
+            *parent = query.get<qint64>(1);
+    }
+    return status;
+}
+
+// Inserts VALUES as a row of TABLE unless another row (of this or another process) holds its
+// unique key, then looks the row up: the one row that won.
+Status insertOrLookUp(QSqlDatabase db, const QString& table, const QVector<QVariant>& values, const QString& column,
+                      const QVariant& key, qint64* pk, int* inserted)
+{
+    const Status written = insertRows(db, table, {&values}, true, inserted);
+    if (!written)
+        return written;
+    return lookUp(db, table, column, key, pk);
+}
+
+} // namespace
+
+bool QDcmFiles::addDataBase()
+{
+    return importPass(false);
+}
+
+bool QDcmFiles::addAndCopyDataBase()
+{
+    return importPass(true);
+}
+
+bool QDcmFiles::importPass(bool copy)
+{
+    emit readInfo(QStringLiteral("start add data base "));
+    m_workers = workerCount();
+    QElapsedTimer timer;
+    timer.start();
+    m_processed = 0;
+    if (copy) {
+        m_savePath = storage::storageRoot();
+        m_dayPath = storage::subFolder(m_savePath, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd")));
+    }
+    const ImportPlan& plan = m_state->plan;
+    const std::vector<FileFacts>& facts = m_state->facts;
+
+    if (!plan.withoutPatientID.isEmpty()) {
+        m_counts.skippedNoPatientID += plan.withoutPatientID.size();
+        emit errorInfo(tr("%1 file(s) without PatientID skipped").arg(plan.withoutPatientID.size()));
+    }
+    // Files that repeat an earlier file's SOP Instance UID: one of them is catalogued, always the
+    // same one; a repeat with other content is named.
+    for (const auto& [repeat, kept] : plan.repeats) {
+        ++m_counts.duplicates;
+        const QString& path = facts[size_t(repeat)].path;
+        const QString& keptPath = facts[size_t(kept)].path;
+        if (!sameContent(path, keptPath)) {
+            const QString reason = tr("%1: the SOP Instance UID of %2, with other content").arg(path, keptPath);
+            m_counts.skippedFiles << reason;
+            emit errorInfo(tr("not catalogued: %1").arg(reason));
+        }
+    }
+
+    QSqlDatabase db = database();
+    for (const PlannedPatient& patient : plan.patients) {
+        qint64 patientPk = -1;
+        int inserted = 0;
+        const Status status = runWrite(db, [&](Transaction&) {
+            inserted = 0;
+            Status found = lookUp(db, QStringLiteral("patient"), QStringLiteral("PatientKey"), patient.key, &patientPk);
+            if (!found || patientPk >= 0)
+                return found;
+            if (!loadWithParser(facts[size_t(patient.firstFile)].path, kSortReadLength))
+                return Status::failed(tr("cannot read %1").arg(facts[size_t(patient.firstFile)].path));
+            QVector<QVariant> values = records::readColumns(QStringLiteral("patient"), m_fileFormat->getDataset());
+            values[records::columnIndex("patient", "Status")] = records::notUploadedStatus();
+            values[records::columnIndex("patient", "PatientKey")] = patient.key;
+            return insertOrLookUp(db, QStringLiteral("patient"), values, QStringLiteral("PatientKey"), patient.key,
+                                  &patientPk, &inserted);
+        }, kRetries);
+        if (!status || patientPk < 0) {
+            m_prefetched.clear();
+            m_lastError = tr("cannot find or create the patient %1 (%2): %3")
+                              .arg(patient.patientID, facts[size_t(patient.firstFile)].path,
+                                   status ? tr("the row is missing after it was written") : status.text());
+            emit errorInfo(m_lastError);
+            return false;
+        }
+        if (inserted > 0) {
+            ++m_counts.patientsAdded;
+            // One ID, several people: kept apart, and said.
+            if (!m_state->notedPatientIDs.contains(patient.patientID)) {
+                const int others = selectValue<int>(
+                    db, QStringLiteral("SELECT COUNT(*) FROM patient WHERE PatientID = ? AND pk <> ?"),
+                    {patient.patientID, patientPk}, 0);
+                if (others > 0) {
+                    m_state->notedPatientIDs.insert(patient.patientID);
+                    const QString note = tr("patient ID %1 also names %2 other person(s) in the catalogue: %3 is "
+                                            "catalogued as a patient of its own")
+                                             .arg(patient.patientID)
+                                             .arg(others)
+                                             .arg(patient.name);
+                    m_counts.notes << note;
+                    emit readInfo(note);
+                }
+            }
+        }
+        const QString patientDir = copy ? storage::subFolder(m_dayPath, patient.patientID) : QString();
+        for (int study : patient.studies)
+            importStudy(study, patientPk, patientDir, copy);
+    }
+    m_prefetched.clear();
+    qWarning() << "add DB time elapsed: " << timer.elapsed();
+    return true;
+}
+
+void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& patientDir, bool copy)
+{
+    const ImportPlan& plan = m_state->plan;
+    const PlannedStudy& study = plan.studies[size_t(studyIndex)];
+    const QString firstFile = m_state->facts[size_t(study.firstFile)].path;
+    QSqlDatabase db = database();
+    qint64 studyPk = -1, owner = -1;
+    int inserted = 0;
+    const QString table = QStringLiteral("generalstudy");
+    const Status status = runWrite(db, [&](Transaction&) {
+        inserted = 0;
+        Status found = lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk");
+        if (!found || studyPk >= 0)
+            return found;
+        if (!loadWithParser(firstFile, kSortReadLength))
+            return Status::failed(tr("cannot read %1").arg(firstFile));
+        QVector<QVariant> values = records::readColumns(table, m_fileFormat->getDataset());
+        const int time = records::columnIndex(table, "StudyTime");
+        values[time] = records::timeOfDay(values.at(time).toString());
+        values[records::columnIndex(table, "patient_fk")] = patientPk;
+        values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
+        owner = patientPk;
+        const Status written = insertOrLookUp(db, table, values, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &inserted);
+        return written ? lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk")
+                       : written;
+    }, kRetries);
+    if (!status || studyPk < 0) {
+        emit errorInfo(tr("cannot create the study %1: %2").arg(study.uid, status.text()));
+        return;
+    }
+    m_counts.studiesAdded += inserted > 0;
+    // A study filed under another patient (catalogues that merged patients on their ID alone) goes
+    // to the patient its files name.
+    if (owner != patientPk) {
+        const Status moved = runWrite(db, [&](Transaction&) {
+            return execute(db, QStringLiteral("UPDATE generalstudy SET patient_fk = ? WHERE pk = ?"), {patientPk, studyPk});
+        }, kRetries);
+        if (moved) {
+            const QString note = tr("study %1 moved from patient %2 to patient %3, whom its files name")
+                                     .arg(study.uid).arg(owner).arg(patientPk);
+            m_counts.notes << note;
+            emit readInfo(note);
+        }
+    }
+
+    const QString studyDir = copy ? storage::subFolder(patientDir, study.uid) : QString();
+    for (int seriesIndex : study.series) {
+        QElapsedTimer timer;
+        timer.start();
+        const PlannedSeries& series = plan.series[size_t(seriesIndex)];
+        const QString seriesFile = m_state->facts[size_t(series.files.first())].path;
+        qint64 seriesPk = -1;
+        int added = 0;
+        const QString seriesTable = QStringLiteral("generalseries");
+        const Status written = runWrite(db, [&](Transaction&) {
+            added = 0;
+            Status found = lookUp(db, seriesTable, QStringLiteral("SeriesBase"), series.key, &seriesPk);
+            if (!found || seriesPk >= 0)
+                return found;
+            if (!loadWithParser(seriesFile, kSortReadLength))
+                return Status::failed(tr("cannot read %1").arg(seriesFile));
+            QVector<QVariant> values = records::readColumns(seriesTable, m_fileFormat->getDataset());
+            const int time = records::columnIndex(seriesTable, "SeriesTime");
+            values[time] = records::timeOfDay(values.at(time).toString());
+            values[records::columnIndex(seriesTable, "study_fk")] = studyPk;
+            values[records::columnIndex(seriesTable, "SeriesBase")] = series.key;
+            values[records::columnIndex(seriesTable, "Status")] = records::notUploadedStatus();
+            return insertOrLookUp(db, seriesTable, values, QStringLiteral("SeriesBase"), series.key, &seriesPk, &added);
+        }, kRetries);
+        if (!written || seriesPk < 0) {
+            emit errorInfo(tr("cannot create the series %1: %2").arg(series.key, written.text()));
+            continue;
+        }
+        m_counts.seriesAdded += added > 0;
+        const QString seriesDir = copy ? storage::subFolder(studyDir, series.key) : QString();
+        importSeries(seriesIndex, seriesPk, seriesDir);
+        emit readInfo(QStringLiteral("time %1 add data base:%2/%3").arg(timer.elapsed()).arg(m_processed).arg(m_total));
+        emit readInfo(qMin(100, m_processed * 90 / qMax(1, m_total) + 10), 100);
+    }
+}
+
+void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& seriesDir)
+{
+    QElapsedTimer timer;
+    timer.start();
+    const PlannedSeries& series = m_state->plan.series[size_t(seriesIndex)];
+    const int count = series.files.size();
+    const bool copy = m_copyMode != 0;
+    const std::vector<FileFacts>& facts = m_state->facts;
+    auto fact = [&](int i) -> const FileFacts& { return facts[size_t(series.files.at(i))]; };
+
+    QSet<QString> knownFormat, knownPix, knownMR;
+    getImageInstanceUID(kImageFormat, seriesPk, knownFormat);
+    getImageInstanceUID(kImagePixel, seriesPk, knownPix);
+    getImageInstanceUID(kMrImageInfo, seriesPk, knownMR);
+    const QHash<QString, QString> storedMarkers = copy ? irradiationMarkers(seriesPk) : QHash<QString, QString>();
+
+    const size_t n = size_t(count);
+    std::vector<ImageFormat> formats(n);
+    std::vector<ImagePix> pixs(n);
+    std::vector<MRImageInfo> infos(n);
+    std::vector<char> stored(n, 0);
+    for (int i = 0; i < count; ++i) {
+        formats[size_t(i)].filePath = fact(i).path;
+        // A file whose UID all three tables hold for this series is a duplicate: no second read.
+        const QString& sop = fact(i).sopInstanceUID;
+        stored[size_t(i)] = knownFormat.contains(sop) && knownPix.contains(sop) && knownMR.contains(sop);
+    }
+
+    // Records the reading pass kept need no second read.
+    std::vector<char> filled(n, 0);
+    for (int i = 0; i < count; ++i) {
+        const size_t k = size_t(i);
+        auto hit = m_prefetched.find(fact(i).path);
+        if (hit == m_prefetched.end())
+            continue;
+        if (!stored[k]) {
+            formats[k] = std::move(hit->format);
+            pixs[k] = std::move(hit->pix);
+            infos[k] = std::move(hit->info);
+            filled[k] = 1;
+        }
+        m_prefetched.erase(hit);
+    }
+
+    // Reading the records touches no shared state: one parser per worker. Starting the workers
+    // costs a scheduling round on a busy machine: skipped when every record is at hand.
+    int toRead = 0;
+    for (size_t k = 0; k < n; ++k)
+        toRead += !stored[k] && !filled[k];
+    const int workers = toRead > 1 ? m_workers : 1;
+    Parsers parsers = makeParsers(workers);
+#pragma omp parallel for schedule(static) num_threads(workers) if (toRead > 1)
+    for (int i = 0; i < count; ++i) {
+        if (stored[size_t(i)] || filled[size_t(i)])
+            continue;
+        DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
+        if (!loadHeader(parser, fact(i).path, kRecordReadLength))
+            continue;
+        readImageRecords(&formats[size_t(i)], &pixs[size_t(i)], &infos[size_t(i)], parser->getDataset());
+    }
+
+    // Duplicates are decided in the plan's file order, against the three sets.
+    auto resolve = [&](ImageRecord* record, const QString& table, QSet<QString>& known) {
+        if (known.contains(record->sopInstanceUID)) {
+            record->state = ImageRecord::Duplicate;
+            return;
+        }
+        known.insert(record->sopInstanceUID);
+        record->seriesPk = seriesPk;
+        setColumn(record, table, "series_fk", seriesPk);
+        setColumn(record, table, "SOPInstanceUID", record->sopInstanceUID);
+        record->state = ImageRecord::New;
+    };
+    for (int i = 0; i < count; ++i) {
+        const size_t k = size_t(i);
+        if (stored[k]) {
+            formats[k].sopInstanceUID = pixs[k].sopInstanceUID = infos[k].sopInstanceUID = fact(i).sopInstanceUID;
+            formats[k].state = pixs[k].state = infos[k].state = ImageRecord::Duplicate;
+        } else if (!formats[k].values.isEmpty() && !formats[k].sopInstanceUID.isEmpty()) {
+            resolve(&formats[k], kImageFormat, knownFormat);
+            resolve(&pixs[k], kImagePixel, knownPix);
+            resolve(&infos[k], kMrImageInfo, knownMR);
+        } else {
+            ++m_counts.unreadable;
+            continue;
+        }
+        if (formats[k].state == ImageRecord::Duplicate) {
+            ++m_counts.duplicates;
+            if (copy) {
+                formats[k].values = QVector<QVariant>(schema::columns(kImageFormat).size());
+                setColumn(&formats[k], kImageFormat, "IrradiationEventUID", storedMarkers.value(formats[k].sopInstanceUID));
+            }
+        }
+    }
+    m_processed += count;
+
+    if (copy)
+        copySeriesFiles(formats.data(), count, seriesDir);
+    else
+        checkRepeatedFiles(formats.data(), count);
+
+    // The series' rows in one unit of work; rows another process wrote meanwhile are skipped.
+    QVector<const QVector<QVariant>*> formatRows, pixRows, infoRows;
+    for (size_t k = 0; k < n; ++k) {
+        if (formats[k].state == ImageRecord::New && !formats[k].values.isEmpty())
+            formatRows.append(&formats[k].values);
+        if (pixs[k].state == ImageRecord::New && !pixs[k].values.isEmpty())
+            pixRows.append(&pixs[k].values);
+        if (infos[k].state == ImageRecord::New && !infos[k].values.isEmpty())
+            infoRows.append(&infos[k].values);
+    }
+    int added = 0;
+    QSqlDatabase db = database();
+    const Status written = runWrite(db, [&](Transaction&) {
+        int ignored = 0;
+        Status status = insertRows(db, kImageFormat, formatRows, true, &added);
+        if (status)
+            status = insertRows(db, kImagePixel, pixRows, true, &ignored);
+        if (status)
+            status = insertRows(db, kMrImageInfo, infoRows, true, &ignored);
+        return status;
+    }, kRetries);
+    if (written) {
+        m_counts.imagesAdded += added;
+        m_counts.duplicates += formatRows.size() - added; // written by another process meanwhile
+    } else {
+        ++m_counts.failedBatches;
+        emit errorInfo(written.text());
+    }
+    qWarning() << "add DB   time elapsed: " << timer.elapsed();
+}
+
+void QDcmFiles::checkRepeatedFiles(const ImageFormat* records, int count)
+{
+    QHash<QString, QString> ours;
+    for (int i = 0; i < count; ++i)
+        if (records[i].state == ImageRecord::Duplicate)
+            ours.insert(records[i].sopInstanceUID, records[i].filePath);
+    if (ours.isEmpty())
+        return;
+    QSqlDatabase db = database();
+    Statement rows(db, QStringLiteral("SELECT SOPInstanceUID, FilePath FROM imageformat WHERE SOPInstanceUID = ?"));
+    QList<QPair<QString, QString>> moved;
+    for (auto it = ours.cbegin(); it != ours.cend(); ++it) {
+        if (!rows.bind(it.key()).run() || !rows.next())
+            continue;
+        const QString stored = rows.get<QString>(1);
+        rows.finish();
+        if (stored == it.value())
+            continue;
+        if (!QFileInfo::exists(stored)) {
+            // The catalogued file is gone (moved, or catalogued from another working folder):
+            // the row follows the file that is here.
+            moved.append({it.key(), it.value()});
+        } else if (!sameContent(stored, it.value())) {
+            const QString reason = tr("%1: the SOP Instance UID of the catalogued %2, with other content").arg(it.value(), stored);
+            m_counts.skippedFiles << reason;
+            emit errorInfo(tr("not catalogued: %1").arg(reason));
+        }
+    }
+    if (moved.isEmpty())
+        return;
+    const Status updated = runWrite(db, [&](Transaction&) {
+        Statement update(db, QStringLiteral("UPDATE imageformat SET FilePath = ? WHERE SOPInstanceUID = ?"));
+        for (const auto& [sop, path] : moved)
+            if (const Status status = update.bind(path).bind(sop).run(); !status)
+                return status;
+        return Status::ok();
+    }, kRetries);
+    if (!updated)
+        emit errorInfo(updated.text());
+}

@@ -1,0 +1,141 @@
+#include "import/importplan_p.h"
+
+#include "catalog/identity_p.h"
+#include "dicom/dcmvalues_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcitem.h>
+
+#include <QHash>
+#include <QPair>
+
+#include <algorithm>
+#include <map>
+
+namespace kestrel::internal::import {
+
+void readFacts(DcmItem* item, FileFacts& facts)
+{
+    facts.sopInstanceUID = dcmString(item, DCM_SOPInstanceUID).trimmed();
+    facts.seriesUID = dcmString(item, DCM_SeriesInstanceUID);
+    facts.studyUID = dcmString(item, DCM_StudyInstanceUID).trimmed();
+    facts.patientID = dcmDecodedString(item, DCM_PatientID);
+    facts.issuer = dcmDecodedString(item, DCM_IssuerOfPatientID);
+    facts.birthDate = dcmString(item, DCM_PatientBirthDate);
+    facts.patientName = dcmDecodedString(item, DCM_PatientName);
+    facts.instanceNumber = dcmInt(item, DCM_InstanceNumber);
+}
+
+namespace {
+
+QString missingUid(const FileFacts& f)
+{
+    if (f.seriesUID.trimmed().isEmpty())
+        return QStringLiteral("no SeriesInstanceUID");
+    if (f.studyUID.isEmpty())
+        return QStringLiteral("no StudyInstanceUID");
+    if (f.sopInstanceUID.isEmpty())
+        return QStringLiteral("no SOPInstanceUID");
+    return QString();
+}
+
+} // namespace
+
+ImportPlan planImport(const std::vector<FileFacts>& facts)
+{
+    ImportPlan plan;
+    // Files in a fixed order: by series key, instance number and path.
+    std::vector<int> order;
+    for (int i = 0; i < int(facts.size()); ++i) {
+        const FileFacts& f = facts[size_t(i)];
+        if (!f.read)
+            continue;
+        const QString missing = missingUid(f);
+        if (!missing.isEmpty()) {
+            plan.notCatalogued << f.path + QStringLiteral(": ") + missing;
+            continue;
+        }
+        order.push_back(i);
+    }
+    auto seriesKey = [&](int i) { return facts[size_t(i)].seriesUID + QLatin1Char('#') + facts[size_t(i)].phase; };
+    std::sort(order.begin(), order.end(), [&](int a, int b) {
+        const FileFacts& fa = facts[size_t(a)];
+        const FileFacts& fb = facts[size_t(b)];
+        const QString ka = seriesKey(a), kb = seriesKey(b);
+        if (ka != kb)
+            return ka < kb;
+        if (fa.instanceNumber != fb.instanceNumber)
+            return fa.instanceNumber < fb.instanceNumber;
+        return fa.path < fb.path;
+    });
+
+    // One file per SOP Instance UID: the first in that order.
+    QHash<QString, int> firstOfUid;
+    std::map<QString, PlannedSeries> series;
+    for (int i : order) {
+        const FileFacts& f = facts[size_t(i)];
+        const auto taken = firstOfUid.constFind(f.sopInstanceUID);
+        if (taken != firstOfUid.constEnd()) {
+            plan.repeats.append(qMakePair(i, *taken));
+            continue;
+        }
+        firstOfUid.insert(f.sopInstanceUID, i);
+        PlannedSeries& s = series[seriesKey(i)];
+        s.key = seriesKey(i);
+        s.files.append(i);
+    }
+
+    // A series belongs to the study of its first file, a study to the patient of its first file.
+    std::map<QString, PlannedStudy> studies;
+    std::map<QString, QVector<QString>> studySeries;
+    for (const auto& [key, s] : series) {
+        const FileFacts& first = facts[size_t(s.files.first())];
+        PlannedStudy& study = studies[first.studyUID];
+        if (study.uid.isEmpty()) {
+            study.uid = first.studyUID;
+            study.firstFile = s.files.first();
+        }
+        studySeries[first.studyUID].append(key);
+    }
+    std::map<QString, PlannedPatient> patients;
+    std::map<QString, QVector<QString>> patientStudies;
+    for (const auto& [uid, study] : studies) {
+        const FileFacts& first = facts[size_t(study.firstFile)];
+        if (first.patientID.trimmed().isEmpty()) {
+            for (const QString& key : studySeries[uid])
+                for (int file : series[key].files)
+                    plan.withoutPatientID.append(file);
+            continue;
+        }
+        const QString key = patientIdentityKey(first.patientID, first.issuer, first.birthDate, first.patientName);
+        PlannedPatient& patient = patients[key];
+        if (patient.key.isEmpty()) {
+            patient.key = key;
+            patient.patientID = first.patientID;
+            patient.name = first.patientName;
+            patient.firstFile = study.firstFile;
+        }
+        patientStudies[key].append(uid);
+    }
+
+    QHash<QString, int> seriesIndex, studyIndex;
+    for (auto& [key, s] : series) {
+        seriesIndex.insert(key, int(plan.series.size()));
+        plan.series.push_back(std::move(s));
+    }
+    for (auto& [uid, study] : studies) {
+        for (const QString& key : studySeries[uid])
+            study.series.append(seriesIndex.value(key));
+        studyIndex.insert(uid, int(plan.studies.size()));
+        plan.studies.push_back(std::move(study));
+    }
+    for (auto& [key, patient] : patients) {
+        for (const QString& uid : patientStudies[key])
+            patient.studies.append(studyIndex.value(uid));
+        plan.patients.push_back(std::move(patient));
+    }
+    return plan;
+}
+
+} // namespace kestrel::internal::import

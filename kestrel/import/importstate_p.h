@@ -1,0 +1,18 @@
+#pragma once
+
+#include "qdcmfiles.h"
+
+#include "import/importplan_p.h"
+
+#include <QSet>
+
+#include <vector>
+
+// What an importer knows of its files between the reading pass and the import pass. The facts of
+// earlier runs stay until reinit(), as the grouping of the importer always has.
+struct QDcmFiles::ImportState {
+    std::vector<kestrel::internal::import::FileFacts> facts;
+    QHash<QString, int> factIndex; // path -> index in facts
+    kestrel::internal::import::ImportPlan plan;
+    QSet<QString> notedPatientIDs; // IDs already reported as naming several people
+};

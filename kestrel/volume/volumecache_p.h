@@ -1,0 +1,33 @@
+#pragma once
+
+#include "platform/status_p.h"
+#include "platform/testexport_p.h"
+
+#include <QString>
+
+// The disk cache of built volumes: the cache folder, a volume's file name in it, and the
+// `registration` rows that name the files (on the default connection).
+namespace kestrel::internal::volumecache {
+
+// The folder of ../config/cache.ini's "registration/cachepath" (read relative to the working
+// directory, as the application's launcher sets it; default "../cache"), a relative folder
+// resolved against the application directory, cleaned. Made when missing.
+KESTREL_TEST_EXPORT QString folder();
+
+// FOLDER/KEY.data, the key's path separators replaced by "_" (no separators from the data).
+KESTREL_TEST_EXPORT QString fileFor(const QString& folder, const QString& key);
+
+// Savepath of KEY's last registration row; empty without one (or when the read fails). HEAD, when
+// given, gets the row's head text.
+KESTREL_TEST_EXPORT QString registeredFile(const QString& key, QString* head = nullptr);
+
+// Adds the registration row of KEY: FILE with the volume's head text HEAD.
+KESTREL_TEST_EXPORT Status registerFile(const QString& key, const QString& file, const QString& head);
+
+// Removes every registration row of KEY.
+KESTREL_TEST_EXPORT Status forget(const QString& key);
+
+// Reads the study and series UIDs of SERIESPK's images and drops them (the volume's getUID).
+void readSeriesUIDs(qint64 seriesPk);
+
+} // namespace kestrel::internal::volumecache
