@@ -163,14 +163,17 @@ QString patientOrientation(const double* row, const double* column)
         + QString::fromStdString(geometry::directionCode(c, 0.001));
 }
 
+// Digits as such, whatever the process's locale.
 QString dicomDate(const QDate& date)
 {
-    return date.toString(QStringLiteral("yyyyMMdd"));
+    return QStringLiteral("%1%2%3").arg(date.year(), 4, 10, QChar('0')).arg(date.month(), 2, 10, QChar('0'))
+        .arg(date.day(), 2, 10, QChar('0'));
 }
 
 QString dicomTime(const QTime& time)
 {
-    return time.toString(QStringLiteral("HHmmss"));
+    return QStringLiteral("%1%2%3").arg(time.hour(), 2, 10, QChar('0')).arg(time.minute(), 2, 10, QChar('0'))
+        .arg(time.second(), 2, 10, QChar('0'));
 }
 
 Status putDerivedImage(DcmDataset* ds, const DerivedImage& image, const QString& seriesUid, const QByteArray& sopUid,

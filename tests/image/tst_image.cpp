@@ -1,3 +1,4 @@
+#include "image/imageio_p.h"
 #include "ndicomimage.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
@@ -11,6 +12,8 @@
 #include <cmath>
 #include <memory>
 #include <vector>
+
+using namespace kestrel::internal;
 
 namespace {
 
@@ -425,6 +428,13 @@ void TestImage::saveRoundTrip()
         QCOMPARE(dcmText(out, tag), QString());
     QCOMPARE(QStringList({dcmText(out, DCM_BitsStored), dcmText(out, DCM_HighBit), dcmText(out, DCM_PixelRepresentation)}),
              QStringList({"16", "15", "0"}));
+
+    // Valid DA and TM on any day, under any locale; letters of oblique directions strongest first.
+    QCOMPARE(QStringList({dicomDate(QDate(2024, 3, 5)), dicomTime(QTime(9, 3, 5)), dicomTime(QTime(23, 59, 29))}),
+             QStringList({"20240305", "090305", "235929"}));
+    const double row[3] = {0.97332, 0, 0.22945}, column[3] = {0, 1, 0}, tilted[3] = {0, -0.6, -0.8};
+    QCOMPARE(QStringList({patientOrientation(row, column), patientOrientation(column, tilted)}),
+             QStringList({"LH\\P", "P\\FA"}));
 
     // Onto its own template, and the failures that leave nothing behind.
     QVERIFY(img->saveAs(out, out, "1.2.3.4.6"));
