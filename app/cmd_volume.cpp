@@ -1,5 +1,6 @@
-// kestrel volume --series PK --out DIR [--index I] [--thickness T] [--render max|min|avg]:
-// builds (or loads from the cache) a series' volume and writes its three planes as PNG.
+// kestrel volume --series PK --out DIR [--index I] [--thickness T] [--render max|min|avg] [--dicom]:
+// builds (or loads from the cache) a series' volume and writes its three planes as PNG, and with
+// --dicom also as derived DICOM images of one new series.
 #include "catalog.h"
 #include "command.h"
 #include "picture.h"
@@ -10,6 +11,9 @@
 #include "qinstance.h"
 #include "qseries.h"
 #include "veldatabaseconnection.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcuid.h>
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -23,6 +27,36 @@
 
 namespace {
 
+// The derived series the planes of one run are written into: a new UID, the source's number plus
+// 1000, "MPR" before its description.
+struct DerivedSeries {
+    QString uid, templateFile, description;
+    int number = 0;
+};
+
+DerivedSeries derivedSeries(QSeries& series)
+{
+    char uid[100];
+    dcmGenerateUniqueIdentifier(uid, SITE_SERIES_UID_ROOT);
+    DerivedSeries derived;
+    derived.uid = QString::fromLatin1(uid);
+    derived.templateFile = series.getInstances().first()->getFilePath();
+    derived.number = 1000 + series.getSeriesNumber();
+    derived.description = QString("MPR %1").arg(series.getSeriesDescription()).trimmed().left(64);
+    return derived;
+}
+
+bool writeDicomPlane(NDicomImage& image, const VolumeHead& head, const DerivedSeries& series, int number,
+                     const QString& file)
+{
+    image.setInstanceNumber(number);
+    image.setSeriesNumber(series.number);
+    image.setSeriesDescription(series.description);
+    image.setWindowWidth(head.WindowWidth);
+    image.setWindowCenter(head.WindowCenter);
+    return image.saveAs(file, series.templateFile, series.uid);
+}
+
 int runVolume(const QStringList& args)
 {
     QCommandLineParser parser;
@@ -34,6 +68,8 @@ int runVolume(const QStringList& args)
     parser.addOption({"index", "Plane index (default: the middle plane of each view).", "I"});
     parser.addOption({"thickness", "Slab thickness in planes (default 1).", "T", "1"});
     parser.addOption({"render", "Slab rule: max, min or avg (default max).", "RULE", "max"});
+    parser.addOption({"dicom", "Also write the planes as axial.dcm, coronal.dcm and sagittal.dcm: derived images of "
+                               "one new series (number + 1000) on the series' first file."});
     if (const auto status = app::parseArguments(parser, "volume", args))
         return *status;
     bool ok = false;
@@ -88,7 +124,9 @@ int runVolume(const QStringList& args)
     } views[] = {{"axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum},
                  {"coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum},
                  {"sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum}};
+    const DerivedSeries derived = derivedSeries(series);
     int status = 0;
+    int number = 0;
     for (const View& view : views) {
         NDicomImage image;
         const int plane = index >= 0 ? index : (volume.*view.planes)() / 2;
@@ -99,6 +137,14 @@ int runVolume(const QStringList& args)
             continue;
         }
         out << file << QString(": %1x%2\n").arg(image.width()).arg(image.height());
+        if (!parser.isSet("dicom"))
+            continue;
+        const QString dicom = dir.filePath(QString(view.name) + ".dcm");
+        if (!writeDicomPlane(image, *volume.getHead(), derived, ++number, dicom)) {
+            status = app::fail("volume", QString("cannot write %1").arg(dicom));
+            continue;
+        }
+        out << dicom << QString(": series %1 image %2\n").arg(derived.uid).arg(number);
     }
     return status;
 }

@@ -15,10 +15,20 @@ namespace {
 constexpr double kSpacingCluster = 0.01;
 // An image stays in the volume when its distance to its predecessor is this close to the spacing.
 constexpr double kSpacingTolerance = 0.1;
+// Images closer than this (mm) stand at one slice position.
+constexpr double kSamePosition = 0.01;
+// Unit normals whose dot product is at least this are of one plane (about 0.8°).
+constexpr double kParallel = 0.9999;
 
-int mainAxisOf(const StackImage& image)
+Vec3 unitNormal(const StackImage& image)
 {
-    return image.oriented ? signedMainAxis(imageNormal(image.row, image.column)) : -1;
+    return normalized(sliceNormal(image.row, image.column));
+}
+
+// True when IMAGE lies in planes parallel to those of unit normal N.
+bool sameFamily(const StackImage& image, const Vec3& n)
+{
+    return image.oriented && std::fabs(dot(unitNormal(image), n)) >= kParallel;
 }
 
 // The spacing: the most common distance. Sorted distances form clusters; the cluster with the
@@ -41,27 +51,36 @@ double modeSpacing(std::vector<double> distances)
     return spacing;
 }
 
-// Images of SORTED that stay: the first (it starts the volume) and every image whose distance to
+// Slices of SORTED that stay: the first (it starts the volume) and every slice whose distance to
 // its predecessor in sorted order is the spacing, even when that predecessor is left out.
-std::vector<int> keepSpaced(const std::vector<int>& sorted, const std::vector<double>& distances, double spacing)
+std::vector<size_t> keepSpaced(size_t count, const std::vector<double>& distances, double spacing)
 {
-    std::vector<int> kept{sorted.front()};
-    for (size_t i = 1; i < sorted.size(); ++i)
+    std::vector<size_t> kept{0};
+    for (size_t i = 1; i < count; ++i)
         if (std::fabs(distances[i - 1] - spacing) < kSpacingTolerance)
-            kept.push_back(sorted[i]);
+            kept.push_back(i);
     return kept;
 }
 
-// True when KEPT runs against the normal of its first image along that image's main axis.
-bool runsAgainstNormal(const std::vector<StackImage>& images, const std::vector<int>& kept, Vec3& normal, int& axis)
+// IMAGES in the order SORTED, images at one position gathered into one slice.
+std::vector<StackSlice> gatherPositions(const std::vector<StackImage>& images, const std::vector<int>& sorted)
 {
-    const StackImage& first = images[size_t(kept.front())];
-    normal = normalized(sliceNormal(first.row, first.column));
-    axis = mainAxisOf(first);
-    if (axis < 0)
-        return false;
-    const size_t k = size_t(axis);
-    return normal[k] * (images[size_t(kept.back())].position[k] - first.position[k]) < 0;
+    std::vector<StackSlice> slices;
+    for (int index : sorted) {
+        const StackImage& image = images[size_t(index)];
+        if (slices.empty() || !(distance(slices.back().position, image.position) < kSamePosition))
+            slices.push_back({image.position, {}});
+        slices.back().frames.push_back({image.key, image.instanceNumber});
+    }
+    return slices;
+}
+
+int commonFrameCount(const std::vector<StackSlice>& slices)
+{
+    for (const StackSlice& slice : slices)
+        if (slice.frames.size() != slices.front().frames.size())
+            return 0;
+    return slices.empty() ? 0 : int(slices.front().frames.size());
 }
 
 } // namespace
@@ -83,55 +102,59 @@ int signedMainAxis(const Vec3& v)
     return k;
 }
 
-std::vector<int> orderAlongMainAxis(const std::vector<StackImage>& images)
+std::vector<int> orderAlongNormal(const std::vector<StackImage>& images)
 {
     std::vector<int> order(images.size());
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = int(i);
     if (images.size() < 2 || !images.front().oriented)
         return order;
-    std::vector<int> axes(images.size());
-    std::transform(images.begin(), images.end(), axes.begin(), mainAxisOf);
-    const int k = axes.front();
-    const bool descending = imageNormal(images.front().row, images.front().column)[size_t(k)] < 0;
-    // Stable, so that images at one position keep the order given: a sagittal series whose main
-    // axis is the (constant) z keeps the order in which the scanner numbered its slices.
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-        if (axes[size_t(a)] != axes[size_t(b)])
-            return false;
-        const double pa = images[size_t(a)].position[size_t(k)], pb = images[size_t(b)].position[size_t(k)];
-        return descending ? pa > pb : pa < pb;
+    const Vec3 n = unitNormal(images.front());
+    if (!(length(n) > 0))
+        return order;
+    // The places of the first image's plane family, sorted among themselves. Stable, so that an
+    // order that already runs along the normal, and images at one position, stay as given.
+    std::vector<int> family;
+    for (int i : order)
+        if (sameFamily(images[size_t(i)], n))
+            family.push_back(i);
+    std::vector<int> sorted = family;
+    std::stable_sort(sorted.begin(), sorted.end(), [&](int a, int b) {
+        return dot(images[size_t(a)].position, n) < dot(images[size_t(b)].position, n);
     });
+    for (size_t i = 0; i < family.size(); ++i)
+        order[size_t(family[i])] = sorted[i];
     return order;
 }
 
 SliceStack buildSliceStack(const std::vector<StackImage>& images)
 {
     SliceStack stack;
-    const std::vector<int> sorted = orderAlongMainAxis(images);
-    if (sorted.size() < 2)
+    std::vector<StackSlice> slices = gatherPositions(images, orderAlongNormal(images));
+    if (slices.size() < 2)
         return stack;
     std::vector<double> distances;
-    for (size_t i = 1; i < sorted.size(); ++i)
-        distances.push_back(distance(images[size_t(sorted[i])].position, images[size_t(sorted[i - 1])].position));
+    for (size_t i = 1; i < slices.size(); ++i)
+        distances.push_back(distance(slices[i].position, slices[i - 1].position));
     const double spacing = modeSpacing(distances);
-    std::vector<int> kept = keepSpaced(sorted, distances, spacing);
-    if (kept.size() < 2 || distance(images[size_t(kept.front())].position, images[size_t(kept.back())].position) == 0)
+    const std::vector<size_t> kept = keepSpaced(slices.size(), distances, spacing);
+    if (kept.size() < 2)
         return stack;
-    for (size_t i = 0, k = 0; i < sorted.size(); ++i) {
-        if (k < kept.size() && kept[k] == sorted[i])
+    for (size_t i = 0, k = 0; i < slices.size(); ++i) {
+        if (k < kept.size() && kept[k] == i) {
+            stack.slices.push_back(slices[i]);
             ++k;
-        else
-            stack.dropped.push_back(images[size_t(sorted[i])].key);
+        } else {
+            for (const StackFrame& frame : slices[i].frames)
+                stack.dropped.push_back(frame.key);
+        }
     }
-    if (runsAgainstNormal(images, kept, stack.normal, stack.mainAxis))
-        std::reverse(kept.begin(), kept.end());
+    // Sorted along the normal already, unless images of other planes stood in the way.
+    stack.normal = images.front().oriented ? unitNormal(images.front()) : Vec3{};
+    if (dot(subtract(stack.slices.back().position, stack.slices.front().position), stack.normal) < 0)
+        std::reverse(stack.slices.begin(), stack.slices.end());
 
     stack.spacing = spacing;
-    for (int index : kept) {
-        const StackImage& image = images[size_t(index)];
-        stack.slices.push_back({image.position, {{image.key, image.instanceNumber}}});
-    }
     for (size_t i = 1; i < stack.slices.size(); ++i) {
         const double d = distance(stack.slices[i].position, stack.slices[i - 1].position);
         if (!(std::fabs(d - spacing) < kSpacingTolerance))
@@ -140,6 +163,7 @@ SliceStack buildSliceStack(const std::vector<StackImage>& images)
     stackAxis(stack.slices.front().position, stack.slices.back().position, int(stack.slices.size()), stack.axis,
               stack.step);
     stack.startsAtFirstImage = stack.slices.front().position == images.front().position;
+    stack.framesPerSlice = commonFrameCount(stack.slices);
     return stack;
 }
 

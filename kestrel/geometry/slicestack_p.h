@@ -30,7 +30,8 @@ struct StackFrame {
     int instanceNumber = 0;
 };
 
-// A slice position and the images taken there (one each under the present rules).
+// A slice position and the images taken there, in the order given (several for echoes, time
+// points or image types acquired at one position).
 struct StackSlice {
     Vec3 position{};
     std::vector<StackFrame> frames;
@@ -44,31 +45,35 @@ struct StackGap {
 
 struct SliceStack {
     std::vector<StackSlice> slices; // along the normal; empty when the images make no volume
-    Vec3 normal{};                  // unit row × column of the first image in sorted order
-    int mainAxis = -1;              // patient axis the images were sorted along
-    double spacing = 0;             // most common distance between neighbours in sorted order
+    Vec3 normal{};                  // unit row × column of the first image given
+    double spacing = 0;             // most common distance between neighbouring positions
     Vec3 axis{};                    // unit vector from the first slice to the last
     double step = 0;                // distance from the first slice to the last / (slices - 1)
     std::vector<std::int64_t> dropped; // images left out for their distance, in sorted order
     std::vector<StackGap> gaps;
     bool startsAtFirstImage = false; // the first slice lies exactly where the first image given does
+    int framesPerSlice = 0;          // images at every slice position; 0 when the positions differ in it
 };
 
 // The normal an image stores: row × column, scaled by sqrt(Nx² + Ny·Nz + Nz²) rather than by
-// its length, and left unscaled when that is not positive (a coronal normal gives 0). Slice
-// order, the main axis and the volumes cached by earlier versions all derive from this value.
+// its length, and left unscaled when that is not positive (a coronal normal gives 0). The
+// instance's main axis and the volumes cached by earlier versions derive from this value; slice
+// order does not.
 KESTREL_TEST_EXPORT Vec3 imageNormal(const Vec3& row, const Vec3& column);
 
 // Main axis of a normal by signed comparison: 0 if v[0] > v[1] else 1, kept if v[k] > v[2] else
 // 2. Ties go to the higher index and negative components never win ((0, 0, -1) gives 1).
 KESTREL_TEST_EXPORT int signedMainAxis(const Vec3& v);
 
-// Order of IMAGES (indices) along the first image's main axis, the way its normal points there.
-// Images with another main axis are not ordered against the rest; images at one position keep
-// the order given. Given order when there are fewer than two or the first is not oriented.
-KESTREL_TEST_EXPORT std::vector<int> orderAlongMainAxis(const std::vector<StackImage>& images);
+// Order of IMAGES (indices) along the unit normal of the first image, whatever way it points.
+// Images of another plane (a normal not parallel to it) keep their places and are not ordered
+// against the rest; the order given is kept wherever it already runs along the normal, so images
+// at one position keep it too. Given order when there are fewer than two or the first is not
+// oriented.
+KESTREL_TEST_EXPORT std::vector<int> orderAlongNormal(const std::vector<StackImage>& images);
 
-// The volume that IMAGES (one plane, in the catalogue's order) make.
+// The volume that IMAGES (one plane, in the catalogue's order) make. Images at one position are
+// the frames of one slice: none is dropped for standing where another stands.
 KESTREL_TEST_EXPORT SliceStack buildSliceStack(const std::vector<StackImage>& images);
 
 // Axis of COUNT slices in order from FIRST to LAST: the unit vector between them and the mean

@@ -6,6 +6,7 @@
 #include "qpatient.h"
 #include "qstudy.h"
 
+#include <QDebug>
 #include <QHash>
 #include <QMessageLogger>
 #include <QSqlDatabase>
@@ -182,7 +183,7 @@ void QSeries::searchInstanceInfos()
 void QSeries::sortByPosition()
 {
     const QList<QInstance*> given = m_instances;
-    const std::vector<int> order = geometry::orderAlongMainAxis(stackImages(given));
+    const std::vector<int> order = geometry::orderAlongNormal(stackImages(given));
     for (size_t i = 0; i < order.size(); ++i)
         m_instances[int(i)] = given[order[i]];
 }
@@ -238,6 +239,16 @@ QSeries* QSeries::getVolumeSE()
     volume->m_seriesBase = m_seriesBase;
     for (const geometry::StackSlice& slice : stack.slices)
         volume->m_instances.append(images[int(slice.frames.front().key)]); // a volume takes one image per slice
+    if (stack.framesPerSlice == 0) {
+        // Echoes or time points give every position the same number of images; a position that
+        // holds more than the others is a repeated slice, and the volume shows only its first.
+        QStringList repeated;
+        for (const geometry::StackSlice& slice : stack.slices)
+            for (size_t f = 1; f < slice.frames.size(); ++f)
+                repeated << QString::number(slice.frames[f].instanceNumber);
+        qWarning() << "QSeries::getVolumeSE: series" << m_seriesUID << "repeats slice positions; instances"
+                   << repeated.join(',') << "stand where an earlier one does and are not in the volume";
+    }
     m_isOrder = stack.startsAtFirstImage ? 1 : -1;
     return volume;
 }

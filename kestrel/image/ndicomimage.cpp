@@ -1,8 +1,8 @@
 #include "ndicomimage.h"
 
 #include "dicom/dcmvalues_p.h"
-#include "dicom/dicomtext_p.h"
 #include "geometry/imagegeometry_p.h"
+#include "image/imageio_p.h"
 #include "simd/kernels_p.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -11,8 +11,6 @@
 #include <dcmtk/dcmdata/dcmetinf.h>
 #include <dcmtk/dcmdata/dcuid.h>
 #include <dcmtk/dcmdata/dcxfer.h>
-#include <dcmtk/dcmimgle/dcmimage.h>
-#include <dcmtk/dcmimgle/dipixel.h>
 
 #include <QDate>
 #include <QDebug>
@@ -458,26 +456,6 @@ bool readDouble(DcmItem* ds, const DcmTagKey& tag, double& field)
     return true;
 }
 
-// Stored = value - m with m the smallest value, at most -1; the shift becomes the intercept.
-template <typename T>
-qint64 shiftToUnsigned(const T* values, qint64 count, quint16* out)
-{
-    qint64 m = -1;
-    for (qint64 i = 0; i < count; ++i)
-        if (values[i] < m)
-            m = values[i];
-    for (qint64 i = 0; i < count; ++i) {
-        const qint64 v = qint64(values[i]) - m;
-        out[i] = quint16(v > 65535 ? 65535 : v);
-    }
-    return m;
-}
-
-QByteArray encodeText(const QString& text, DcmItem* ds)
-{
-    return DicomCharset(dcmCharacterSet(ds)).encode(text);
-}
-
 } // namespace
 
 bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
@@ -507,8 +485,9 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
     readInt(ds, DCM_Columns, m_size[0]);
     readInt(ds, DCM_Rows, m_size[1]);
     int bitsAllocated = 0;
+    // 8-bit data is widened to 16-bit pixels.
     if (readInt(ds, DCM_BitsAllocated, bitsAllocated))
-        m_steps[0] = bitsAllocated / 8;
+        m_steps[0] = bitsAllocated == 8 ? 2 : bitsAllocated / 8;
     if (!m_pixels || oldW != m_size[0] || oldH != m_size[1] || oldStep != m_steps[0]
         || m_steps[2] != m_size[1] * m_size[0] * m_steps[0])
         reallocate();
@@ -516,10 +495,11 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
     readInt(ds, DCM_BitsStored, m_bitsStored);
     readInt(ds, DCM_SmallestImagePixelValue, m_smallestPixel);
     readInt(ds, DCM_LargestImagePixelValue, m_largestPixel);
+    // Between rows first, then between columns (the spacing along a row).
     const QVector<double> spacing = dcmDoubles(ds, DCM_PixelSpacing);
     if (spacing.size() >= 2) {
-        m_pixelSpacing[0] = spacing[0];
-        m_pixelSpacing[1] = spacing[1];
+        m_pixelSpacing[0] = spacing[1];
+        m_pixelSpacing[1] = spacing[0];
     }
     const QVector<double> position = dcmDoubles(ds, DCM_ImagePositionPatient);
     if (position.size() >= 3)
@@ -534,14 +514,13 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
     m_windowWidth = 2000.0;
     readDouble(ds, DCM_WindowCenter, m_windowCenter);
     readDouble(ds, DCM_WindowWidth, m_windowWidth);
-    int pixelRepresentation = 0;
-    readInt(ds, DCM_PixelRepresentation, pixelRepresentation);
     int samples = 1;
     readInt(ds, DCM_SamplesPerPixel, samples);
 
-    if (m_steps[0] != 2 || samples != 1) {
+    const bool monochrome = dcmString(ds, DCM_PhotometricInterpretation).trimmed().startsWith("MONOCHROME");
+    if (m_steps[0] != 2 || samples != 1 || (bitsAllocated == 8 && !monochrome)) {
         qWarning() << "NDicomImage::readReferenceFileInfo:" << file << "has" << samples << "samples of"
-                   << bitsAllocated << "bits per pixel; only single 16-bit samples are read";
+                   << bitsAllocated << "bits per pixel; only single 16-bit or 8-bit grey samples are read";
         return false;
     }
     const E_TransferSyntax xfer = ds->getOriginalXfer();
@@ -549,66 +528,15 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
         qWarning() << "NDicomImage::readReferenceFileInfo: cannot decompress the pixel data of" << file;
         return false;
     }
-    const Uint16* words = nullptr;
-    unsigned long count = 0;
-    if (ds->findAndGetUint16Array(DCM_PixelData, words, &count).bad() || !words
-        || qint64(count) * 2 != qint64(m_steps[2]) || !m_pixels) {
-        qWarning() << "NDicomImage::readReferenceFileInfo:" << file
-                   << "has no pixel data of the image's size" << m_size[0] << "x" << m_size[1];
-        return false;
-    }
-    if (pixelRepresentation != 1) {
-        std::memcpy(m_pixels, words, size_t(m_steps[2]));
-        return true;
-    }
-
-    // Signed data: the modality-transformed values, in the representation of the file's declared
-    // pixel format rather than of the values' actual range.
-    DicomImage image(ds, ds->getCurrentXfer(), CIF_UseAbsolutePixelRange, 0, 1);
-    const DiPixel* inter = image.getStatus() == EIS_Normal ? image.getInterData() : nullptr;
     const qint64 pixels = qint64(m_size[0]) * m_size[1];
-    if (!inter || !inter->getData() || qint64(inter->getCount()) < pixels) {
-        qWarning() << "NDicomImage::readReferenceFileInfo: DCMTK cannot render" << file
-                   << DicomImage::getString(image.getStatus());
+    if (pixels * 2 != qint64(m_steps[2]) || !m_pixels) {
+        qWarning() << "NDicomImage::readReferenceFileInfo:" << file << "has no room for its" << m_size[0] << "x"
+                   << m_size[1] << "pixels";
         return false;
     }
-    quint16* out = reinterpret_cast<quint16*>(m_pixels);
-    switch (inter->getRepresentation()) {
-    case EPR_Sint16:
-        m_intercept = double(shiftToUnsigned(static_cast<const Sint16*>(inter->getData()), pixels, out));
-        m_slope = 1.0;
-        break;
-    case EPR_Sint32:
-        // Rescaled values that need 32 bits get the same shift; values beyond 65535 after it saturate.
-        m_intercept = double(shiftToUnsigned(static_cast<const Sint32*>(inter->getData()), pixels, out));
-        m_slope = 1.0;
-        break;
-    case EPR_Uint8: {
-        const Uint8* v = static_cast<const Uint8*>(inter->getData());
-        for (qint64 i = 0; i < pixels; ++i)
-            out[i] = v[i];
-        m_intercept = 0.0;
-        m_slope = 1.0;
-        break;
-    }
-    case EPR_Uint16:
-        std::memcpy(out, inter->getData(), size_t(pixels) * 2);
-        m_intercept = 0.0;
-        m_slope = 1.0;
-        break;
-    case EPR_Uint32: {
-        const Uint32* v = static_cast<const Uint32*>(inter->getData());
-        for (qint64 i = 0; i < pixels; ++i)
-            out[i] = quint16(v[i] & 0xFFFF);
-        m_intercept = 0.0;
-        m_slope = 1.0;
-        break;
-    }
-    default:
-        // The source position stays in the message: support scripts search the logs for it.
-        qWarning("ndicomimage.cpp 728 NDicomImage::readReferenceFileInfo: unsupported intermediate pixel "
-                 "representation %d in %s",
-                 int(inter->getRepresentation()), qPrintable(file));
+    const Status read = readGreyPixels(ds, pixels, reinterpret_cast<quint16*>(m_pixels), m_slope, m_intercept, file);
+    if (!read) {
+        qWarning("%s", qPrintable(read.text()));
         return false;
     }
     return true;
@@ -624,55 +552,38 @@ bool NDicomImage::saveAs(QString outFile, QString templateFile, QString seriesUI
     }
     // Everything into memory: the output may be the template itself.
     fileFormat.loadAllDataIntoMemory();
-    const qint64 pixels = qint64(m_size[0]) * m_size[1];
-    if (!m_pixels || pixels <= 0 || pixels * 2 > m_steps[2] || pixels > 0xFFFFFFFFLL / 2) {
-        qWarning() << "NDicomImage::saveAs: the image has no pixels to write";
+    if (!m_pixels || m_steps[0] != 2 || qint64(m_size[0]) * m_size[1] * 2 > m_steps[2]
+        || m_steps[1] != m_size[0] * 2) {
+        qWarning() << "NDicomImage::saveAs: the image has no 16-bit pixels to write";
         return false;
     }
     DcmDataset* ds = fileFormat.getDataset();
     const E_TransferSyntax templateXfer = ds->getOriginalXfer();
-
-    const QDate today = QDate::currentDate();
-    // Dates without zero padding (5 March 2024 is "202435"): the application's series lists
-    // compare the derived images' dates in this form.
-    const QString date = QString::number(today.year()) + QString::number(today.month()) + QString::number(today.day());
-    const QString time = QTime::currentTime().toString(Qt::TextDate);
     char uid[100];
     dcmGenerateUniqueIdentifier(uid, "1.2.276.0.7230010.3.1.4");
     m_refSoftwareVersions = QStringLiteral("Orvena_V1.0");
 
-    auto put = [ds](const DcmTagKey& tag, const QByteArray& value) {
-        return ds->putAndInsertString(DcmTag(tag), value.constData()).good();
-    };
-    auto putText = [&put](const DcmTagKey& tag, const QString& value) { return put(tag, value.toLatin1()); };
-    const double* r = m_orientation[0];
-    const double* c = m_orientation[1];
-    const bool ok =
-        putText(DCM_SeriesInstanceUID, seriesUID) && putText(DCM_InstanceNumber, QString("%1").arg(m_instanceNumber))
-        && putText(DCM_SeriesNumber, QString("%1").arg(m_seriesNumber))
-        && put(DCM_PatientOrientation, encodeText(m_refPatientPosition, ds))
-        && put(DCM_SeriesDescription, encodeText(m_seriesDescription, ds))
-        && putText(DCM_ImageOrientationPatient,
-                   QString("%1\\%2\\%3\\%4\\%5\\%6").arg(r[0]).arg(r[1]).arg(r[2]).arg(c[0]).arg(c[1]).arg(c[2]))
-        && ds->putAndInsertUint16(DCM_Columns, Uint16(m_size[0])).good()
-        && ds->putAndInsertUint16(DCM_Rows, Uint16(m_size[1])).good()
-        && ds->putAndInsertUint16(DCM_BitsAllocated, Uint16(m_steps[0] * 8)).good()
-        && putText(DCM_PixelSpacing, QString("%1\\%2").arg(m_pixelSpacing[0]).arg(m_pixelSpacing[1]))
-        && putText(DCM_ImagePositionPatient,
-                   QString("%1\\%2\\%3").arg(m_position[0]).arg(m_position[1]).arg(m_position[2]))
-        && putText(DCM_SliceThickness, QString("%1").arg(m_thickness)) && putText(DCM_InstanceCreationDate, date)
-        && putText(DCM_StudyDate, date) && putText(DCM_SeriesDate, date) && putText(DCM_ContentDate, date)
-        && putText(DCM_InstanceCreationTime, time) && putText(DCM_StudyTime, time) && putText(DCM_SeriesTime, time)
-        && putText(DCM_ContentTime, time) && put(DCM_SOPInstanceUID, QByteArray(uid))
-        && putText(DCM_ImageType, QStringLiteral("DERIVED\\SECONDARY\\MPR"))
-        && putText(DCM_SoftwareVersions, m_refSoftwareVersions)
-        && ds->putAndInsertUint16Array(DCM_PixelData, reinterpret_cast<const Uint16*>(m_pixels),
-                                       static_cast<unsigned long>(pixels))
-               .good()
-        && putText(DCM_WindowWidth, QString("%1").arg(m_windowWidth))
-        && putText(DCM_WindowCenter, QString("%1").arg(m_windowCenter));
-    if (!ok) {
-        qWarning() << "NDicomImage::saveAs: cannot set the attributes of" << outFile;
+    DerivedImage image;
+    image.columns = m_size[0];
+    image.rows = m_size[1];
+    image.pixels = reinterpret_cast<const quint16*>(m_pixels);
+    image.alongRow = m_pixelSpacing[0];
+    image.downColumn = m_pixelSpacing[1];
+    std::copy(m_position, m_position + 3, image.position);
+    std::copy(m_orientation[0], m_orientation[0] + 3, image.row);
+    std::copy(m_orientation[1], m_orientation[1] + 3, image.column);
+    image.thickness = m_thickness;
+    image.slope = m_slope;
+    image.intercept = m_intercept;
+    image.windowCentre = m_windowCenter;
+    image.windowWidth = m_windowWidth;
+    image.instanceNumber = m_instanceNumber;
+    image.seriesNumber = m_seriesNumber;
+    image.seriesDescription = m_seriesDescription;
+    image.softwareVersions = m_refSoftwareVersions;
+    const Status put = putDerivedImage(ds, image, seriesUID, QByteArray(uid), QDateTime::currentDateTime());
+    if (!put) {
+        qWarning() << "NDicomImage::saveAs:" << outFile << put.text();
         return false;
     }
     // The file meta information names the new instance too.
@@ -714,6 +625,15 @@ struct Accumulator {
     }
 };
 
+// True when the centre of pixel (x, y), the point (x + 0.5, y + 0.5), lies inside the ellipse
+// inscribed in R.
+bool centreInEllipse(const QRectF& r, int x, int y)
+{
+    const double dx = x + 0.5 - r.x() - r.width() / 2;
+    const double dy = y + 0.5 - r.y() - r.height() / 2;
+    return 4 * dx * dx / (r.width() * r.width()) + 4 * dy * dy / (r.height() * r.height()) < 1.0;
+}
+
 } // namespace
 
 markShowValue NDicomImage::getRect(const QRectF& r)
@@ -734,12 +654,11 @@ markShowValue NDicomImage::getRect(const QRectF& r)
 
 markShowValue NDicomImage::getEllipse(const QRectF& r)
 {
-    const QRegion region(int(r.x()), int(r.y()), int(r.width()), int(r.height()), QRegion::Ellipse);
     Accumulator acc;
     const double x0 = r.x(), y0 = r.y(), w = r.width(), h = r.height();
     for (int x = int(x0); x < x0 + w; ++x)
         for (int y = int(y0); y < y0 + h; ++y)
-            if (region.contains(QPoint(x, y)))
+            if (centreInEllipse(r, x, y))
                 acc.add(sampled(x, y));
     markShowValue value;
     value.mean = acc.sum / double(acc.count);
@@ -874,11 +793,10 @@ QPointF NDicomImage::pointbetween(QPolygonF p)
 QList<markShowValue> NDicomImage::getVesselInfo(const QRectF& r, QList<QPolygonF> polys, QLineF l1, QLineF l2)
 {
     QVector<Accumulator> bins(4 + 4 * polys.size());
-    const QRegion region(int(r.x()), int(r.y()), int(r.width()), int(r.height()), QRegion::Ellipse);
     const double x0 = r.x(), y0 = r.y(), w = r.width(), h = r.height();
     for (int x = int(x0); x < x0 + w; ++x)
         for (int y = int(y0); y < y0 + h; ++y) {
-            if (!region.contains(QPoint(x, y)))
+            if (!centreInEllipse(r, x, y))
                 continue;
             const int sector = getSectorRegion(l1, l2, x, y);
             const int v = sampled(x, y);

@@ -1,6 +1,7 @@
 #include "ndicomvolume.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/pixelvalues_p.h"
 #include "geometry/slicestack_p.h"
 #include "platform/fileplacement_p.h"
 #include "volume/volumecache_p.h"
@@ -25,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -149,7 +151,7 @@ const Uint8* pixelBytes(DcmDataset* ds, qint64& length)
     return bytes;
 }
 
-template <typename T> void shiftByMinimum(const T* values, qint64 count, qint64 start, quint16* out, double& intercept)
+template <typename T> void shiftByMinimum(const T* values, qint64 count, qint64 start, quint16* out, qint64& shift)
 {
     qint64 m = start;
     for (qint64 n = 0; n < count; ++n)
@@ -157,7 +159,7 @@ template <typename T> void shiftByMinimum(const T* values, qint64 count, qint64 
             m = values[n];
     for (qint64 n = 0; n < count; ++n)
         out[n] = quint16(qint64(values[n]) - m);
-    intercept = double(m);
+    shift = m;
 }
 
 } // namespace
@@ -241,10 +243,12 @@ bool NDicomVolume::fillHead()
     m_head.volumestep[2] = int(x * y * bytes);
     m_head.volumestep[3] = int(x * y * z * bytes);
     m_head.padding = 0;
+    // Pixel Spacing is the distance between rows (down a column, along j), then between columns
+    // (along a row, i).
     const QVector<double> spacing = dcmDoubles(ds, DCM_PixelSpacing);
     if (spacing.size() >= 2) {
-        m_head.voxelspace[0] = spacing[0];
-        m_head.voxelspace[1] = spacing[1];
+        m_head.voxelspace[0] = spacing[1];
+        m_head.voxelspace[1] = spacing[0];
     }
     m_head.voxelspace[2] = m_spacing[2];
     if (dcmHas(ds, DCM_SliceThickness))
@@ -286,7 +290,7 @@ bool NDicomVolume::prepareBuffer()
     return true;
 }
 
-bool NDicomVolume::storeSlice(DcmFileFormat& file, const QString& path, char* frame, qint64& written)
+bool NDicomVolume::storeSlice(DcmFileFormat& file, const QString& path, char* frame, qint64& written, qint64& shift)
 {
     DcmDataset* ds = file.getDataset();
     const qint64 x = m_head.volumesize[0], y = m_head.volumesize[1];
@@ -310,11 +314,13 @@ bool NDicomVolume::storeSlice(DcmFileFormat& file, const QString& path, char* fr
     switch (m_sourceBits) {
     case 16: {
         if (dcmInt(ds, DCM_PixelRepresentation, 0) == 0) {
-            std::memcpy(slot, data, size_t(sliceBytes));
+            const int bitsStored = dcmInt(ds, DCM_BitsStored, 16);
+            unsignedStoredValues(reinterpret_cast<const quint16*>(data), pixels, bitsStored,
+                                 dcmInt(ds, DCM_HighBit, bitsStored - 1), reinterpret_cast<quint16*>(slot));
             break;
         }
         // Signed data: the modality-transformed values, in the representation of the declared
-        // pixel format (not of the values' range), each slice shifted by its own minimum.
+        // pixel format (not of the values' range), shifted by the slice's minimum for now.
         DicomImage image(ds, ds->getCurrentXfer(), CIF_UseAbsolutePixelRange, 0, 1);
         const DiPixel* inter = image.getStatus() == EIS_Normal ? image.getInterData() : nullptr;
         if (!inter || !inter->getData() || qint64(inter->getCount()) < pixels)
@@ -322,12 +328,10 @@ bool NDicomVolume::storeSlice(DcmFileFormat& file, const QString& path, char* fr
         quint16* out = reinterpret_cast<quint16*>(slot);
         switch (inter->getRepresentation()) {
         case EPR_Sint16:
-            shiftByMinimum(static_cast<const Sint16*>(inter->getData()), pixels, -1, out, m_head.RescaleIntercept);
-            m_head.RescaleSlope = 1;
+            shiftByMinimum(static_cast<const Sint16*>(inter->getData()), pixels, -1, out, shift);
             break;
         case EPR_Sint32:
-            shiftByMinimum(static_cast<const Sint32*>(inter->getData()), pixels, 65535, out, m_head.RescaleIntercept);
-            m_head.RescaleSlope = 1;
+            shiftByMinimum(static_cast<const Sint32*>(inter->getData()), pixels, 65535, out, shift);
             break;
         case EPR_Uint8:
         case EPR_Uint16:
@@ -361,7 +365,7 @@ bool NDicomVolume::storeSlice(DcmFileFormat& file, const QString& path, char* fr
     return true;
 }
 
-void NDicomVolume::readFrame(char* frame, int progressBase, int progressSpan)
+void NDicomVolume::readFrame(char* frame, int progressBase, int progressSpan, QVector<QPair<char*, qint64>>& shifted)
 {
     if (!m_volumeSeries)
         return;
@@ -371,10 +375,32 @@ void NDicomVolume::readFrame(char* frame, int progressBase, int progressSpan)
         const QString path = slices[k]->getFilePath();
         std::unique_ptr<DcmFileFormat> file(loadFile(path));
         // A file that cannot be read is skipped; the following slices move up one place.
-        if (file)
-            storeSlice(*file, path, frame, written);
+        const qint64 before = written;
+        qint64 shift = std::numeric_limits<qint64>::max();
+        if (file && storeSlice(*file, path, frame, written, shift) && shift != std::numeric_limits<qint64>::max())
+            shifted.append({frame + before, shift});
         emit processBar(progressBase + progressSpan * (k + 1) / slices.size(), 100);
     }
+}
+
+void NDicomVolume::shiftToCommonMinimum(const QVector<QPair<char*, qint64>>& shifted)
+{
+    if (shifted.isEmpty())
+        return;
+    qint64 common = shifted.first().second;
+    for (const auto& slice : shifted)
+        common = std::min(common, slice.second);
+    // One intercept for the volume: a slice shifted by its own, larger, minimum moves up by the
+    // difference, so that every voxel's real value is voxel + intercept.
+    const qint64 pixels = qint64(m_head.volumesize[0]) * m_head.volumesize[1];
+    for (const auto& slice : shifted) {
+        const qint64 up = slice.second - common;
+        quint16* voxels = reinterpret_cast<quint16*>(slice.first);
+        for (qint64 n = 0; up > 0 && n < pixels; ++n)
+            voxels[n] = quint16(std::min<qint64>(voxels[n] + up, 65535));
+    }
+    m_head.RescaleIntercept = double(common);
+    m_head.RescaleSlope = 1;
 }
 
 void NDicomVolume::loadSeries(QSeries* series)
@@ -389,7 +415,9 @@ void NDicomVolume::loadSeries(QSeries* series)
     }
     if (!fillHead() || !prepareBuffer())
         return;
-    readFrame(m_data, 0, 100);
+    QVector<QPair<char*, qint64>> shifted;
+    readFrame(m_data, 0, 100, shifted);
+    shiftToCommonMinimum(shifted);
     std::memcpy(m_buffer, &m_head, sizeof m_head);
     getLayers();
     initVelIVolume();
@@ -418,6 +446,7 @@ void NDicomVolume::loadSeries(QList<QSeries*> series)
     std::memcpy(spacing, m_spacing, sizeof spacing);
     const int isOrder = m_head.isOrder;
     const int frames = series.size();
+    QVector<QPair<char*, qint64>> shifted;
     for (int t = 0; t < frames; ++t) {
         if (t > 0)
             sortFiles(series[t]);
@@ -425,8 +454,10 @@ void NDicomVolume::loadSeries(QList<QSeries*> series)
             qWarning() << "NDicomVolume::loadSeries: series" << t << "has no volume";
             continue;
         }
-        readFrame(m_buffer + kVolumeHeaderBlock + qint64(t) * m_head.volumestep[3], 100 * t / frames, 100 / frames);
+        readFrame(m_buffer + kVolumeHeaderBlock + qint64(t) * m_head.volumestep[3], 100 * t / frames, 100 / frames,
+                  shifted);
     }
+    shiftToCommonMinimum(shifted);
     std::memcpy(m_orientation, orientation, sizeof orientation);
     std::memcpy(m_spacing, spacing, sizeof spacing);
     m_head.isOrder = isOrder;
@@ -460,13 +491,16 @@ void NDicomVolume::clone(NDicomVolume* src)
 
 void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>& build)
 {
-    m_curVolumeDataPath = volumecache::registeredFile(key);
+    QString head;
+    m_curVolumeDataPath = volumecache::registeredFile(key, &head);
     if (!m_curVolumeDataPath.isEmpty()) {
-        if (loadVolume(m_curVolumeDataPath) >= 0) {
+        // A volume cached by an earlier build has the geometry of its rules: built again.
+        if (isCurrentVolumeHeadText(head) && loadVolume(m_curVolumeDataPath) >= 0) {
             emit registrationInfo(1);
             return;
         }
-        qWarning() << "NDicomVolume: cached volume does not load, rebuilding:" << m_curVolumeDataPath;
+        qWarning() << "NDicomVolume: cached volume is of an earlier build or does not load, rebuilding:"
+                   << m_curVolumeDataPath;
         volumecache::forget(key);
     }
     build();

@@ -4,7 +4,9 @@
 #include "nvolume.h"
 
 #include <QList>
+#include <QPair>
 #include <QString>
+#include <QVector>
 
 #include <functional>
 
@@ -74,9 +76,12 @@ private:
     bool planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target);
     // Loads FILE as fillHead does; null when it cannot be read.
     static DcmFileFormat* loadFile(const QString& file);
-    // Reads the slices of the current volume series into the frame starting at FRAME.
-    void readFrame(char* frame, int progressBase, int progressSpan);
-    bool storeSlice(DcmFileFormat& file, const QString& path, char* frame, qint64& written);
+    // Reads the slices of the current volume series into the frame starting at FRAME. Signed
+    // slices are stored shifted by their own minimum, listed in SHIFTED (slice, minimum) until
+    // shiftToCommonMinimum gives the whole volume one.
+    void readFrame(char* frame, int progressBase, int progressSpan, QVector<QPair<char*, qint64>>& shifted);
+    bool storeSlice(DcmFileFormat& file, const QString& path, char* frame, qint64& written, qint64& shift);
+    void shiftToCommonMinimum(const QVector<QPair<char*, qint64>>& shifted);
     bool prepareBuffer();
     void lookupAndLoad(const QString& key, const std::function<void()>& build);
     int writeCache(const QString& key);

@@ -102,10 +102,11 @@ int NVolume::initVolume16u(int x, int y, int z)
     m_head.volumestep[1] = 2 * x;
     m_head.volumestep[2] = 2 * x * y;
     m_head.volumestep[3] = 2 * x * y * z;
-    // This builder has always put the voxels right after the 368-byte head instead of the
-    // 512-byte block; volumes made by it are addressed through their real header offset.
-    m_head.totallen = qint64(2) * x * y * z + qint64(sizeof(VolumeHead));
-    allocateBuffer(m_head.totallen, int(sizeof(VolumeHead)));
+    // The voxels follow the 512-byte header block, as in every volume file, so that saveAs writes
+    // a file loadVolume reads back.
+    m_head.totallen = qint64(2) * x * y * z + kVolumeHeaderBlock;
+    if (allocateBuffer(m_head.totallen, kVolumeHeaderBlock))
+        std::memset(m_buffer, 0, kVolumeHeaderBlock);
     m_timeIndex = 0;
     return 1;
 }
@@ -582,6 +583,13 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
     const int end = qMin(index + 1 + t / 2, length);
     if (first >= length || end <= first)
         return false;
+    // Where the plane lies: pixel (x, y) is voxel (x, y, index), (x, index, y) or (index, x, y).
+    const double* o = m_head.orientation;
+    const int across[3][2] = {{1, 2}, {0, 2}, {0, 1}}; // voxel axes along a row and down a column
+    const int* a = across[axis - 1];
+    const double* p = getPointXYZ(axis == AxisI ? index : 0, axis == AxisJ ? index : 0, axis == AxisK ? index : 0);
+    image.setPosition(p[0], p[1], p[2]);
+    image.setOriention(o[3 * a[0]], o[3 * a[0] + 1], o[3 * a[0] + 2], o[3 * a[1]], o[3 * a[1] + 1], o[3 * a[1] + 2]);
     if (!m_data || framesAvailable() < 1 || !image.data() || w <= 0 || h <= 0)
         return false;
 
@@ -641,12 +649,12 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
         for (int k = 0; k < h; ++k) {
             short* row = out + qint64(k) * w;
             std::vector<qint32> acc(mode == 2 ? size_t(w) : 0, 0);
-            // The coronal maximum starts from 0, so it never shows values below 0; the coronal
-            // views are windowed on that floor and rely on it.
-            const short start = mode == 1 ? short(32767) : short(0);
+            // Maximum and minimum start from the slab's first plane, as on the other axes, so a
+            // one-plane slab is that plane whatever its values.
             if (mode != 2)
-                std::fill(row, row + w, start);
-            for (int j = first; j < end; ++j) {
+                for (int i = 0; i < w; ++i)
+                    row[i] = voxelAt(data + k * st2 + qint64(first) * st1 + i * st0);
+            for (int j = mode == 2 ? first : first + 1; j < end; ++j) {
                 const char* src = data + k * st2 + j * st1;
                 if (st0 == 2) {
                     const short* line = reinterpret_cast<const short*>(src);
@@ -858,13 +866,13 @@ bool NVolume::reorientedPlane(NDicomImage& image, int index, int thickness, int 
     start[ah - 1] = H > 0 ? 0 : n[ah - 1] - 1;
     const double* p = getPointXYZ(start[0], start[1], start[2]);
     image.setPosition(p[0], p[1], p[2]);
-    // A reversed direction is flipped on its dominant component (getReverse), as the viewers'
-    // orientation labels expect.
+    // A reversed direction is the whole axis negated: pixel (x, y) lies at position + x * spacing
+    // * row + y * spacing * column however oblique the volume is.
     double row[3], col[3];
-    std::memcpy(row, W > 0 ? o + 3 * (aw - 1) : getReverse(o[3 * (aw - 1)], o[3 * (aw - 1) + 1], o[3 * (aw - 1) + 2]),
-                sizeof row);
-    std::memcpy(col, H > 0 ? o + 3 * (ah - 1) : getReverse(o[3 * (ah - 1)], o[3 * (ah - 1) + 1], o[3 * (ah - 1) + 2]),
-                sizeof col);
+    for (int c = 0; c < 3; ++c) {
+        row[c] = W > 0 ? o[3 * (aw - 1) + c] : -o[3 * (aw - 1) + c];
+        col[c] = H > 0 ? o[3 * (ah - 1) + c] : -o[3 * (ah - 1) + c];
+    }
     image.setOriention(row[0], row[1], row[2], col[0], col[1], col[2]);
 
     const int sw = W > 0 ? 1 : -1, sh = H > 0 ? 1 : -1;

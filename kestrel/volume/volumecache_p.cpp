@@ -28,13 +28,16 @@ QString fileFor(const QString& folder, const QString& key)
     return folder + "/" + name + ".data";
 }
 
-QString registeredFile(const QString& key)
+QString registeredFile(const QString& key, QString* head)
 {
     QString file;
     Statement query(QSqlDatabase::database(), QStringLiteral("SELECT * FROM registration WHERE SeriesInstanceUID = ?"));
     if (query.bind(key).run())
-        while (query.next())
-            file = query.get<QString>(3); // pk, SeriesInstanceUID, ServerAddress, Savepath
+        while (query.next()) {
+            file = query.get<QString>(3); // pk, SeriesInstanceUID, ServerAddress, Savepath, VolumeHead
+            if (head)
+                *head = query.get<QString>(4);
+        }
     return file;
 }
 

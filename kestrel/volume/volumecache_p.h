@@ -17,8 +17,9 @@ KESTREL_TEST_EXPORT QString folder();
 // FOLDER/KEY.data, the key's path separators replaced by "_" (no separators from the data).
 KESTREL_TEST_EXPORT QString fileFor(const QString& folder, const QString& key);
 
-// Savepath of KEY's last registration row; empty without one (or when the read fails).
-KESTREL_TEST_EXPORT QString registeredFile(const QString& key);
+// Savepath of KEY's last registration row; empty without one (or when the read fails). HEAD, when
+// given, gets the row's head text.
+KESTREL_TEST_EXPORT QString registeredFile(const QString& key, QString* head = nullptr);
 
 // Adds the registration row of KEY: FILE with the volume's head text HEAD.
 KESTREL_TEST_EXPORT Status registerFile(const QString& key, const QString& file, const QString& head);

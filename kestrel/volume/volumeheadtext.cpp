@@ -12,6 +12,9 @@ namespace kestrel::internal {
 
 namespace {
 
+// The format item closing every head string: the geometry rules the volume was built by.
+const QString kFormatItem = QStringLiteral("format:2;");
+
 QString g(double value)
 {
     return formatNumber(value);
@@ -80,7 +83,13 @@ QString volumeHeadText(const VolumeHead& h)
     text += QString("WindowWidth:%1;").arg(g(h.WindowWidth));
     text += QString("isOrder:%1;").arg(h.isOrder);
     text += QString("timeNum:%1;").arg(h.timeNum);
+    text += kFormatItem;
     return text;
+}
+
+bool isCurrentVolumeHeadText(const QString& text)
+{
+    return text.section(';', 21, 21) + ';' == kFormatItem;
 }
 
 void parseVolumeHeadText(const QString& text, VolumeHead& h)

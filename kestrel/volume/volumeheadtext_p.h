@@ -9,9 +9,15 @@
 // inside the buffer it describes.
 namespace kestrel::internal {
 
-// The 21-item head string. Doubles are printed as C printf's "%g" (6 significant digits), which
-// the modules reading the string expect (Qt's own formatting rounds ties and -0 differently).
+// The 21-item head string, then the format item "format:2;". Doubles are printed as C printf's
+// "%g" (6 significant digits), which the modules reading the string expect (Qt's own formatting
+// rounds ties and -0 differently). Readers take the 21 items by position and ignore the rest.
 KESTREL_TEST_EXPORT QString volumeHeadText(const VolumeHead& head);
+
+// True when TEXT is the head string of a volume built by the present geometry rules (slice order
+// along the normal, Pixel Spacing by rows then columns); heads of earlier builds lack the format
+// item, and their cached volumes are rebuilt rather than read.
+KESTREL_TEST_EXPORT bool isCurrentVolumeHeadText(const QString& text);
 
 // Parses a head string by position into HEAD (keys are ignored). Items missing from a short text
 // leave their fields as they were. UIDs are copied without terminator and only over the length of

@@ -43,10 +43,32 @@ QVector<double> steps(double first, int count, double step)
     return values;
 }
 
-QString numbers(int count)
+// Instance numbers of a stack numbered in acquisition order: every other slice first (odd
+// slices 1, 3, 5, ... then 2, 4, ...), and the order its slices take along the normal.
+QVector<double> interleaved(double first, int count, double step)
+{
+    QVector<double> values;
+    for (int start : {0, 1})
+        for (int i = start; i < count; i += 2)
+            values << first + i * step;
+    return values;
+}
+
+QString interleavedOrder(int count, bool descending)
 {
     QStringList list;
-    for (int i = 1; i <= count; ++i)
+    const int odd = (count + 1) / 2;
+    for (int i = 0; i < count; ++i) {
+        const int slice = descending ? count - 1 - i : i; // place along the patient axis
+        list << QString::number(slice % 2 == 0 ? slice / 2 + 1 : odd + slice / 2 + 1);
+    }
+    return list.join(',');
+}
+
+QString reversedNumbers(int count)
+{
+    QStringList list;
+    for (int i = count; i >= 1; --i)
         list << QString::number(i);
     return list.join(',');
 }
@@ -55,20 +77,27 @@ const Case cases[] = {
     {"axial", x, y, along(2, {0, 5, 10, 15}), "1,2,3,4", 5, 5, "", "", true, {0, 0, 1}},
     {"axial, scrambled", x, y, along(2, {10, 0, 5, 15}), "2,3,1,4", 5, 5, "", "", false, {0, 0, 1}},
     {"axial, numbered head to feet", x, y, along(2, {15, 10, 5, 0}), "4,3,2,1", 5, 5, "", "", false, {0, 0, 1}},
-    // Normal -z: the signed rule sorts along y, constant here, so the given order stands and an
-    // out-of-place slice is lost.
+    // Normal -z: numbered head to feet runs along the normal and stays; out of place is sorted.
     {"axial, normal -z", x, negY, along(2, {0, -3, -6}), "1,2,3", 3, 3, "", "", true, {0, 0, -1}},
-    {"axial, normal -z, scrambled", x, negY, along(2, {0, -6, -3}), "1,3", 3, 3, "2", "", true, {0, 0, -1}},
-    // Sagittal: sorted along the constant z, so the given order stands, however long the stack.
-    {"sagittal", y, negZ, along(0, steps(-50, 20, 5), {0, -130, 130}), numbers(20), 5, 5, "", "", true, {-1, 0, 0}},
-    {"sagittal, scrambled", y, negZ, along(0, {0, 10, 5, 15}), "1,2,4", 10, 7.5, "3", "2:5", true, {-1, 0, 0}},
+    {"axial, normal -z, scrambled", x, negY, along(2, {0, -6, -3}), "1,3,2", 3, 3, "", "", true, {0, 0, -1}},
+    // Sagittal, normal -x: numbered right to left, so the volume starts at the left.
+    {"sagittal", y, negZ, along(0, steps(-50, 20, 5), {0, -130, 130}), reversedNumbers(20), 5, 5, "", "", false,
+     {-1, 0, 0}},
+    {"sagittal, scrambled", y, negZ, along(0, {0, 10, 5, 15}), "4,2,3,1", 5, 5, "", "", false, {-1, 0, 0}},
+    {"sagittal, numbered in acquisition order", y, negZ, along(0, interleaved(-81.6, 35, 4.8), {0, -130, 130}),
+     interleavedOrder(35, true), 4.8, 4.8, "", "", false, {-1, 0, 0}},
+    {"axial, numbered in acquisition order", x, y, along(2, interleaved(-40, 16, 3)), interleavedOrder(16, false), 3,
+     3, "", "", true, {0, 0, 1}},
     {"coronal", x, negZ, along(1, {45, 30, 15, 0}), "4,3,2,1", 15, 15, "", "", false, {0, 1, 0}},
     {"missing last slice", x, y, along(2, {0, 5, 10, 15, 25}), "1,2,3,4", 5, 5, "5", "", true, {0, 0, 1}},
     // The image after a missing one is left out; the one after that is a spacing from it and stays.
     {"missing middle slice", x, y, along(2, {0, 5, 10, 20, 25, 30}), "1,2,3,5,6", 5, 7.5, "4", "3:15", true, {0, 0, 1}},
-    // Two images per position: the most common distance is 0.
-    {"duplicate positions", x, y, along(2, {0, 0, 5, 5, 10, 10}), "1,2,4,6", 0, 10.0 / 3, "3,5", "2:5,3:5", true,
-     {0, 0, 1}},
+    // Two images per position (echoes, time points): both are frames of one slice.
+    {"two images per position", x, y, along(2, {0, 0, 5, 5, 10, 10}), "1+2,3+4,5+6", 5, 5, "", "", true, {0, 0, 1}},
+    {"two images per position, numbered in blocks", x, y, along(2, {0, 5, 10, 0, 5, 10}), "1+4,2+5,3+6", 5, 5, "", "",
+     true, {0, 0, 1}},
+    // A repeated slice is a second frame of its position, not a slice of its own.
+    {"one position repeated", x, y, along(2, {0, 5, 5, 10, 15}), "1,2+3,4,5", 5, 5, "", "", true, {0, 0, 1}},
     {"one position only", x, y, along(2, {4, 4}), "", 0, 0, "", "", false, {}},
     {"single image", x, y, along(2, {4}), "", 0, 0, "", "", false, {}},
     // Distances 2, 2.008, 2.016 chain into one cluster, represented by its smallest, and outnumber
@@ -117,11 +146,13 @@ void TestGeometry::stacks()
 
     QStringList order, dropped, gaps;
     for (const StackSlice& slice : stack.slices) {
-        QCOMPARE(int(slice.frames.size()), 1);
-        const StackFrame& frame = slice.frames.front();
-        QCOMPARE(qint64(frame.key), qint64(100 + frame.instanceNumber - 1));
-        QVERIFY(slice.position == c.positions[frame.instanceNumber - 1]);
-        order << QString::number(frame.instanceNumber);
+        QStringList frames;
+        for (const StackFrame& frame : slice.frames) {
+            QCOMPARE(qint64(frame.key), qint64(100 + frame.instanceNumber - 1));
+            QVERIFY(slice.position == c.positions[frame.instanceNumber - 1]);
+            frames << QString::number(frame.instanceNumber);
+        }
+        order << frames.join('+');
     }
     for (std::int64_t key : stack.dropped)
         dropped << QString::number(key - 99);
@@ -133,6 +164,11 @@ void TestGeometry::stacks()
     QCOMPARE(stack.startsAtFirstImage, c.startsAtFirstImage);
     if (stack.slices.empty())
         return;
+    // Images per position: the same at every slice, or 0 when a position is repeated.
+    QSet<int> counts;
+    for (const QString& slice : c.order.split(','))
+        counts << slice.count('+') + 1;
+    QCOMPARE(stack.framesPerSlice, counts.size() == 1 ? *counts.begin() : 0);
     QVERIFY2(near(stack.spacing, c.spacing), qPrintable(QString::number(stack.spacing)));
     QVERIFY2(near(stack.step, c.step), qPrintable(QString::number(stack.step)));
     for (int a = 0; a < 3; ++a)
@@ -146,7 +182,7 @@ void TestGeometry::stacks()
 
 void TestGeometry::mixedAxes()
 {
-    // Images of another main axis are not sorted against the first; the result is turned to run
+    // Images of another plane are not sorted against the first; the result is turned to run
     // along the first image's normal.
     const SliceStack stack = buildSliceStack({{{0, 0, 10}, x, y, true, 1, 1}, {{0, 0, 0}, x, negZ, true, 2, 2}});
     QCOMPARE(int(stack.slices.size()), 2);

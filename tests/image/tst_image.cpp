@@ -1,3 +1,4 @@
+#include "image/imageio_p.h"
 #include "ndicomimage.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
@@ -11,6 +12,8 @@
 #include <cmath>
 #include <memory>
 #include <vector>
+
+using namespace kestrel::internal;
 
 namespace {
 
@@ -58,6 +61,10 @@ private slots:
     void readSigned();
     void badFiles();
     void saveRoundTrip();
+    void exportedValues_data();
+    void exportedValues();
+    void storedValues_data();
+    void storedValues();
     void saveInTemplateCharacterSet_data();
     void saveInTemplateCharacterSet();
     void realCtShift();
@@ -226,19 +233,15 @@ void TestImage::regionMeasurements()
     const markShowValue empty = img->getRect(QRectF(2.5, 1, -0.6, 1)); // empty scan: 2.5 - 0.6 <= 2
     QVERIFY(empty.max == -1 && empty.min == 2147483647);
 
-    // Ellipse and polygon count the pixels they hold.
-    const QRegion region(1, 1, 5, 5, QRegion::Ellipse);
-    double sum = 0;
-    int count = 0;
-    for (int x = 1; x < 6; ++x)
-        for (int y = 1; y < 6; ++y)
-            if (region.contains(QPoint(x, y))) {
-                sum += 10 * x + y;
-                ++count;
-            }
-    QVERIFY(count > 0 && count < 25);
-    const markShowValue ellipse = img->getEllipse(QRectF(1, 1, 5, 5));
-    QCOMPARE(QList<double>({ellipse.size, ellipse.mean}), QList<double>({double(count), sum / count}));
+    // Ellipses count the pixels whose centre, (x + 0.5, y + 0.5), lies inside: of the 5 x 5
+    // pixels under a circle all but the four corners; a thin ellipse 1.5 pixels high keeps rows 2
+    // and 3 from x = 4 to 20.
+    auto wide = makeImage(32, 8, [](int x, int y) { return 10 * x + y; });
+    const markShowValue circle = wide->getEllipse(QRectF(1, 1, 5, 5));
+    QCOMPARE(QList<double>({circle.size, circle.mean}), QList<double>({21, 693 / 21.0}));
+    const markShowValue thin = wide->getEllipse(QRectF(0.5, 2.25, 24, 1.5));
+    QCOMPARE(QList<double>({thin.size, thin.mean, double(thin.min), double(thin.max)}),
+             QList<double>({34, 4165 / 34.0, 42, 203}));
     QVERIFY(std::isnan(img->getEllipse(QRectF(1, 1, 0, 0)).mean));
 
     const markShowValue triangle = img->getPolygon(QPolygonF({QPointF(0, 0), QPointF(4, 0), QPointF(0, 4)}));
@@ -345,9 +348,8 @@ void TestImage::badFiles()
     QVERIFY(!img.readReferenceFileInfo(dir.filePath("missing.dcm"), true));
     QVERIFY(img.InitImageInfo(dir.filePath("missing.dcm"))); // always true
 
-    // Only single 16-bit samples are read.
+    // Only single 16-bit or 8-bit grey samples are read.
     const std::vector<std::pair<QString, std::function<void(SyntheticImage&)>>> cases{
-        {"eight", [](SyntheticImage& s) { s.bitsAllocated = s.bitsStored = 8; }},
         {"rgb", [](SyntheticImage& s) { s.bitsAllocated = s.bitsStored = 8; s.samplesPerPixel = 3; s.photometric = "RGB"; }},
         {"wide", [](SyntheticImage& s) { s.bitsAllocated = s.bitsStored = 32; s.pixelRepresentation = 1; }}};
     for (const auto& [name, change] : cases) {
@@ -376,11 +378,14 @@ void TestImage::saveRoundTrip()
 {
     QTemporaryDir dir;
     const QString templ = dir.filePath("template.dcm");
-    QVERIFY(writeSyntheticImage(templ, SyntheticImage())); // unsigned 32 x 32
+    SyntheticImage source; // unsigned 32 x 32, with attributes of its own pixels and plane
+    source.extra = {{DCM_SmallestImagePixelValue, "0"}, {DCM_PixelPaddingValue, "0"}, {DCM_SliceLocation, "12.5"},
+                    {DCM_PatientPosition, "HFS"}, {DCM_WindowCenterWidthExplanation, "A\\B"}};
+    QVERIFY(writeSyntheticImage(templ, source));
 
     auto img = makeImage(40, 24, [](int x, int y) { return 7 * x + 300 * y; });
-    img->setPixelSpace(0.75, 1.5);
-    img->setPosition(-12.5, 30.25, 7);
+    img->setPixelSpace(0.75, 1.5); // along a row, down a column
+    img->setPosition(-113.43630543791551, 30.25, 7.000000000123);
     img->setOriention(0, 1, 0, 0, 0, -1);
     img->setThickness(2.5);
     img->setInstanceNumber(12);
@@ -389,6 +394,7 @@ void TestImage::saveRoundTrip()
     img->setWindowWidth(800);
     img->setWindowCenter(-100);
     const QString out = dir.filePath("derived.dcm");
+    const QDate before = QDate::currentDate();
     QVERIFY(img->saveAs(out, templ, "1.2.3.4.5"));
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2); // no temporary left
 
@@ -397,19 +403,38 @@ void TestImage::saveRoundTrip()
     QCOMPARE(QSize(back.width(), back.height()), QSize(40, 24));
     QCOMPARE(QByteArray(back.data(), back.getSteps()[2]), QByteArray(img->data(), img->getSteps()[2]));
     QCOMPARE(QList<double>(back.getOrientation(), back.getOrientation() + 6), QList<double>({0, 1, 0, 0, 0, -1}));
-    QCOMPARE(QList<double>({back.getPixelSpacing()[1], back.getPosition()[1], back.getThickness(),
+    QCOMPARE(QList<double>({back.getPixelSpacing()[0], back.getPixelSpacing()[1], back.getThickness(),
                             double(back.getInstanceNumber()), back.getWindowCenter()}),
-             QList<double>({1.5, 30.25, 2.5, 12, -100}));
+             QList<double>({0.75, 1.5, 2.5, 12, -100}));
+    // Positions with all the digits a decimal string holds.
+    QCOMPARE(dcmText(out, DCM_ImagePositionPatient), QString("-113.43630543792\\30.25\\7.000000000123"));
+    QCOMPARE(dcmText(out, DCM_PixelSpacing), QString("1.5\\0.75")); // between rows, between columns
     QCOMPARE(QStringList({dcmText(out, DCM_SeriesInstanceUID), dcmText(out, DCM_ImageType),
-                          dcmText(out, DCM_SoftwareVersions), dcmText(out, DCM_PatientName)}),
-             QStringList({"1.2.3.4.5", "DERIVED\\SECONDARY\\MPR", "Orvena_V1.0", "Test^Patient"}));
+                          dcmText(out, DCM_SoftwareVersions), dcmText(out, DCM_PatientName),
+                          dcmText(out, DCM_PatientOrientation), dcmText(out, DCM_PatientPosition)}),
+             QStringList({"1.2.3.4.5", "DERIVED\\SECONDARY\\MPR", "Orvena_V1.0", "Test^Patient", "P\\F", "HFS"}));
     QVERIFY(dcmText(out, DCM_SOPInstanceUID).startsWith("1.2.276.0.7230010.3.1.4."));
-    // The content date's month and day are written without leading zeros.
-    const QDate today = QDate::currentDate();
-    const QString date = QString::number(today.year()) + QString::number(today.month()) + QString::number(today.day());
-    const QString written = dcmText(out, DCM_ContentDate);
-    QVERIFY2(written == date || QDate::currentDate() != today, qPrintable(written));
-    QVERIFY(QRegularExpression("^\\d\\d:\\d\\d:\\d\\d$").match(dcmText(out, DCM_StudyTime)).hasMatch());
+    // The study keeps its date and time; the new instance has its own, as valid DA and TM.
+    QCOMPARE(QStringList({dcmText(out, DCM_StudyDate), dcmText(out, DCM_StudyTime)}), QStringList({"20240131", "101500"}));
+    for (const DcmTagKey& tag : {DCM_SeriesDate, DCM_ContentDate, DCM_InstanceCreationDate}) {
+        const QDate date = QDate::fromString(dcmText(out, tag), "yyyyMMdd");
+        QVERIFY2(date >= before && date <= QDate::currentDate(), qPrintable(dcmText(out, tag)));
+    }
+    for (const DcmTagKey& tag : {DCM_SeriesTime, DCM_ContentTime, DCM_InstanceCreationTime})
+        QVERIFY2(QTime::fromString(dcmText(out, tag), "HHmmss").isValid(), qPrintable(dcmText(out, tag)));
+    // What described the template's pixels and plane is gone; an identity rescale is not added.
+    for (const DcmTagKey& tag : {DCM_SmallestImagePixelValue, DCM_PixelPaddingValue, DCM_SliceLocation,
+                                 DCM_WindowCenterWidthExplanation, DCM_RescaleSlope})
+        QCOMPARE(dcmText(out, tag), QString());
+    QCOMPARE(QStringList({dcmText(out, DCM_BitsStored), dcmText(out, DCM_HighBit), dcmText(out, DCM_PixelRepresentation)}),
+             QStringList({"16", "15", "0"}));
+
+    // Valid DA and TM on any day, under any locale; letters of oblique directions strongest first.
+    QCOMPARE(QStringList({dicomDate(QDate(2024, 3, 5)), dicomTime(QTime(9, 3, 5)), dicomTime(QTime(23, 59, 29))}),
+             QStringList({"20240305", "090305", "235929"}));
+    const double row[3] = {0.97332, 0, 0.22945}, column[3] = {0, 1, 0}, tilted[3] = {0, -0.6, -0.8};
+    QCOMPARE(QStringList({patientOrientation(row, column), patientOrientation(column, tilted)}),
+             QStringList({"LH\\P", "P\\FA"}));
 
     // Onto its own template, and the failures that leave nothing behind.
     QVERIFY(img->saveAs(out, out, "1.2.3.4.6"));
@@ -419,6 +444,112 @@ void TestImage::saveRoundTrip()
     QVERIFY(!img->saveAs(dir.filePath("no/such/dir/x.dcm"), templ, "1.2"));
     QVERIFY(!NDicomImage().saveAs(dir.filePath("empty.dcm"), templ, "1.2"));
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2);
+}
+
+void TestImage::exportedValues_data()
+{
+    QTest::addColumn<double>("slope");
+    QTest::addColumn<double>("intercept");
+    QTest::addColumn<int>("low"); // stored values low .. low + 999, read as signed
+    QTest::addColumn<QString>("representation");
+    QTest::newRow("shifted signed data") << 1.0 << -3024.0 << 0 << "0";
+    QTest::newRow("stored below zero") << 1.0 << 0.0 << -500 << "1";
+    QTest::newRow("fractional slope") << 1.29035409035409 << 0.0 << 0 << "0";
+    QTest::newRow("all three") << 0.5 << -1.25 << -20000 << "1";
+}
+
+// Exported images read back to the image's real values, whatever the template's rescale and
+// pixel representation (an unsigned MR template here, a signed CT one with intercept -1024 below).
+void TestImage::exportedValues()
+{
+    QFETCH(double, slope);
+    QFETCH(double, intercept);
+    QFETCH(int, low);
+    QFETCH(QString, representation);
+    QTemporaryDir dir;
+    SyntheticImage mr, ct;
+    ct.modality = "CT";
+    ct.bitsStored = 16;
+    ct.pixelRepresentation = 1;
+    ct.hasRescale = true;
+    ct.rescaleIntercept = -1024;
+    ct.extra = {{DCM_PixelPaddingValue, "-2000"}};
+    auto img = makeImage(40, 25, [low](int x, int y) { return low + x + 40 * y; });
+    img->setSlopeAndIntercept(slope, intercept);
+    for (const auto& templ : {mr, ct}) {
+        const QString templFile = dir.filePath("template.dcm"), out = dir.filePath("out.dcm");
+        QVERIFY(writeSyntheticImage(templFile, templ));
+        QVERIFY(img->saveAs(out, templFile, "1.2.3"));
+        QCOMPARE(dcmText(out, DCM_PixelRepresentation), representation);
+        DcmFileFormat file;
+        QVERIFY(file.loadFile(QFile::encodeName(out).constData()).good());
+        DcmDataset* ds = file.getDataset();
+        const Uint16* words = nullptr;
+        unsigned long count = 0;
+        QVERIFY(ds->findAndGetUint16Array(DCM_PixelData, words, &count).good() && count == 1000);
+        Float64 fileSlope = 1, fileIntercept = 0; // DCMTK zeroes them when the attribute is missing
+        if (ds->tagExists(DCM_RescaleSlope))
+            ds->findAndGetFloat64(DCM_RescaleSlope, fileSlope);
+        if (ds->tagExists(DCM_RescaleIntercept))
+            ds->findAndGetFloat64(DCM_RescaleIntercept, fileIntercept);
+        for (int n = 0; n < 1000; ++n) {
+            const double stored = representation == "1" ? double(Sint16(words[n])) : double(words[n]);
+            const double expected = double(low + n) * slope + intercept;
+            QVERIFY2(std::fabs(stored * fileSlope + fileIntercept - expected) <= 1e-9 * std::max(1.0, std::fabs(expected)),
+                     qPrintable(QString("%4 pixel %1: %2 for %3").arg(n).arg(stored * fileSlope + fileIntercept).arg(expected).arg(templ.modality)));
+        }
+        QCOMPARE(dcmText(out, DCM_PixelPaddingValue), QString());
+    }
+}
+
+void TestImage::storedValues_data()
+{
+    QTest::addColumn<int>("allocated");
+    QTest::addColumn<int>("stored");
+    QTest::addColumn<int>("high");
+    QTest::addColumn<int>("representation");
+    QTest::addColumn<QList<int>>("words"); // as written
+    QTest::addColumn<QList<int>>("values"); // as read
+    QTest::newRow("8-bit grey") << 8 << 8 << 7 << 0 << QList<int>{0, 17, 255} << QList<int>{0, 17, 255};
+    QTest::newRow("8-bit signed") << 8 << 8 << 7 << 1 << QList<int>{0x80, 0xFF, 0x7F} << QList<int>{-128, -1, 127};
+    QTest::newRow("12 bits, bits set above") << 16 << 12 << 11 << 0 << QList<int>{0xFFFF, 0xF123, 0x0FFF}
+                                             << QList<int>{4095, 0x123, 4095};
+    QTest::newRow("12 bits at the top") << 16 << 12 << 15 << 0 << QList<int>{0xFFF0, 0x1230, 0x0007} << QList<int>{4095, 0x123, 0};
+    QTest::newRow("12 bits signed, bits set above") << 16 << 12 << 11 << 1 << QList<int>{0xFFFF, 0xF800, 0x07FF}
+                                                    << QList<int>{-1, -2048, 2047};
+}
+
+void TestImage::storedValues()
+{
+    QFETCH(int, allocated);
+    QFETCH(int, stored);
+    QFETCH(int, high);
+    QFETCH(int, representation);
+    QFETCH(QList<int>, words);
+    QFETCH(QList<int>, values);
+    QTemporaryDir dir;
+    SyntheticImage s;
+    s.rows = 1;
+    s.columns = words.size();
+    s.bitsAllocated = allocated;
+    s.bitsStored = stored;
+    s.pixelRepresentation = representation;
+    s.pixel = [&](int x, int, int) { return words[x]; };
+    const QString file = dir.filePath("stored.dcm");
+    QVERIFY(writeSyntheticImage(file, s));
+    if (high != stored - 1) {
+        DcmFileFormat ff;
+        QVERIFY(ff.loadFile(QFile::encodeName(file).constData()).good());
+        QVERIFY(ff.getDataset()->putAndInsertUint16(DCM_HighBit, Uint16(high)).good());
+        QVERIFY(ff.saveFile(QFile::encodeName(file).constData()).good());
+    }
+    NDicomImage img;
+    QVERIFY(img.readReferenceFileInfo(file, true));
+    QCOMPARE(img.getPixStep(), 2);
+    QList<int> read;
+    for (int x = 0; x < words.size(); ++x)
+        read << img.getValue16s(x, 0);
+    QCOMPARE(read, values);
 }
 
 // The series description is written in the template's character set, escape sequences included.

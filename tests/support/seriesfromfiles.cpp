@@ -23,6 +23,7 @@ QSeries* seriesFromFiles(const QStringList& files, qint64 pk, QObject* parent)
         DcmDataset* ds = format.getDataset();
         auto* instance = new QInstance(series);
         instance->setFilePath(file);
+        instance->setInstanceNumber(dcmInt(ds, DCM_InstanceNumber));
         instance->setPosition(dcmStringAll(ds, DCM_ImagePositionPatient));
         instance->setOrientation(dcmStringAll(ds, DCM_ImageOrientationPatient));
         instance->setPixelSpacing(dcmStringAll(ds, DCM_PixelSpacing));

@@ -5,6 +5,7 @@
 class QObject;
 class QSeries;
 
-// A series object for FILES as the catalogue would give it: geometry read from the files,
+// A series object for FILES (in the catalogue's order, by instance number) as the catalogue
+// would give it: geometry and instance numbers read from the files,
 // series key PK, SeriesBase "<SeriesInstanceUID>#0". Owned by PARENT (or the caller).
 QSeries* seriesFromFiles(const QStringList& files, qint64 pk, QObject* parent = nullptr);

@@ -98,8 +98,6 @@ QVector<short> naivePlane(const VolumeHead& h, const QByteArray& voxels, int axi
             for (int s = first; s < end; ++s)
                 values << (axis == 3 ? at(x, y, s) : axis == 2 ? at(x, s, y) : at(s, x, y));
             int v = values.first();
-            if (axis == 2 && render != 2)
-                v = render == 1 ? 32767 : 0; // the coronal fold starts from a constant
             long sum = 0;
             for (short value : values) {
                 sum += value;
@@ -183,7 +181,7 @@ void TestVolume::headText()
                      "volumestep:2,512,131072,17825792;voxelspace:0.976562,1.01562,1;thinkness:1e-06;"
                      "topxyz:-125.5,-0,0;orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;"
                      "PhotometricInterpretation:1;BitsAllocated:16;HighBit:11;RescaleIntercept:0;"
-                     "RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+                     "RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;format:2;"));
     QCOMPARE(QList<int>({photometricCode("YBR_RCT", 1), photometricCode("MONOCHROME1", 1), photometricCode("NOT ONE", 5)}),
              QList<int>({12, 0, 5}));
 
@@ -200,10 +198,17 @@ void TestVolume::headText()
     const QString text = v.volumeHeadtoString(h);
     v.stringToVolumeHead(text);
     VolumeHead r = *v.getHead();
+    const VolumeHead parsed = r;
     QCOMPARE(r.topxyz[0], -123.457); // doubles keep 6 significant digits
     r.topxyz[0] = h.topxyz[0];
     QCOMPARE(std::memcmp(&r, &h, sizeof h), 0); // everything else exactly
 
+    // The format item tells heads of the present rules from those of earlier builds.
+    const QString older = QString(text).remove("format:2;");
+    QVERIFY(isCurrentVolumeHeadText(text) && !isCurrentVolumeHeadText(older)
+            && !isCurrentVolumeHeadText(older + "format:1;") && !isCurrentVolumeHeadText(QString()));
+    v.stringToVolumeHead(older);
+    QCOMPARE(std::memcmp(v.getHead(), &parsed, sizeof parsed), 0);
     // A shorter UID replaces only the bytes it covers.
     v.stringToVolumeHead(QString(text).replace(QString::fromLatin1(uid64), "9.9"));
     QCOMPARE(QByteArray(v.getHead()->SEUID, 4), QByteArray("9.9."));
@@ -359,11 +364,24 @@ void TestVolume::voxelAccessAndFrames()
     short_.setTimeIndex(2);
     QCOMPARE(short_.getTimeIndex(), 0);
 
-    // clone copies the source's current frame into a 368-byte-header volume.
+    // clone copies the source's current frame; like every volume it saves to a file that loads.
     NVolume copy;
     copy.clone(&v);
-    QVERIFY(copy.getHead()->totallen == h.volumestep[3] + 368 && copy.getHead()->timeNum == 2);
+    QVERIFY(copy.getHead()->totallen == h.volumestep[3] + 512 && copy.getHead()->timeNum == 2);
     QCOMPARE(QByteArray(copy.getData(), h.volumestep[3]), QByteArray(v.getData(), h.volumestep[3]));
+    QTemporaryDir dir;
+    NVolume made, wide;
+    made.initVolume16u(300, 250, 2);
+    for (int k = 0; k < 2; ++k)
+        made.setVoxelValue16u(299, 249, k, quint16(7 + k));
+    wide.clone(&made);
+    for (NVolume* volume : {&made, &wide}) {
+        const QString file = dir.filePath("made.data");
+        QVERIFY(volume->saveAs(file));
+        NVolume back;
+        QCOMPARE(back.loadVolume(file), 1);
+        QCOMPARE(QList<int>({back.getVoxel(299, 249, 0), back.getVoxel(299, 249, 1)}), QList<int>({7, 8}));
+    }
 
     // A head string with impossible sizes: cloning it gives an empty volume, not an overflow.
     NVolume bogus;
@@ -398,6 +416,19 @@ void TestVolume::transforms()
     }
     v.getCubeEightTopPosition();
     QCOMPARE(v.getTopPointFirstLeftandUp()[7 * 3 + 2], v.getPointXYZ(19, 29, 0)[2]);
+    // A raw plane states where its pixels lie: pixel (x, y) is voxel (x, y, 3), (x, 3, y) or (3, x, y).
+    for (int axis = 1; axis <= 3; ++axis) {
+        NDicomImage plane;
+        QVERIFY(v.getDicomImagePlane(plane, 3, 1, EMainAxis(axis), RenderMax));
+        for (const auto& xy : {std::array<int, 2>{0, 0}, {plane.width() - 1, 0}, {2, plane.height() - 1}}) {
+            double p[3];
+            plane.getXYZ(xy[0], xy[1], p[0], p[1], p[2]);
+            const int ijk[3] = {axis == 1 ? 3 : xy[0], axis == 1 ? xy[0] : axis == 2 ? 3 : xy[1], axis == 3 ? 3 : xy[1]};
+            const double* q = v.getPointXYZ(ijk[0], ijk[1], ijk[2]);
+            for (int c = 0; c < 3; ++c)
+                QVERIFY2(std::fabs(p[c] - q[c]) < 1e-9, qPrintable(QString("axis %1 pixel %2,%3").arg(axis).arg(xy[0]).arg(xy[1])));
+        }
+    }
 
     VolumeHead id = makeHead(10, 20, 30);
     QByteArray none(int(id.totallen - 512), '\0');
@@ -494,7 +525,7 @@ void TestVolume::slabReductions()
         }
     }
 
-    // All values negative: only the coronal maximum is floored at 0.
+    // All values negative: every axis shows the true maximum, and a one-plane slab is its plane.
     VolumeHead h = makeHead(9, 8, 7);
     QByteArray voxels(int(h.totallen - 512), '\0');
     for (int i = 0; i < voxels.size(); i += 2) {
@@ -503,11 +534,19 @@ void TestVolume::slabReductions()
     }
     NDicomVolume v(&h, voxels.data(), voxels.size());
     NDicomImage image;
-    QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisJ, RenderMax));
-    QCOMPARE(pixels(image), QVector<short>(9 * 7, 0));
+    for (int axis = 1; axis <= 3; ++axis) {
+        QVERIFY(v.getDicomImagePlane(image, 3, 100, EMainAxis(axis), RenderMax));
+        const QVector<short> slab = pixels(image);
+        QCOMPARE(*std::max_element(slab.cbegin(), slab.cend()), short(-5));
+        for (int render : {0, 1, 2}) {
+            int w, hgt;
+            QVERIFY(v.getDicomImagePlane(image, 2, 1, EMainAxis(axis), RenderType(render)));
+            const QVector<short> plane = pixels(image);
+            QCOMPARE(plane, naivePlane(h, voxels, axis, 2, 1, render, w, hgt));
+            QVERIFY(*std::max_element(plane.cbegin(), plane.cend()) < 0);
+        }
+    }
     QVERIFY(v.getDicomImagePlane(image, 3, 100, AxisK, RenderMax));
-    const QVector<short> axial = pixels(image);
-    QCOMPARE(*std::max_element(axial.cbegin(), axial.cend()), short(-5));
     QVERIFY(v.getDicomImagePlane(image, 3, 2, EMainAxis(4), RenderMax)); // no such axis: untouched
     QCOMPARE(image.width(), 9);
     QCOMPARE(image.getThickness(), 100.0);
@@ -628,12 +667,14 @@ void TestVolume::seriesToVolume()
     QVERIFY(v.isValid());
     QCOMPARE(progress.count(), 5);
     QCOMPARE(progress.last().at(0).toInt(), 100);
-    // The head from the first file: Pixel Spacing in its stored order, slice spacing from the positions.
+    // The head from the first file: the spacing along i is Pixel Spacing's second value (between
+    // columns), along j its first (between rows), along k from the positions.
     QCOMPARE(v.volumeHeadtoString(*v.getHead()),
              QString("magic:DCVM;totallen:2432;SEPK:42;SEUID:1.2.3.4;STUID:1.2.3;volumesize:16,12,5;"
-                     "volumestep:2,32,384,1920;voxelspace:0.8,0.6,5;thinkness:1;topxyz:-10,20,30;"
+                     "volumestep:2,32,384,1920;voxelspace:0.6,0.8,5;thinkness:1;topxyz:-10,20,30;"
                      "orientation:1,0,0,0,1,0,0,0,1;SamplesPerPixel:1;PhotometricInterpretation:1;BitsAllocated:16;"
-                     "HighBit:11;RescaleIntercept:0;RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"));
+                     "HighBit:11;RescaleIntercept:0;RescaleSlope:1;WindowCenter:0;WindowWidth:2000;isOrder:1;timeNum:1;"
+                     "format:2;"));
     QCOMPARE(std::memcmp(v.getHead()->orientation, v.getWorkingOrientation(), 9 * sizeof(double)), 0);
     QCOMPARE(std::memcmp(v.getData() - 512, v.getHead(), sizeof(VolumeHead)), 0);
     for (int k = 0; k < 5; ++k)
@@ -782,10 +823,16 @@ void TestVolume::cacheCycle()
     const QString file = catalog.path("cache") + "/" + key + ".data";
     QByteArray built; // head and voxels of the first build
     // Built and registered (info 0); loaded from the cache (info 1); its file gone: unregistered,
-    // rebuilt and registered again (info 0). One registration row and the same volume every time.
-    for (int round = 0; round < 3; ++round) {
+    // rebuilt and registered again (info 0); registered by an earlier build (a head without the
+    // format item): rebuilt, not read (info 0). One registration row and the same volume every time.
+    for (int round = 0; round < 4; ++round) {
         if (round == 2)
             QVERIFY(QFile::remove(file));
+        if (round == 3) {
+            const QString older = TestCatalog::value("SELECT VolumeHead FROM registration").remove("format:2;");
+            TestCatalog::values("UPDATE registration SET VolumeHead = ?", {older});
+            QCOMPARE(TestCatalog::value("SELECT VolumeHead FROM registration"), older);
+        }
         NDicomVolume v;
         QSignalSpy info(&v, &NDicomVolume::registrationInfo);
         QVERIFY(v.getVolumeFromSeriesUID(series.get()));
