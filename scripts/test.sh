@@ -9,6 +9,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 export KESTREL_WERROR=1
+echo "== Checking the layering of the library"
+scripts/check-layering.sh
 scripts/setup.sh
 BUILD_DIR=${BUILD_DIR:-build}
 
