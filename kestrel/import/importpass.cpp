@@ -67,6 +67,17 @@ Status insertOrLookUp(QSqlDatabase db, const QString& table, const QVector<QVari
     return lookUp(db, table, column, key, pk);
 }
 
+// The row of a study or series read from ITEM: its time of day, its parent's key and the status.
+QVector<QVariant> parentRow(const QString& table, const char* timeColumn, const char* fkColumn, qint64 fk, DcmItem* item)
+{
+    QVector<QVariant> values = records::readColumns(table, item);
+    const int time = records::columnIndex(table, timeColumn);
+    values[time] = records::timeOfDay(values.at(time).toString());
+    values[records::columnIndex(table, fkColumn)] = fk;
+    values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
+    return values;
+}
+
 } // namespace
 
 bool QDcmFiles::addDataBase()
@@ -104,9 +115,7 @@ bool QDcmFiles::importPass(bool copy)
         const QString& path = facts[size_t(repeat)].path;
         const QString& keptPath = facts[size_t(kept)].path;
         if (!sameContent(path, keptPath)) {
-            const QString reason = tr("%1: the SOP Instance UID of %2, with other content").arg(path, keptPath);
-            m_counts.skippedFiles << reason;
-            emit errorInfo(tr("not catalogued: %1").arg(reason));
+            skipFile(tr("%1: the SOP Instance UID of %2, with other content").arg(path, keptPath));
         }
     }
 
@@ -179,13 +188,8 @@ void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& pat
             return found;
         if (!loadWithParser(firstFile, kSortReadLength))
             return Status::failed(tr("cannot read %1").arg(firstFile));
-        QVector<QVariant> values = records::readColumns(table, m_fileFormat->getDataset());
-        const int time = records::columnIndex(table, "StudyTime");
-        values[time] = records::timeOfDay(values.at(time).toString());
-        values[records::columnIndex(table, "patient_fk")] = patientPk;
-        values[records::columnIndex(table, "Status")] = records::notUploadedStatus();
-        owner = patientPk;
-        const Status written = insertOrLookUp(db, table, values, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &inserted);
+        const QVector<QVariant> values = parentRow(table, "StudyTime", "patient_fk", patientPk, m_fileFormat->getDataset());
+        const Status written = insertRows(db, table, {&values}, true, &inserted);
         return written ? lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk")
                        : written;
     }, kRetries);
@@ -224,12 +228,8 @@ void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& pat
                 return found;
             if (!loadWithParser(seriesFile, kSortReadLength))
                 return Status::failed(tr("cannot read %1").arg(seriesFile));
-            QVector<QVariant> values = records::readColumns(seriesTable, m_fileFormat->getDataset());
-            const int time = records::columnIndex(seriesTable, "SeriesTime");
-            values[time] = records::timeOfDay(values.at(time).toString());
-            values[records::columnIndex(seriesTable, "study_fk")] = studyPk;
+            QVector<QVariant> values = parentRow(seriesTable, "SeriesTime", "study_fk", studyPk, m_fileFormat->getDataset());
             values[records::columnIndex(seriesTable, "SeriesBase")] = series.key;
-            values[records::columnIndex(seriesTable, "Status")] = records::notUploadedStatus();
             return insertOrLookUp(db, seriesTable, values, QStringLiteral("SeriesBase"), series.key, &seriesPk, &added);
         }, kRetries);
         if (!written || seriesPk < 0) {
@@ -399,20 +399,30 @@ void QDcmFiles::checkRepeatedFiles(const ImageFormat* records, int count)
             // the row follows the file that is here.
             moved.append({it.key(), it.value()});
         } else if (!sameContent(stored, it.value())) {
-            const QString reason = tr("%1: the SOP Instance UID of the catalogued %2, with other content").arg(it.value(), stored);
-            m_counts.skippedFiles << reason;
-            emit errorInfo(tr("not catalogued: %1").arg(reason));
+            skipFile(tr("%1: the SOP Instance UID of the catalogued %2, with other content").arg(it.value(), stored));
         }
     }
-    if (moved.isEmpty())
+    updateFilePaths(moved);
+}
+
+void QDcmFiles::updateFilePaths(const QList<QPair<QString, QString>>& rows)
+{
+    if (rows.isEmpty())
         return;
+    QSqlDatabase db = database();
     const Status updated = runWrite(db, [&](Transaction&) {
         Statement update(db, QStringLiteral("UPDATE imageformat SET FilePath = ? WHERE SOPInstanceUID = ?"));
-        for (const auto& [sop, path] : moved)
+        for (const auto& [sop, path] : rows)
             if (const Status status = update.bind(path).bind(sop).run(); !status)
                 return status;
         return Status::ok();
     }, kRetries);
     if (!updated)
         emit errorInfo(updated.text());
+}
+
+void QDcmFiles::skipFile(const QString& reason)
+{
+    m_counts.skippedFiles << reason;
+    emit errorInfo(tr("not catalogued: %1").arg(reason));
 }

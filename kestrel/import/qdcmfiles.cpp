@@ -40,9 +40,6 @@ namespace {
 // private element.
 const DcmTagKey kPhaseTag(0x5501, 0x111F);
 
-const QString kImageFormat = QStringLiteral("imageformat");
-const QString kImagePixel = QStringLiteral("imagepixel");
-const QString kMrImageInfo = QStringLiteral("mrimageinfo");
 
 } // namespace
 
@@ -230,10 +227,8 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
     emit readInfo(10, 100);
     emit readInfo(QStringLiteral("sort dicom"));
     m_state->plan = import::planImport(m_state->facts);
-    for (const QString& reason : qAsConst(m_state->plan.notCatalogued)) {
-        m_counts.skippedFiles << reason;
-        emit errorInfo(tr("not catalogued: %1").arg(reason));
-    }
+    for (const QString& reason : qAsConst(m_state->plan.notCatalogued))
+        skipFile(reason);
     m_counts.unreadable += m_state->plan.notCatalogued.size();
     m_counts.filesRead -= m_state->plan.notCatalogued.size();
     qWarning() << "time elapsed: " << timer.elapsed();

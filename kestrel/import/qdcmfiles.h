@@ -217,6 +217,10 @@ protected:
     // Files of the catalogue's rows that another file repeats: the row's file is checked, a
     // vanished one replaced by the new path, another content reported.
     void checkRepeatedFiles(const ImageFormat* records, int count);
+    // Points the image rows of the given (SOP Instance UID, path) pairs at their new files.
+    void updateFilePaths(const QList<QPair<QString, QString>>& rows);
+    // A file read but not catalogued: counted with its reason ("path: why") and reported.
+    void skipFile(const QString& reason);
     // Worker count of the parallel passes (4 when the runtime offers a single thread).
     static int workerCount();
     // Loads FILE with the object's parser up to MAXREADLENGTH bytes per value.

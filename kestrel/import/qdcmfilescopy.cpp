@@ -54,9 +54,7 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
             if (QFileInfo::exists(stored)) {
                 // Identical bytes are stored once; another content never replaces what a row names.
                 if (!sameContent(stored, record.filePath)) {
-                    const QString reason = tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, stored);
-                    m_counts.skippedFiles << reason;
-                    emit errorInfo(tr("not catalogued: %1").arg(reason));
+                    skipFile(tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, stored));
                     continue;
                 }
                 // A row left at its source by an earlier copy that failed gets its stored copy now.
@@ -81,26 +79,14 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
             // Another image with this UID is stored there already (another workstation's, or an
             // earlier one's): the row that names it stays as it is.
             record.state = ImageRecord::Duplicate;
-            const QString reason = tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, destination);
-            m_counts.skippedFiles << reason;
-            emit errorInfo(tr("not catalogued: %1").arg(reason));
+            skipFile(tr("%1: the SOP Instance UID of the stored %2, with other content").arg(record.filePath, destination));
             continue;
         }
         record.filePath = destination;
         setColumn(&record, kImageFormat, "FilePath", destination);
         setColumn(&record, kImageFormat, "IrradiationEventUID", QStringLiteral("copy"));
     }
-    if (!repaired.isEmpty()) {
-        const Status updated = runWrite(db, [&](Transaction&) {
-            Statement update(db, QStringLiteral("UPDATE imageformat SET FilePath=? WHERE SOPInstanceUID=?"));
-            for (const auto& [sop, path] : repaired)
-                if (const Status status = update.bind(path).bind(sop).run(); !status)
-                    return status;
-            return Status::ok();
-        }, 8);
-        if (!updated)
-            emit errorInfo(updated.text());
-    }
+    updateFilePaths(repaired);
     if (failed > 0)
         emit errorInfo(tr("cannot copy %1 file(s) into %2; the catalogue keeps their source paths")
                                .arg(failed)
