@@ -1,5 +1,6 @@
 #include "catalog.h"
 
+#include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qpatient.h"
@@ -48,7 +49,16 @@ bool openCatalog()
 {
     if (!createConnection())
         return false;
-    return QSqlDatabase::database().isOpen() || (createConnection() && QSqlDatabase::database().isOpen());
+    // Asked without opening: a connection opened behind createConnection's back would miss its
+    // session settings (utf8mb4 above all).
+    const auto isOpen = [] { return QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), false).isOpen(); };
+    return isOpen() || (createConnection() && isOpen());
+}
+
+QString catalogOpenError()
+{
+    const QString cause = getConnectionError();
+    return "cannot open the catalogue of " + Kestrel::configFilePath("database.ini") + (cause.isEmpty() ? QString() : ": " + cause);
 }
 
 int printCatalogTree(QTextStream& out, bool all)

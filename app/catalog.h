@@ -12,6 +12,8 @@ namespace app {
 // Opens the default connection from database.ini; a MySQL schema made on the first call is
 // connected to by a second one.
 bool openCatalog();
+// What to say when openCatalog failed: the configuration file read and the cause.
+QString catalogOpenError();
 
 // The catalogue as an indented tree: patients, studies, series (and images with ALL).
 // Returns the number of patients printed.

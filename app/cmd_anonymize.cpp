@@ -67,7 +67,7 @@ int run(const QStringList& args, bool restore)
 
     // A MySQL catalogue created on this call needs a second connect.
     if (!app::openCatalog())
-        return app::fail(name, "cannot open the catalogue of database.ini");
+        return app::fail(name, app::catalogOpenError());
 
     int status = 0;
     {

@@ -34,7 +34,7 @@ int runCheck(const QStringList& args)
     if (!parser.positionalArguments().isEmpty())
         return app::fail("check", "takes no arguments", 2);
     if (!app::openCatalog())
-        return app::fail("check", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
+        return app::fail("check", app::catalogOpenError());
 
     QStringList report;
     const int found = checkCatalog(parser.isSet("repair"), &report);

@@ -104,7 +104,7 @@ int runDemo(const QStringList& args)
 
     out << "== Catalogue\n" << Qt::flush;
     if (!app::openCatalog())
-        return app::fail("demo", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
+        return app::fail("demo", app::catalogOpenError());
     out << "  " << QSqlDatabase::database().driverName() << "  " << QDir::cleanPath(QSqlDatabase::database().databaseName())
         << '\n';
     {

@@ -94,7 +94,7 @@ int runImport(const QStringList& args)
 
     // A MySQL catalogue created on this call needs a second connect.
     if (!app::openCatalog())
-        return app::fail("import", "cannot open the catalogue of database.ini");
+        return app::fail("import", app::catalogOpenError());
 
     QStringList skipped;
     const QList<QString> files = QDcmFiles::filesBelow(paths, &skipped);

@@ -66,7 +66,7 @@ int runListen(const QStringList& args)
 
     // A MySQL catalogue created on this call needs a second connect.
     if (!app::openCatalog())
-        return app::fail("listen", "cannot open the catalogue of database.ini");
+        return app::fail("listen", app::catalogOpenError());
 
     QTextStream stdOut(stdout);
     QDcmRecvFile* recv = QDcmRecvFile::instance();

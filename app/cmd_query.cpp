@@ -42,7 +42,7 @@ int runQuery(const QStringList& args)
         return app::fail("query", "needs exactly one stored search NAME");
     const QString name = parser.positionalArguments().first();
     if (!app::openCatalog())
-        return app::fail("query", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
+        return app::fail("query", app::catalogOpenError());
     const int stored = getStoredSearchCount(name);
     if (stored < 0)
         return app::fail("query", "the catalogue has no stored searches");

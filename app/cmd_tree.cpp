@@ -22,7 +22,7 @@ int runTree(const QStringList& args)
     if (!parser.positionalArguments().isEmpty())
         return app::fail("tree", "unexpected argument " + parser.positionalArguments().first());
     if (!app::openCatalog())
-        return app::fail("tree", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
+        return app::fail("tree", app::catalogOpenError());
 
     QTextStream out(stdout);
     app::printCatalogTree(out, parser.isSet("all"));

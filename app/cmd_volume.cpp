@@ -92,7 +92,7 @@ int runVolume(const QStringList& args)
             return app::fail("volume", "--index needs a number >= 0");
     }
     if (!app::openCatalog())
-        return app::fail("volume", "cannot open the catalogue of " + Kestrel::configFilePath("database.ini"));
+        return app::fail("volume", app::catalogOpenError());
 
     QSeries series(pk);
     series.searchSeriesInfo();

@@ -67,6 +67,19 @@ Status insertOrLookUp(QSqlDatabase db, const QString& table, const QVector<QVari
     return lookUp(db, table, column, key, pk);
 }
 
+// The row that FIND sets *PK to, or else the one CREATE makes, in a unit of work that looks again
+// first (another process may have made it meanwhile). A row that exists, as on every repeated
+// import, costs one read and no transaction.
+Status findOrCreate(QSqlDatabase db, const qint64* pk, const std::function<Status()>& find, const std::function<Status()>& create)
+{
+    if (const Status found = find(); !found || *pk >= 0)
+        return found;
+    return runWrite(db, [&](Transaction&) {
+        const Status found = find();
+        return !found || *pk >= 0 ? found : create();
+    }, kRetries);
+}
+
 // The row of a study or series read from ITEM: its time of day, its parent's key and the status.
 QVector<QVariant> parentRow(const QString& table, const char* timeColumn, const char* fkColumn, qint64 fk, DcmItem* item)
 {
@@ -123,11 +136,9 @@ bool QDcmFiles::importPass(bool copy)
     for (const PlannedPatient& patient : plan.patients) {
         qint64 patientPk = -1;
         int inserted = 0;
-        const Status status = runWrite(db, [&](Transaction&) {
+        const auto find = [&] { return lookUp(db, QStringLiteral("patient"), QStringLiteral("PatientKey"), patient.key, &patientPk); };
+        const Status status = findOrCreate(db, &patientPk, find, [&] {
             inserted = 0;
-            Status found = lookUp(db, QStringLiteral("patient"), QStringLiteral("PatientKey"), patient.key, &patientPk);
-            if (!found || patientPk >= 0)
-                return found;
             if (!loadWithParser(facts[size_t(patient.firstFile)].path, kSortReadLength))
                 return Status::failed(tr("cannot read %1").arg(facts[size_t(patient.firstFile)].path));
             QVector<QVariant> values = records::readColumns(QStringLiteral("patient"), m_fileFormat->getDataset());
@@ -135,7 +146,7 @@ bool QDcmFiles::importPass(bool copy)
             values[records::columnIndex("patient", "PatientKey")] = patient.key;
             return insertOrLookUp(db, QStringLiteral("patient"), values, QStringLiteral("PatientKey"), patient.key,
                                   &patientPk, &inserted);
-        }, kRetries);
+        });
         if (!status || patientPk < 0) {
             m_prefetched.clear();
             m_lastError = tr("cannot find or create the patient %1 (%2): %3")
@@ -181,18 +192,15 @@ void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& pat
     qint64 studyPk = -1, owner = -1;
     int inserted = 0;
     const QString table = QStringLiteral("generalstudy");
-    const Status status = runWrite(db, [&](Transaction&) {
+    const auto find = [&] { return lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk"); };
+    const Status status = findOrCreate(db, &studyPk, find, [&] {
         inserted = 0;
-        Status found = lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk");
-        if (!found || studyPk >= 0)
-            return found;
         if (!loadWithParser(firstFile, kSortReadLength))
             return Status::failed(tr("cannot read %1").arg(firstFile));
         const QVector<QVariant> values = parentRow(table, "StudyTime", "patient_fk", patientPk, m_fileFormat->getDataset());
         const Status written = insertRows(db, table, {&values}, true, &inserted);
-        return written ? lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk")
-                       : written;
-    }, kRetries);
+        return written ? find() : written;
+    });
     if (!status || studyPk < 0) {
         emit errorInfo(tr("cannot create the study %1: %2").arg(study.uid, status.text()));
         return;
@@ -221,17 +229,15 @@ void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& pat
         qint64 seriesPk = -1;
         int added = 0;
         const QString seriesTable = QStringLiteral("generalseries");
-        const Status written = runWrite(db, [&](Transaction&) {
+        const auto find = [&] { return lookUp(db, seriesTable, QStringLiteral("SeriesBase"), series.key, &seriesPk); };
+        const Status written = findOrCreate(db, &seriesPk, find, [&] {
             added = 0;
-            Status found = lookUp(db, seriesTable, QStringLiteral("SeriesBase"), series.key, &seriesPk);
-            if (!found || seriesPk >= 0)
-                return found;
             if (!loadWithParser(seriesFile, kSortReadLength))
                 return Status::failed(tr("cannot read %1").arg(seriesFile));
             QVector<QVariant> values = parentRow(seriesTable, "SeriesTime", "study_fk", studyPk, m_fileFormat->getDataset());
             values[records::columnIndex(seriesTable, "SeriesBase")] = series.key;
             return insertOrLookUp(db, seriesTable, values, QStringLiteral("SeriesBase"), series.key, &seriesPk, &added);
-        }, kRetries);
+        });
         if (!written || seriesPk < 0) {
             emit errorInfo(tr("cannot create the series %1: %2").arg(series.key, written.text()));
             continue;
@@ -255,10 +261,9 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
     auto fact = [&](int i) -> const FileFacts& { return facts[size_t(series.files.at(i))]; };
 
     QSet<QString> knownFormat, knownPix, knownMR;
-    getImageInstanceUID(kImageFormat, seriesPk, knownFormat);
-    getImageInstanceUID(kImagePixel, seriesPk, knownPix);
-    getImageInstanceUID(kMrImageInfo, seriesPk, knownMR);
-    const QHash<QString, QString> storedMarkers = copy ? irradiationMarkers(seriesPk) : QHash<QString, QString>();
+    loadStoredImages(seriesPk, &knownPix, &knownMR);
+    for (auto it = m_state->storedImages.cbegin(); it != m_state->storedImages.cend(); ++it)
+        knownFormat.insert(it.key());
 
     const size_t n = size_t(count);
     std::vector<ImageFormat> formats(n);
@@ -334,7 +339,8 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
             ++m_counts.duplicates;
             if (copy) {
                 formats[k].values = QVector<QVariant>(schema::columns(kImageFormat).size());
-                setColumn(&formats[k], kImageFormat, "IrradiationEventUID", storedMarkers.value(formats[k].sopInstanceUID));
+                setColumn(&formats[k], kImageFormat, "IrradiationEventUID",
+                          m_state->storedImages.value(formats[k].sopInstanceUID).marker);
             }
         }
     }
@@ -384,15 +390,10 @@ void QDcmFiles::checkRepeatedFiles(const ImageFormat* records, int count)
             ours.insert(records[i].sopInstanceUID, records[i].filePath);
     if (ours.isEmpty())
         return;
-    QSqlDatabase db = database();
-    Statement rows(db, QStringLiteral("SELECT SOPInstanceUID, FilePath FROM imageformat WHERE SOPInstanceUID = ?"));
     QList<QPair<QString, QString>> moved;
     for (auto it = ours.cbegin(); it != ours.cend(); ++it) {
-        if (!rows.bind(it.key()).run() || !rows.next())
-            continue;
-        const QString stored = rows.get<QString>(1);
-        rows.finish();
-        if (stored == it.value())
+        const QString stored = storedPathOf(it.key());
+        if (stored.isEmpty() || stored == it.value())
             continue;
         if (!QFileInfo::exists(stored)) {
             // The catalogued file is gone (moved, or catalogued from another working folder):

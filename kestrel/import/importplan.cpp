@@ -58,11 +58,16 @@ ImportPlan planImport(const std::vector<FileFacts>& facts)
         }
         order.push_back(i);
     }
-    auto seriesKey = [&](int i) { return facts[size_t(i)].seriesUID + QLatin1Char('#') + facts[size_t(i)].phase; };
+    // Series keys made once: the sort compares them many times.
+    std::vector<QString> keys(facts.size());
+    for (int i : order)
+        keys[size_t(i)] = facts[size_t(i)].seriesUID + QLatin1Char('#') + facts[size_t(i)].phase;
+    auto seriesKey = [&](int i) -> const QString& { return keys[size_t(i)]; };
     std::sort(order.begin(), order.end(), [&](int a, int b) {
         const FileFacts& fa = facts[size_t(a)];
         const FileFacts& fb = facts[size_t(b)];
-        const QString ka = seriesKey(a), kb = seriesKey(b);
+        const QString& ka = seriesKey(a);
+        const QString& kb = seriesKey(b);
         if (ka != kb)
             return ka < kb;
         if (fa.instanceNumber != fb.instanceNumber)

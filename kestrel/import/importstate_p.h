@@ -15,4 +15,10 @@ struct QDcmFiles::ImportState {
     QHash<QString, int> factIndex; // path -> index in facts
     kestrel::internal::import::ImportPlan plan;
     QSet<QString> notedPatientIDs; // IDs already reported as naming several people
+    // The catalogued images of the series being imported, by SOP Instance UID: their file and
+    // storage marker (IrradiationEventUID), read in one query.
+    struct StoredImage {
+        QString filePath, marker;
+    };
+    QHash<QString, StoredImage> storedImages;
 };

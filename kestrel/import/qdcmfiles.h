@@ -208,8 +208,12 @@ protected:
     void importStudy(int study, qint64 patientPk, const QString& patientDir, bool copy);
     // Records of one series: read (in parallel), de-duplicate, copy when asked, write.
     void importSeries(int series, qint64 seriesPk, const QString& seriesDir);
-    // SOPInstanceUID -> IrradiationEventUID (the storage marker) of a series' stored images.
-    QHash<QString, QString> irradiationMarkers(qint64 seriesPk);
+    // Reads the file and storage marker of a series' catalogued images into the run's state, and
+    // the SOP Instance UIDs its pixel and MR rows hold into *PIX and *MR, in one query.
+    void loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr);
+    // The file the catalogue names for SOP (from the series read last, else looked up); empty
+    // when no row has it.
+    QString storedPathOf(const QString& sop);
     // Writes RECORD's values as one row of TABLE (state New only).
     bool insertRecord(const QString& table, const ImageRecord& record);
     // Copies new images into SERIESDIR and handles the duplicates' stored copies (copy mode).

@@ -5,6 +5,7 @@
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "import/imagerecordfill_p.h"
+#include "import/importstate_p.h"
 #include "import/storagetree_p.h"
 #include "platform/fileplacement_p.h"
 
@@ -17,21 +18,35 @@ namespace {
 const QString kImageFormat = QStringLiteral("imageformat");
 } // namespace
 
-QHash<QString, QString> QDcmFiles::irradiationMarkers(qint64 seriesPk)
+void QDcmFiles::loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr)
 {
-    QHash<QString, QString> markers;
-    Statement query(database(), QStringLiteral("SELECT SOPInstanceUID,IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
-    if (query.bind(seriesPk).run()) {
-        while (query.next())
-            markers.insert(query.get<QString>(0), query.get<QString>(1));
+    m_state->storedImages.clear();
+    Statement query(database(), QStringLiteral("SELECT 0, SOPInstanceUID, FilePath, IrradiationEventUID FROM imageformat WHERE series_fk = ? "
+                                               "UNION ALL SELECT 1, SOPInstanceUID, '', '' FROM imagepixel WHERE series_fk = ? "
+                                               "UNION ALL SELECT 2, SOPInstanceUID, '', '' FROM mrimageinfo WHERE series_fk = ?"));
+    if (!query.bind(seriesPk).bind(seriesPk).bind(seriesPk).run())
+        return;
+    while (query.next()) {
+        const int table = query.get<int>(0);
+        if (table == 0)
+            m_state->storedImages.insert(query.get<QString>(1), {query.get<QString>(2), query.get<QString>(3)});
+        else
+            (table == 1 ? pix : mr)->insert(query.get<QString>(1));
     }
-    return markers;
+}
+
+QString QDcmFiles::storedPathOf(const QString& sop)
+{
+    const auto known = m_state->storedImages.constFind(sop);
+    if (known != m_state->storedImages.constEnd())
+        return known->filePath;
+    // Catalogued under another series (a file that repeats an image of another one).
+    return selectValue<QString>(database(), QStringLiteral("SELECT FilePath FROM imageformat WHERE SOPInstanceUID = ?"), {sop},
+                                QString());
 }
 
 void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& seriesDir)
 {
-    QSqlDatabase db = database();
-    Statement storedPath(db, QStringLiteral("SELECT FilePath FROM imageformat WHERE SOPInstanceUID = ?"));
     QList<QPair<QString, QString>> repaired; // SOP Instance UID, new path of a row whose file vanished
     int failed = 0;
     for (int i = 0; i < count; ++i) {
@@ -47,10 +62,7 @@ void QDcmFiles::copySeriesFiles(ImageFormat* records, int count, const QString& 
         // cannot overwrite each other.
         const QString destination = storage::storedFileName(seriesDir, record.sopInstanceUID);
         if (record.state == ImageRecord::Duplicate) {
-            QString stored;
-            if (storedPath.bind(record.sopInstanceUID).run() && storedPath.next())
-                stored = storedPath.get<QString>(0);
-            storedPath.finish();
+            const QString stored = storedPathOf(record.sopInstanceUID);
             if (QFileInfo::exists(stored)) {
                 // Identical bytes are stored once; another content never replaces what a row names.
                 if (!sameContent(stored, record.filePath)) {

@@ -1,8 +1,12 @@
 #include "testcatalog.h"
 
 #include "catalog/catalogschema_p.h"
+#include "catalog/catalogupgrade_p.h"
 #include "kestrelpaths.h"
 #include "veldatabaseconnection.h"
+
+#include <QProcess>
+#include <QSqlError>
 
 #include <QFile>
 #include <QSignalSpy>
@@ -129,6 +133,103 @@ private slots:
             QVERIFY(write.exec(QString("DROP TABLE %1").arg(table)));
         QCOMPARE(getStoredSearchCount("mine"), -1);
         QCOMPARE(getPatientKeys(), QList<qint64>());
+    }
+
+    // A catalogue written before identities were enforced: duplicates merged into the lowest key,
+    // what pointed to the others repointed, the keys enforced from then on, each merge said.
+    void olderCatalogueGainsItsKeys_data() { TestCatalog::addBackendRows(); }
+    void olderCatalogueGainsItsKeys()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QSqlDatabase db = QSqlDatabase::database();
+        QSqlQuery sql(db);
+        for (const UniqueKey& key : uniqueKeys()) {
+            const QString index = QString("uq_%1_%2").arg(key.table, key.column);
+            QVERIFY2(sql.exec(catalog.isMariaDb() ? QString("DROP INDEX %1 ON %2").arg(index, key.table) : "DROP INDEX " + index),
+                     qPrintable(sql.lastError().text()));
+        }
+        QVERIFY(sql.exec("ALTER TABLE patient DROP COLUMN PatientKey"));
+        for (const char* rows :
+             {"INSERT INTO patient (pk, PatientID, PatientName) VALUES (1, 'P1', 'Doe^Jane'), (2, 'P1', 'DOE^JANE^'), (3, 'P1', 'Other^One')",
+              "INSERT INTO generalstudy (pk, StudyInstanceUID, patient_fk) VALUES (1, '1.2', 1), (2, '1.2', 2), (3, '1.3', 3)",
+              "INSERT INTO generalseries (pk, SeriesInstanceUID, SeriesBase, study_fk) VALUES (1, '1.2.1', '1.2.1#0', 2), "
+              "(2, '1.2.1', '1.2.1#0', 1)",
+              "INSERT INTO imageformat (SOPInstanceUID, series_fk) VALUES ('1.2.1.1', 2), ('1.2.1.1', 2), ('1.2.1.2', 1)"})
+            QVERIFY2(sql.exec(rows), qPrintable(sql.lastError().text()));
+
+        QStringList merged;
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^catalogue upgrade: .*"));
+        QVERIFY(upgradeCatalog(db, &merged));
+        QVERIFY2(merged.contains("added the column patient.PatientKey"), qPrintable(merged.join('\n')));
+        QVERIFY2(merged.contains("merged 2 rows of patient with PatientKey = " +
+                                 TestCatalog::value("SELECT PatientKey FROM patient WHERE pk = 1") + " into pk 1"),
+                 qPrintable(merged.join('\n')));
+        QCOMPARE(TestCatalog::values("SELECT pk, PatientName FROM patient ORDER BY pk"), (QStringList{"1", "Doe^Jane", "3", "Other^One"}));
+        QCOMPARE(TestCatalog::values("SELECT pk, patient_fk FROM generalstudy ORDER BY pk"), (QStringList{"1", "1", "3", "3"}));
+        QCOMPARE(TestCatalog::values("SELECT pk, study_fk FROM generalseries"), (QStringList{"1", "1"}));
+        QCOMPARE(TestCatalog::values("SELECT SOPInstanceUID, series_fk FROM imageformat ORDER BY SOPInstanceUID"),
+                 (QStringList{"1.2.1.1", "1", "1.2.1.2", "1"}));
+        // From now on the catalogue refuses a second row of one identity; opening it again is cheap.
+        QVERIFY(!sql.exec("INSERT INTO generalstudy (StudyInstanceUID) VALUES ('1.3')"));
+        QVERIFY(!sql.exec("INSERT INTO imageformat (SOPInstanceUID) VALUES ('1.2.1.2')"));
+        merged.clear();
+        QVERIFY(upgradeCatalog(db, &merged));
+        QCOMPARE(merged, QStringList());
+    }
+
+    // Whatever the profile is called and wherever the file lies; a schema a database administrator
+    // made empty gets the server's tables; a failure names its cause.
+    void openingNamesItsCause()
+    {
+        TestCatalog catalog("sqlite");
+        // Written into the configuration of the catalogue made last: the one createConnection reads.
+        const TestCatalog* current = &catalog;
+        auto writeIni = [&](const QString& profile) {
+            QFile ini(current->configDir() + "/database.ini");
+            QVERIFY(ini.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            ini.write(QString("[currentdatabase]\ndbname=ward 2\n[ward 2]\n%1").arg(profile).toUtf8());
+        };
+        const QString absolute = catalog.path("elsewhere/site.sqlite");
+        QDir().mkpath(catalog.path("elsewhere"));
+        writeIni("databaseType=QSQLITE\ndatabaseName=" + absolute + "\n");
+        QVERIFY(createConnection());
+        QVERIFY(QFileInfo(absolute).size() > 0);
+        QCOMPARE(TestCatalog::count("patient"), 0);
+
+        writeIni("databaseType=QSQLITE\ndatabaseName=/nonexistent/dir/../dir/x.sqlite\n");
+        QVERIFY(!createConnection());
+        QVERIFY2(getConnectionError().startsWith("cannot open the SQLite catalogue /nonexistent/dir/x.sqlite: "),
+                 qPrintable(getConnectionError()));
+
+        TestCatalog server("mariadb");
+        if (!server.available())
+            QSKIP(qPrintable(server.skipReason()));
+        QVERIFY(server.open());
+        current = &server;
+        const QString empty = server.schemaName() + "_empty";
+        QSqlQuery root(QSqlDatabase::database());
+        QVERIFY(root.exec(QString("CREATE DATABASE `%1`").arg(empty)));
+        QVERIFY(root.exec("CREATE USER IF NOT EXISTS 'kestrel_reader'@'localhost' IDENTIFIED BY 'secret'"));
+        QVERIFY(root.exec("GRANT SELECT ON *.* TO 'kestrel_reader'@'localhost'"));
+        const QString mysql = "databaseType=QMYSQL\nhostName=localhost\ndefaultName=mysql\n";
+        writeIni(mysql + "userName=root\npassword=\ndatabaseName=" + empty + "\n");
+        QVERIFY(createConnection());
+        for (const QString& table : schema::tables())
+            QVERIFY2(TestCatalog::count(table) >= 0, qPrintable(table));
+        QVERIFY(QSqlQuery(QSqlDatabase::database()).exec(QString("DROP DATABASE `%1`").arg(empty)));
+
+        writeIni(mysql + "userName=kestrel_reader\npassword=secret\ndatabaseName=" + empty + "_new\n");
+        QVERIFY(!createConnection());
+        QVERIFY2(getConnectionError().contains("cannot create the catalogue " + empty + "_new") &&
+                     getConnectionError().contains("denied"),
+                 qPrintable(getConnectionError()));
+        // The host says the same.
+        QProcess host;
+        host.start(Kestrel::applicationDir() + "/kestrel", {"--config", server.configDir(), "tree"});
+        QVERIFY(host.waitForFinished(60000));
+        const QString said = QString::fromUtf8(host.readAllStandardError());
+        QVERIFY2(host.exitCode() == 1 && said.contains("denied for user 'kestrel_reader'"), qPrintable(said));
     }
 
     void unreachableServerFails()

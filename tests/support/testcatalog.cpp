@@ -96,7 +96,8 @@ void TestCatalog::writeDatabaseIni(const QString& extra) const
 {
     QFile ini(configDir() + "/database.ini");
     ini.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text);
-    QString text = "[currentdatabase]\ndbname=orvena\n\n[orvena]\n";
+    // A profile of the site's own name: nothing may depend on the shipped one.
+    QString text = "[currentdatabase]\ndbname=ward2\n\n[ward2]\n";
     if (isMariaDb()) {
         text += "databaseType=QMYSQL\nhostName=localhost\nuserName=root\npassword=\ndefaultName=mysql\n";
         text += "databaseName=" + m_schema + "\n";
@@ -117,7 +118,9 @@ bool TestCatalog::open()
     writeDatabaseIni();
     if (!createConnection())
         return false;
-    if (isMariaDb() && !QSqlDatabase::database().isOpen() && !createConnection())
+    // Asked without opening it: only createConnection opens it with its session settings.
+    if (isMariaDb() && !QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), false).isOpen() &&
+        !createConnection())
         return false;
     return QSqlDatabase::database().isOpen() && count("patientuser") >= 0;
 }
