@@ -363,7 +363,8 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
     }
     int added = 0;
     QSqlDatabase db = database();
-    const Status written = runWrite(db, [&](Transaction&) {
+    const bool nothingNew = formatRows.isEmpty() && pixRows.isEmpty() && infoRows.isEmpty();
+    const Status written = nothingNew ? Status::ok() : runWrite(db, [&](Transaction&) {
         int ignored = 0;
         Status status = insertRows(db, kImageFormat, formatRows, true, &added);
         if (status)

@@ -209,7 +209,7 @@ protected:
     // Records of one series: read (in parallel), de-duplicate, copy when asked, write.
     void importSeries(int series, qint64 seriesPk, const QString& seriesDir);
     // Reads the file and storage marker of a series' catalogued images into the run's state, and
-    // the SOP Instance UIDs its pixel and MR rows hold into *PIX and *MR, in one query.
+    // which of them have their pixel and MR rows into *PIX and *MR, in one query.
     void loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr);
     // The file the catalogue names for SOP (from the series read last, else looked up); empty
     // when no row has it.

@@ -21,18 +21,31 @@ const QString kImageFormat = QStringLiteral("imageformat");
 void QDcmFiles::loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr)
 {
     m_state->storedImages.clear();
-    Statement query(database(), QStringLiteral("SELECT 0, SOPInstanceUID, FilePath, IrradiationEventUID FROM imageformat WHERE series_fk = ? "
-                                               "UNION ALL SELECT 1, SOPInstanceUID, '', '' FROM imagepixel WHERE series_fk = ? "
-                                               "UNION ALL SELECT 2, SOPInstanceUID, '', '' FROM mrimageinfo WHERE series_fk = ?"));
-    if (!query.bind(seriesPk).bind(seriesPk).bind(seriesPk).run())
+    QSqlDatabase db = database();
+    Statement images(db, QStringLiteral("SELECT SOPInstanceUID, FilePath, IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
+    if (!images.bind(seriesPk).run())
         return;
-    while (query.next()) {
-        const int table = query.get<int>(0);
-        if (table == 0)
-            m_state->storedImages.insert(query.get<QString>(1), {query.get<QString>(2), query.get<QString>(3)});
-        else
-            (table == 1 ? pix : mr)->insert(query.get<QString>(1));
+    while (images.next())
+        m_state->storedImages.insert(images.get<QString>(0), {images.get<QString>(1), images.get<QString>(2)});
+    images.finish();
+    if (m_state->storedImages.isEmpty())
+        return;
+    // The three rows of an image are written together: where the counts agree, every image row
+    // has its pixel and MR rows and they need not be read. Catalogues of earlier versions may
+    // hold incomplete images: then each table's UIDs are read.
+    Statement counts(db, QStringLiteral("SELECT (SELECT COUNT(*) FROM imagepixel WHERE series_fk = ?), "
+                                        "(SELECT COUNT(*) FROM mrimageinfo WHERE series_fk = ?)"));
+    const int stored = m_state->storedImages.size();
+    if (counts.bind(seriesPk).bind(seriesPk).run() && counts.next() && counts.get<int>(0) == stored && counts.get<int>(1) == stored) {
+        for (auto it = m_state->storedImages.cbegin(); it != m_state->storedImages.cend(); ++it) {
+            pix->insert(it.key());
+            mr->insert(it.key());
+        }
+        return;
     }
+    counts.finish();
+    getImageInstanceUID(QStringLiteral("imagepixel"), seriesPk, *pix);
+    getImageInstanceUID(QStringLiteral("mrimageinfo"), seriesPk, *mr);
 }
 
 QString QDcmFiles::storedPathOf(const QString& sop)
