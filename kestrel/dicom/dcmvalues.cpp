@@ -13,6 +13,8 @@
 
 #include <QStringList>
 
+#include <algorithm>
+
 namespace kestrel::internal {
 
 bool dcmHas(DcmItem* item, const DcmTagKey& tag)
@@ -114,7 +116,14 @@ QString dcmCharacterSet(DcmItem* item)
 
 QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
 {
-    return decodeDicomText(dcmBytes(item, tag), dcmCharacterSet(item), dcmIsPersonName(tag));
+    const QByteArray bytes = dcmBytes(item, tag);
+    // Plain ASCII without escapes reads the same in every character set (as the decoder itself
+    // has it): most values of most files, read without looking the set up.
+    const bool ascii = std::all_of(bytes.cbegin(), bytes.cend(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\x1b'; });
+    if (ascii)
+        return QString::fromLatin1(bytes);
+    return decodeDicomText(bytes, dcmCharacterSet(item), dcmIsPersonName(tag));
 }
 
 void registerDecoders()

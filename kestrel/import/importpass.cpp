@@ -39,6 +39,11 @@ const QString kMrImageInfo = QStringLiteral("mrimageinfo");
 // A unit of work waits up to a minute for the catalogue on SQLite (its busy timeout), and a
 // deadlock on MariaDB costs a retry: a few are plenty.
 constexpr int kRetries = 8;
+// Image rows of one unit of work: several series' worth, so that a large import commits a few dozen
+// times, and a conflict with another process costs the retry of a fraction of a second of writing.
+// Rows wait at most half a second, so what was read is soon in the catalogue for everyone.
+constexpr int kImagesPerUnit = 1000;
+constexpr qint64 kUnitMs = 500;
 
 // The rows of TABLE whose COLUMN is KEY: the key of the one there is, -1 without one.
 Status lookUp(QSqlDatabase db, const QString& table, const QString& column, const QVariant& key, qint64* pk,
@@ -148,6 +153,7 @@ bool QDcmFiles::importPass(bool copy)
                                   &patientPk, &inserted);
         });
         if (!status || patientPk < 0) {
+            writePendingImages();
             m_prefetched.clear();
             m_lastError = tr("cannot find or create the patient %1 (%2): %3")
                               .arg(patient.patientID, facts[size_t(patient.firstFile)].path,
@@ -178,6 +184,7 @@ bool QDcmFiles::importPass(bool copy)
         for (int study : patient.studies)
             importStudy(study, patientPk, patientDir, copy);
     }
+    writePendingImages();
     m_prefetched.clear();
     qWarning() << "add DB time elapsed: " << timer.elapsed();
     return true;
@@ -351,20 +358,42 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
     else
         checkRepeatedFiles(formats.data(), count);
 
-    // The series' rows in one unit of work; rows another process wrote meanwhile are skipped.
-    QVector<const QVector<QVariant>*> formatRows, pixRows, infoRows;
+    // New rows wait for the next unit of work, which several series share.
+    ImportState::PendingRows& pending = m_state->pending;
+    if (pending.isEmpty())
+        pending.since.start();
     for (size_t k = 0; k < n; ++k) {
         if (formats[k].state == ImageRecord::New && !formats[k].values.isEmpty())
-            formatRows.append(&formats[k].values);
+            pending.format.append(std::move(formats[k].values));
         if (pixs[k].state == ImageRecord::New && !pixs[k].values.isEmpty())
-            pixRows.append(&pixs[k].values);
+            pending.pix.append(std::move(pixs[k].values));
         if (infos[k].state == ImageRecord::New && !infos[k].values.isEmpty())
-            infoRows.append(&infos[k].values);
+            pending.info.append(std::move(infos[k].values));
     }
+    if (pending.format.size() >= kImagesPerUnit || pending.since.elapsed() >= kUnitMs)
+        writePendingImages();
+    qWarning() << "add DB   time elapsed: " << timer.elapsed();
+}
+
+void QDcmFiles::writePendingImages()
+{
+    ImportState::PendingRows& pending = m_state->pending;
+    if (pending.isEmpty())
+        return;
+    auto pointers = [](const QVector<QVector<QVariant>>& rows) {
+        QVector<const QVector<QVariant>*> out;
+        out.reserve(rows.size());
+        for (const QVector<QVariant>& row : rows)
+            out.append(&row);
+        return out;
+    };
+    const QVector<const QVector<QVariant>*> formatRows = pointers(pending.format), pixRows = pointers(pending.pix),
+                                            infoRows = pointers(pending.info);
     int added = 0;
     QSqlDatabase db = database();
-    const bool nothingNew = formatRows.isEmpty() && pixRows.isEmpty() && infoRows.isEmpty();
-    const Status written = nothingNew ? Status::ok() : runWrite(db, [&](Transaction&) {
+    // Rows another process wrote meanwhile are skipped.
+    const Status written = runWrite(db, [&](Transaction&) {
+        added = 0;
         int ignored = 0;
         Status status = insertRows(db, kImageFormat, formatRows, true, &added);
         if (status)
@@ -380,7 +409,7 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
         ++m_counts.failedBatches;
         emit errorInfo(written.text());
     }
-    qWarning() << "add DB   time elapsed: " << timer.elapsed();
+    pending = ImportState::PendingRows();
 }
 
 void QDcmFiles::checkRepeatedFiles(const ImageFormat* records, int count)

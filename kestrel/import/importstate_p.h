@@ -4,6 +4,7 @@
 
 #include "import/importplan_p.h"
 
+#include <QElapsedTimer>
 #include <QSet>
 
 #include <vector>
@@ -21,4 +22,11 @@ struct QDcmFiles::ImportState {
         QString filePath, marker;
     };
     QHash<QString, StoredImage> storedImages;
+    // New image rows waiting for their unit of work, the three tables' rows of each image together.
+    struct PendingRows {
+        QVector<QVector<QVariant>> format, pix, info;
+        QElapsedTimer since; // started with the first row queued
+        bool isEmpty() const { return format.isEmpty() && pix.isEmpty() && info.isEmpty(); }
+    };
+    PendingRows pending;
 };

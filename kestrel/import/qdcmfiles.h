@@ -206,8 +206,10 @@ protected:
     // unit of work of its own that is retried while another process holds the catalogue.
     bool importPass(bool copy);
     void importStudy(int study, qint64 patientPk, const QString& patientDir, bool copy);
-    // Records of one series: read (in parallel), de-duplicate, copy when asked, write.
+    // Records of one series: read (in parallel), de-duplicate, copy when asked, queue for writing.
     void importSeries(int series, qint64 seriesPk, const QString& seriesDir);
+    // Writes the queued image rows in one unit of work.
+    void writePendingImages();
     // Reads the file and storage marker of a series' catalogued images into the run's state, and
     // which of them have their pixel and MR rows into *PIX and *MR, in one query.
     void loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr);
