@@ -4,6 +4,8 @@
 
 #include <QCommandLineParser>
 
+#include <cmath>
+
 #include <cstdio>
 
 namespace {
@@ -26,8 +28,8 @@ int runRoi(const QStringList& args)
     for (int i = 0; i < 4; ++i) {
         bool ok = false;
         v[i] = p[2 + i].toDouble(&ok);
-        if (!ok)
-            return app::fail("roi", QString("not a number: %1").arg(p[2 + i]));
+        if (!ok || !std::isfinite(v[i]))
+            return app::fail("roi", QString("not a finite number: %1").arg(p[2 + i]));
     }
     NDicomImage image;
     if (!image.readReferenceFileInfo(p[0], true))

@@ -1,5 +1,7 @@
 #include "ndicomimage.h"
 
+#include "image/regionscan_p.h"
+
 #include "dicom/dcmvalues_p.h"
 #include "geometry/imagegeometry_p.h"
 #include "image/imageio_p.h"
@@ -614,10 +616,12 @@ struct Accumulator {
     qint64 count = 0;
     int max = -1; // kept at -1: the viewer shows -1 for regions of lower values
     int min = 2147483647;
-    void add(int v)
+    void add(int v, qint64 times = 1)
     {
-        sum += v;
-        ++count;
+        if (times <= 0)
+            return;
+        sum += double(v) * double(times);
+        count += times;
         if (v > max)
             max = v;
         if (v < min)
@@ -627,11 +631,42 @@ struct Accumulator {
 
 // True when the centre of pixel (x, y), the point (x + 0.5, y + 0.5), lies inside the ellipse
 // inscribed in R.
-bool centreInEllipse(const QRectF& r, int x, int y)
+bool centreInEllipse(const QRectF& r, qint64 x, qint64 y)
 {
-    const double dx = x + 0.5 - r.x() - r.width() / 2;
-    const double dy = y + 0.5 - r.y() - r.height() / 2;
+    const double dx = double(x) + 0.5 - r.x() - r.width() / 2;
+    const double dy = double(y) + 0.5 - r.y() - r.height() / 2;
     return 4 * dx * dx / (r.width() * r.width()) + 4 * dy * dy / (r.height() * r.height()) < 1.0;
+}
+
+bool finite(const QRectF& r)
+{
+    return std::isfinite(r.x()) && std::isfinite(r.y()) && std::isfinite(r.width()) && std::isfinite(r.height());
+}
+
+// The rows of column X of R's scan (ROWS) whose pixel centres lie inside the ellipse of R: one
+// interval, worked out from the ellipse's equation and settled by the exact test at its ends.
+region::ScanAxis ellipseRows(const QRectF& r, qint64 x, const region::ScanAxis& rows)
+{
+    const double dx = double(x) + 0.5 - r.x() - r.width() / 2;
+    const double t = 1.0 - 4 * dx * dx / (r.width() * r.width());
+    if (!(t > 0) || rows.count == 0)
+        return {};
+    const double half = r.height() / 2 * std::sqrt(t);
+    const double centre = r.y() + r.height() / 2 - 0.5;
+    qint64 lo = std::max(rows.from, region::truncated(std::floor(centre - half)));
+    qint64 hi = std::min(rows.end() - 1, region::truncated(std::ceil(centre + half)));
+    while (lo <= hi && !centreInEllipse(r, x, lo))
+        ++lo;
+    while (hi >= lo && !centreInEllipse(r, x, hi))
+        --hi;
+    return {lo, std::max<qint64>(0, hi - lo + 1)};
+}
+
+// Pixels outside the image count with the value sampled there (the intercept), but are not
+// visited: only the part of a region inside the image is read, whatever the region's size.
+int outsideValue(double intercept)
+{
+    return short(int(intercept));
 }
 
 } // namespace
@@ -639,27 +674,37 @@ bool centreInEllipse(const QRectF& r, int x, int y)
 markShowValue NDicomImage::getRect(const QRectF& r)
 {
     Accumulator acc;
-    const double x0 = r.x(), y0 = r.y(), w = r.width(), h = r.height();
-    for (int x = int(x0); x < x0 + w; ++x)
-        for (int y = int(y0); y < y0 + h; ++y)
-            acc.add(sampled(x, y));
+    const double w = r.width(), h = r.height();
+    const region::ScanAxis columns = region::scanAxis(r.x(), w), rows = region::scanAxis(r.y(), h);
+    const region::ScanAxis inColumns = region::inside(columns, m_size[0]), inRows = region::inside(rows, m_size[1]);
+    for (qint64 x = inColumns.from; x < inColumns.end(); ++x)
+        for (qint64 y = inRows.from; y < inRows.end(); ++y)
+            acc.add(sampled(int(x), int(y)));
+    acc.add(outsideValue(m_intercept), columns.count * rows.count - inColumns.count * inRows.count);
     markShowValue value;
     // Divided by the nominal area, not the pixel count.
     value.mean = acc.sum / (w * h);
     value.max = acc.max;
     value.min = acc.min;
     value.size = w * h;
+    if (!finite(r)) // refused: no pixel, no area
+        value = markShowValue{0.0, -1, 2147483647, 0.0};
     return value;
 }
 
 markShowValue NDicomImage::getEllipse(const QRectF& r)
 {
     Accumulator acc;
-    const double x0 = r.x(), y0 = r.y(), w = r.width(), h = r.height();
-    for (int x = int(x0); x < x0 + w; ++x)
-        for (int y = int(y0); y < y0 + h; ++y)
-            if (centreInEllipse(r, x, y))
-                acc.add(sampled(x, y));
+    if (finite(r)) {
+        const region::ScanAxis columns = region::scanAxis(r.x(), r.width()), rows = region::scanAxis(r.y(), r.height());
+        for (qint64 x = columns.from; x < columns.end(); ++x) {
+            const region::ScanAxis in = ellipseRows(r, x, rows);
+            const region::ScanAxis visited = x >= 0 && x < m_size[0] ? region::inside(in, m_size[1]) : region::ScanAxis{};
+            for (qint64 y = visited.from; y < visited.end(); ++y)
+                acc.add(sampled(int(x), int(y)));
+            acc.add(outsideValue(m_intercept), in.count - visited.count);
+        }
+    }
     markShowValue value;
     value.mean = acc.sum / double(acc.count);
     value.max = acc.max;
@@ -672,11 +717,12 @@ markShowValue NDicomImage::getPolygon(const QPolygonF& p)
 {
     const QRectF box = p.boundingRect();
     Accumulator acc;
-    const double x0 = box.x(), y0 = box.y(), w = box.width(), h = box.height();
-    for (int x = int(x0); x < x0 + w; ++x)
-        for (int y = int(y0); y < y0 + h; ++y)
-            if (p.containsPoint(QPointF(x, y), Qt::OddEvenFill))
-                acc.add(sampled(x, y));
+    // Every pixel of the box is tested against the polygon (64-bit: no bound overflows).
+    const region::ScanAxis columns = region::scanAxis(box.x(), box.width()), rows = region::scanAxis(box.y(), box.height());
+    for (qint64 x = columns.from; x < columns.end(); ++x)
+        for (qint64 y = rows.from; y < rows.end(); ++y)
+            if (p.containsPoint(QPointF(double(x), double(y)), Qt::OddEvenFill))
+                acc.add(x >= 0 && x < m_size[0] && y >= 0 && y < m_size[1] ? sampled(int(x), int(y)) : outsideValue(m_intercept));
     markShowValue value;
     value.mean = acc.sum / double(acc.count);
     value.max = acc.max;
@@ -691,36 +737,48 @@ markShowValue NDicomImage::getLine(const QLineF& l, double spacingX, double spac
     value.max = std::numeric_limits<int>::min();
     value.min = std::numeric_limits<int>::max();
     const double x1 = l.x1(), y1 = l.y1(), x2 = l.x2(), y2 = l.y2();
+    if (!std::isfinite(x1) || !std::isfinite(y1) || !std::isfinite(x2) || !std::isfinite(y2))
+        return markShowValue{0.0, -1, 2147483647, 0.0}; // refused
     double sum = 0.0;
-    int divisor;
-    auto add = [&](int v) {
-        sum += v;
+    auto add = [&](int v, qint64 times) {
+        if (times <= 0)
+            return;
+        sum += double(v) * double(times);
         value.max = std::max(value.max, v);
         value.min = std::min(value.min, v);
     };
+    qint64 divisor;
     if (x1 == x2) {
-        const int from = int(std::min(y1, y2));
-        const int to = int(std::max(y1, y2));
-        const int x = int(x1);
-        for (int y = from; y < to; ++y)
-            add(sampled(x, y));
+        const region::ScanAxis rows = region::halfOpen(std::min(y1, y2), std::max(y1, y2));
+        const qint64 x = region::truncated(x1);
+        const region::ScanAxis visited = x >= 0 && x < m_size[0] ? region::inside(rows, m_size[1]) : region::ScanAxis{};
+        for (qint64 y = visited.from; y < visited.end(); ++y)
+            add(sampled(int(x), int(y)), 1);
+        add(outsideValue(m_intercept), rows.count - visited.count);
         value.size = l.length() * spacingY;
         // One more than the samples: the viewer's figures for vertical lines rely on this divisor.
-        divisor = to - from + 1;
+        divisor = rows.count + 1;
     } else {
         const double k = (y1 - y2) / (x1 - x2);
         const double c = y1 - x1 * k;
-        const int from = int(std::min(x1, x2));
-        const int to = int(std::max(x1, x2));
         // One sample per column whatever the slope, as the viewer has always measured.
-        for (int x = from; x < to; ++x)
-            add(sampled(x, int(x * k + c)));
+        const region::ScanAxis columns = region::halfOpen(std::min(x1, x2), std::max(x1, x2));
+        const region::ScanAxis visited = region::inside(columns, m_size[0]);
+        qint64 read = 0;
+        for (qint64 x = visited.from; x < visited.end(); ++x) {
+            const qint64 y = region::truncated(double(x) * k + c);
+            if (y >= 0 && y < m_size[1]) {
+                add(sampled(int(x), int(y)), 1);
+                ++read;
+            }
+        }
+        add(outsideValue(m_intercept), columns.count - read);
         value.size = std::sqrt(((y2 - y1) * spacingY) * ((y2 - y1) * spacingY)
                                + ((x2 - x1) * spacingX) * ((x2 - x1) * spacingX));
-        divisor = to - from + 1;
+        divisor = columns.count + 1;
     }
     if (l.length() != 0)
-        value.mean = sum / divisor;
+        value.mean = sum / double(divisor);
     return value;
 }
 

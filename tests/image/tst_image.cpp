@@ -7,6 +7,7 @@
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 
+#include <QRandomGenerator>
 #include <QtTest>
 
 #include <cmath>
@@ -56,6 +57,7 @@ private slots:
     void expandAndNormal();
     void regionMeasurements();
     void lineMeasurements();
+    void regionsOfAnySize();
     void pointsAndSectors();
     void readSigned_data();
     void readSigned();
@@ -267,6 +269,81 @@ void TestImage::lineMeasurements()
     QCOMPARE(stats(img->getPolygonLine(path, 1, 1)).mid(0, 3), QList<double>({(11 * (45.0 / 11) + 1 * 0.0) / 12, 10.5, 9}));
     const markShowValue point = img->getPolygonLine(QPolygonF({QPointF(1, 1)}), 1, 1);
     QVERIFY(point.max == -1 && point.mean == 0);
+}
+
+// The measurements read only the part of a region inside the image: they must agree with a
+// visit of every pixel on regions around the image's edges, and finish at once on regions of any
+// size or position (a viewer measures on every mouse move).
+void TestImage::regionsOfAnySize()
+{
+    auto img = makeImage(8, 6, [](int x, int y) { return 10 * x + y; });
+    img->setSlopeAndIntercept(2, 5);
+    const int outside = 5;
+    auto value = [&](qint64 x, qint64 y) { return x >= 0 && x < 8 && y >= 0 && y < 6 ? 2 * (10 * int(x) + int(y)) + 5 : outside; };
+    // The written scans, pixel by pixel.
+    auto visit = [&](const QRectF& r, const std::function<bool(qint64, qint64)>& counts) {
+        double sum = 0;
+        qint64 n = 0;
+        int max = -1, min = 2147483647;
+        for (qint64 x = qint64(r.x()); double(x) < r.x() + r.width(); ++x)
+            for (qint64 y = qint64(r.y()); double(y) < r.y() + r.height(); ++y)
+                if (counts(x, y)) {
+                    sum += value(x, y);
+                    ++n;
+                    max = std::max(max, value(x, y));
+                    min = std::min(min, value(x, y));
+                }
+        return QList<double>{sum, double(n), double(max), double(min)};
+    };
+    QRandomGenerator random(20261124);
+    for (int i = 0; i < 400; ++i) {
+        const QRectF r(random.bounded(-60, 140) / 10.0, random.bounded(-60, 120) / 10.0, random.bounded(-20, 120) / 10.0,
+                       random.bounded(-20, 120) / 10.0);
+        const QList<double> all = visit(r, [](qint64, qint64) { return true; });
+        const markShowValue rect = img->getRect(r);
+        QCOMPARE(QList<double>({double(rect.max), double(rect.min)}), all.mid(2));
+        if (r.width() * r.height() != 0)
+            QCOMPARE(rect.mean, all[0] / (r.width() * r.height()));
+        const QList<double> in = visit(r, [&](qint64 x, qint64 y) {
+            const double dx = x + 0.5 - r.x() - r.width() / 2, dy = y + 0.5 - r.y() - r.height() / 2;
+            return 4 * dx * dx / (r.width() * r.width()) + 4 * dy * dy / (r.height() * r.height()) < 1.0;
+        });
+        const markShowValue ellipse = img->getEllipse(r);
+        QCOMPARE(QList<double>({ellipse.size, double(ellipse.max), double(ellipse.min)}), in.mid(1));
+        if (in[1] > 0)
+            QCOMPARE(ellipse.mean, in[0] / in[1]);
+        const QLineF line(r.topLeft(), r.bottomRight());
+        const markShowValue measured = img->getLine(line, 1, 1);
+        double sum = 0;
+        if (line.x1() == line.x2()) {
+            for (qint64 y = qint64(std::min(line.y1(), line.y2())); y < qint64(std::max(line.y1(), line.y2())); ++y)
+                sum += value(qint64(line.x1()), y);
+        } else {
+            const double k = (line.y1() - line.y2()) / (line.x1() - line.x2()), c = line.y1() - line.x1() * k;
+            for (qint64 x = qint64(std::min(line.x1(), line.x2())); x < qint64(std::max(line.x1(), line.x2())); ++x)
+                sum += value(x, qint64(double(x) * k + c));
+        }
+        if (line.length() != 0) {
+            const double to = line.x1() == line.x2() ? std::max(line.y1(), line.y2()) : std::max(line.x1(), line.x2());
+            const double from = line.x1() == line.x2() ? std::min(line.y1(), line.y2()) : std::min(line.x1(), line.x2());
+            QCOMPARE(measured.mean, sum / double(qint64(to) - qint64(from) + 1));
+        }
+    }
+
+    // Far away, huge, or not finite: answered at once. Everything outside reads the intercept.
+    const markShowValue far = img->getRect(QRectF(2147483647, 0, 1, 1));
+    QCOMPARE(stats(far), QList<double>({5, 1, 5, 5}));
+    const markShowValue straddling = img->getRect(QRectF(2147483640, 0, 10, 2));
+    QCOMPARE(stats(straddling), QList<double>({5, 20, 5, 5}));
+    const markShowValue huge = img->getRect(QRectF(0, 0, 30000, 30000));
+    const double inside = 2.0 * (6 * (10 * 28) + 8 * 15) + 5 * 48;
+    QCOMPARE(huge.mean, (inside + 5.0 * (9e8 - 48)) / 9e8);
+    QCOMPARE(stats(img->getEllipse(QRectF(2147483647, 0, 2, 2))), QList<double>({5, 4, 5, 5}));
+    QCOMPARE(img->getEllipse(QRectF(-1e6, -1e6, 2e6 + 8, 2e6 + 6)).max, 2 * 75 + 5);
+    QCOMPARE(img->getLine(QLineF(-1e9, 3, 1e9, 3), 1, 1).mean, (2.0 * (10 * 28 + 8 * 3) + 5 * 8 + 5 * (2e9 - 8)) / (2e9 + 1));
+    const double inf = std::numeric_limits<double>::infinity();
+    QCOMPARE(stats(img->getRect(QRectF(10, 10, inf, inf))), QList<double>({0, 0, -1, 2147483647}));
+    QCOMPARE(img->getLine(QLineF(0, 0, inf, 1), 1, 1).size, 0.0);
 }
 
 void TestImage::pointsAndSectors()
