@@ -91,6 +91,11 @@ void describeFrames(QTextStream& out, qint64 pk, const SeriesFrames& frames, int
             out << QString("  frame %1: %2, %3 images%4\n").arg(frame.index).arg(frame.label).arg(frame.imageCount()).arg(state);
         }
     }
+    if (group >= 0 && group < frames.groups.size())
+        for (const auto& gap : frames.groups[group].gaps)
+            out << QString("  gap: slice %1 lies %2 mm from the one before, the spacing is %3 mm; the volume spaces "
+                           "its slices evenly, so positions from there on are not those of the images\n")
+                       .arg(gap.first).arg(gap.second, 0, 'g', 6).arg(frames.groups[group].spacing, 0, 'g', 6);
     for (const QString& skipped : frames.skipped)
         out << "  left out: " << skipped << "\n";
 }
