@@ -21,6 +21,7 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QImage>
 #include <QSqlDatabase>
 #include <QTextStream>
@@ -209,6 +210,8 @@ int runVolume(const QStringList& args)
             labels << frames.groups[group].frames[f].label;
     } else {
         volume.getVolumeFromSeriesUID(&series);
+        if (group < frames.groups.size())
+            labels << frames.groups[group].frames.first().label;
     }
     out.flush();
     const double ms = timer.nsecsElapsed() / 1e6;
@@ -219,6 +222,7 @@ int runVolume(const QStringList& args)
     out << QString("volume ready in %1 ms\n").arg(ms, 0, 'f', 1);
     if (parser.isSet("nifti")) {
         QString error;
+        QDir().mkpath(QFileInfo(parser.value("nifti")).absolutePath());
         if (!saveVolumeAsNifti(volume, parser.value("nifti"), labels, &error))
             return app::fail("volume", error);
         out << parser.value("nifti") << QString(": %1 frame(s)\n").arg(std::max(1, volume.getHead()->timeNum));

@@ -500,7 +500,7 @@ void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>
             emit registrationInfo(1);
             return;
         }
-        qWarning() << "NDicomVolume: cached volume is of an earlier build or does not load, rebuilding:"
+        qWarning() << "NDicomVolume: cached volume is of an earlier build or other frames, or does not load; rebuilding:"
                    << m_curVolumeDataPath;
         volumecache::forget(key);
     }

@@ -199,19 +199,6 @@ void checkExports(NDicomVolume& v, const QString& templateFile)
     checkExportedFiles(v, files);
 }
 
-// The files of FOLDER matching PATTERN in the catalogue's order, by instance number.
-QStringList seriesFiles(const QString& folder, const QString& pattern = "*")
-{
-    QMultiMap<int, QString> byNumber;
-    for (const QString& name : QDir(folder).entryList({pattern}, QDir::Files, QDir::Name)) {
-        DcmFileFormat file;
-        const QString full = QDir(folder).filePath(name);
-        if (file.loadFile(QFile::encodeName(full).constData()).good())
-            byNumber.insert(dcmInt(file.getDataset(), DCM_InstanceNumber), full);
-    }
-    return byNumber.values();
-}
-
 // The last line of compare_dcm2niix.py over FILES against dcm2niix's conversion of FOLDER, or a
 // reason to skip when the readers are not installed.
 QString compareWithDcm2niix(const QString& folder, const QStringList& files, QString& skip)
