@@ -51,7 +51,7 @@ QString frameName(const SeriesFrame& frame)
 
 QString cacheKey(const SeriesFrames& frames, int group)
 {
-    return frames.seriesBase + "#frames" + QString::number(group);
+    return volumecache::framesKey(frames.seriesBase, group);
 }
 
 } // namespace
