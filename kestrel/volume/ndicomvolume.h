@@ -161,7 +161,8 @@ KESTREL_EXPORT SeriesFrames getSeriesFrames(QSeries* series);
 // complete frame, every frame on the grid of the first. Each incomplete frame, and each frame that
 // cannot be read or kept exact, is left out with a line in PROBLEMS. The head string
 // (getStrVolumeHead) then names the frames built and, where the frames need different rescales,
-// each frame's own (see getVolumeFrames, getFrameRescale). False when no frame was built.
+// each frame's own (see getVolumeFrames, getFrameRescale); saveAs puts the plain head string in its
+// place, as for any volume. False when no frame was built.
 KESTREL_EXPORT bool loadSeriesFrames(NDicomVolume& volume, const SeriesFrames& frames, int group,
                                      QStringList* problems = nullptr);
 
