@@ -19,6 +19,8 @@ constexpr double kSpacingTolerance = 0.1;
 constexpr double kSamePosition = 0.01;
 // Unit normals whose dot product is at least this are of one plane (about 0.8°).
 constexpr double kParallel = 0.9999;
+// Pixel spacings of one grid differ by less than this share of their size.
+constexpr double kSameSpacing = 1e-4;
 
 Vec3 unitNormal(const StackImage& image)
 {
@@ -70,7 +72,7 @@ std::vector<StackSlice> gatherPositions(const std::vector<StackImage>& images, c
         const StackImage& image = images[size_t(index)];
         if (slices.empty() || !(distance(slices.back().position, image.position) < kSamePosition))
             slices.push_back({image.position, {}});
-        slices.back().frames.push_back({image.key, image.instanceNumber});
+        slices.back().frames.push_back({image.key, image.instanceNumber, image.acquisition});
     }
     return slices;
 }
@@ -165,6 +167,74 @@ SliceStack buildSliceStack(const std::vector<StackImage>& images)
     stack.startsAtFirstImage = stack.slices.front().position == images.front().position;
     stack.framesPerSlice = commonFrameCount(stack.slices);
     return stack;
+}
+
+std::vector<std::vector<int>> gridGroups(const std::vector<StackImage>& images)
+{
+    auto sameGrid = [](const StackImage& a, const StackImage& b) {
+        auto close = [](double u, double v) { return std::fabs(u - v) <= kSameSpacing * std::max(std::fabs(u), std::fabs(v)); };
+        return dot(normalized(a.row), normalized(b.row)) >= kParallel
+            && dot(normalized(a.column), normalized(b.column)) >= kParallel && a.rows == b.rows
+            && a.columns == b.columns && close(a.pixelSpacing[0], b.pixelSpacing[0])
+            && close(a.pixelSpacing[1], b.pixelSpacing[1]);
+    };
+    std::vector<std::vector<int>> groups;
+    for (size_t i = 0; i < images.size(); ++i) {
+        if (!images[i].oriented)
+            continue;
+        auto group = std::find_if(groups.begin(), groups.end(),
+                                  [&](const std::vector<int>& g) { return sameGrid(images[size_t(g.front())], images[i]); });
+        if (group == groups.end())
+            groups.push_back({int(i)});
+        else
+            group->push_back(int(i));
+    }
+    return groups;
+}
+
+int mostAtOnePosition(const std::vector<StackImage>& images, int* positions)
+{
+    const std::vector<StackSlice> slices = gatherPositions(images, orderAlongNormal(images));
+    size_t most = 0;
+    for (const StackSlice& slice : slices)
+        most = std::max(most, slice.frames.size());
+    if (positions)
+        *positions = int(slices.size());
+    return int(most);
+}
+
+FrameStack buildFrameStack(const std::vector<StackImage>& images)
+{
+    FrameStack result;
+    result.stack = buildSliceStack(images);
+    const std::vector<StackSlice>& slices = result.stack.slices;
+    // Frame of each (acquisition, repeat), made as they are met and sorted at the end.
+    std::vector<StackFrameSeries>& frames = result.frames;
+    for (size_t k = 0; k < slices.size(); ++k) {
+        std::vector<std::pair<int, int>> seen; // (acquisition, images of it so far at this slice)
+        for (const StackFrame& image : slices[k].frames) {
+            auto count = std::find_if(seen.begin(), seen.end(), [&](const auto& s) { return s.first == image.acquisition; });
+            if (count == seen.end())
+                count = seen.insert(seen.end(), {image.acquisition, 0});
+            const int repeat = count->second++;
+            auto frame = std::find_if(frames.begin(), frames.end(), [&](const StackFrameSeries& f) {
+                return f.acquisition == image.acquisition && f.repeat == repeat;
+            });
+            if (frame == frames.end()) {
+                frame = frames.insert(frames.end(), StackFrameSeries{image.acquisition, repeat, {}, {}, 0});
+                frame->keys.assign(slices.size(), kNoImage);
+                frame->instanceNumbers.assign(slices.size(), 0);
+            }
+            frame->keys[k] = image.key;
+            frame->instanceNumbers[k] = image.instanceNumber;
+        }
+    }
+    for (StackFrameSeries& frame : frames)
+        frame.missing = int(std::count(frame.keys.begin(), frame.keys.end(), kNoImage));
+    std::stable_sort(frames.begin(), frames.end(), [](const StackFrameSeries& a, const StackFrameSeries& b) {
+        return a.acquisition != b.acquisition ? a.acquisition < b.acquisition : a.repeat < b.repeat;
+    });
+    return result;
 }
 
 bool stackAxis(const Vec3& first, const Vec3& last, int count, Vec3& axis, double& step)

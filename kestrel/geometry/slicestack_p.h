@@ -9,6 +9,7 @@
 #include "geometry/geometry_p.h"
 #include "platform/testexport_p.h"
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -22,12 +23,16 @@ struct StackImage {
     bool oriented = true; // false: no orientation was read, the image has no main axis
     int instanceNumber = 0;
     std::int64_t key = 0; // the caller's own, handed back with the results
+    int rows = 0, columns = 0;
+    std::array<double, 2> pixelSpacing{}; // between rows, between columns
+    int acquisition = 0; // the caller's rank of what the image shows (echo, time point, ...), for frames
 };
 
 // One image taken at a slice position.
 struct StackFrame {
     std::int64_t key = 0;
     int instanceNumber = 0;
+    int acquisition = 0;
 };
 
 // A slice position and the images taken there, in the order given (several for echoes, time
@@ -82,6 +87,37 @@ KESTREL_TEST_EXPORT bool stackAxis(const Vec3& first, const Vec3& last, int coun
 
 // Axis whose magnitude is strictly the largest, -1 when the largest is shared.
 KESTREL_TEST_EXPORT int strictMainAxis(const Vec3& v);
+
+// --- frames: several images at one slice position --------------------------------------------
+
+// IMAGES (indices, in the order given) that share one grid: oriented, parallel row and column
+// directions, one matrix size and pixel spacing. Groups in the order of their first image; images
+// without orientation are in none.
+KESTREL_TEST_EXPORT std::vector<std::vector<int>> gridGroups(const std::vector<StackImage>& images);
+
+// Most images of IMAGES (one grid) that stand at one position, and the number of positions.
+KESTREL_TEST_EXPORT int mostAtOnePosition(const std::vector<StackImage>& images, int* positions = nullptr);
+
+// A frame: one image per slice of a stack, of one acquisition.
+struct StackFrameSeries {
+    int acquisition = 0;
+    int repeat = 0;                  // 0 for the first image of the acquisition at each position, 1 the second, ...
+    std::vector<std::int64_t> keys;  // per slice; kNoImage where the frame has none
+    std::vector<int> instanceNumbers; // per slice, 0 where none
+    int missing = 0;                 // slices without an image
+};
+constexpr std::int64_t kNoImage = -1;
+
+struct FrameStack {
+    SliceStack stack; // the slices of all the images (frames of one slice in the order given)
+    std::vector<StackFrameSeries> frames; // by acquisition, then repeat
+};
+
+// The frames of IMAGES (one grid, given in instance-number order): the n-th image of an
+// acquisition at a position goes to that acquisition's frame n. Slices, spacing, gaps and dropped
+// images are those of the stack of all the images; a frame lacks the slices where it has no image.
+// Keys must not be kNoImage.
+KESTREL_TEST_EXPORT FrameStack buildFrameStack(const std::vector<StackImage>& images);
 
 // Patient axis (0 = x, 1 = y, 2 = z) each voxel axis i, j, k of ORIENTATION (9 values, i, j, k
 // directions) runs closest to, and the voxel axis running closest to PATIENTAXIS (k before j

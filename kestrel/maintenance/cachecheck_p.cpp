@@ -10,7 +10,8 @@
 #include <QMap>
 
 // Kinds of problem found in the volume cache:
-//   orphan-registration     the key names no series (SeriesBase) and no study (StudyInstanceUID)
+//   orphan-registration     the key names no series (SeriesBase, or its frames' key) and no study
+//                           (StudyInstanceUID)
 //   missing-cache           the registered cache file does not exist
 //   broken-cache            the cache file cannot be loaded: too small, or its head does not
 //                           describe it (a truncated file, say)
@@ -60,6 +61,13 @@ CacheFile readCacheFile(const QString& path)
     if (cache.fault.isEmpty())
         cache.head = volumeHeadText(head);
     return cache;
+}
+
+// The series or study whose volume KEY names: a frames key's series, else KEY itself.
+QString ownerKey(const QString& key)
+{
+    const QString series = volumecache::framesKeySeries(key);
+    return series.isEmpty() ? key : series;
 }
 
 Status readRegistrations(QSqlDatabase db, QVector<Registration>* registrations)
@@ -113,7 +121,8 @@ Status checkVolumeCache(QSqlDatabase db, const CatalogueRows& rows, CheckOutcome
             files.insert(registration.path, readCacheFile(registration.path));
         const CacheFile& file = files[registration.path];
         const QString pk = QString::number(registration.pk);
-        if (!known.contains(registration.key)) {
+        const QString framesOf = volumecache::framesKeySeries(registration.key);
+        if (!known.contains(ownerKey(registration.key))) {
             add(QStringLiteral("orphan-registration"), pk, registration.path,
                 QStringLiteral("no series or study has the key %1").arg(registration.key));
             drop(registration);
@@ -124,7 +133,8 @@ Status checkVolumeCache(QSqlDatabase db, const CatalogueRows& rows, CheckOutcome
             add(QStringLiteral("broken-cache"), pk, registration.path, file.fault);
             drop(registration);
         } else {
-            if (registration.head != file.head) {
+            // The frames' registration names its frames after the head.
+            if (registration.head != file.head && (framesOf.isEmpty() || !registration.head.startsWith(file.head))) {
                 add(QStringLiteral("stale-head"), pk, registration.path,
                     QStringLiteral("the registered head is not the head of the file"));
                 plan.heads.insert(registration.pk, file.head);
@@ -140,7 +150,7 @@ Status checkVolumeCache(QSqlDatabase db, const CatalogueRows& rows, CheckOutcome
     }
     // Volumes that the repair changes are built again.
     for (const Registration* registration : qAsConst(keptByKey)) {
-        if (!stale.contains(registration->key))
+        if (!stale.contains(ownerKey(registration->key)))
             continue;
         plan.heads.remove(registration->pk);
         drop(*registration);

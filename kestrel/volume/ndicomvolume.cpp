@@ -489,17 +489,18 @@ void NDicomVolume::clone(NDicomVolume* src)
 
 // --- the cache ------------------------------------------------------------------------------
 
-void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>& build)
+void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>& build,
+                                 const std::function<bool(const QString&)>& accepts)
 {
     QString head;
     m_curVolumeDataPath = volumecache::registeredFile(key, &head);
     if (!m_curVolumeDataPath.isEmpty()) {
         // A volume cached by an earlier build has the geometry of its rules: built again.
-        if (isCurrentVolumeHeadText(head) && loadVolume(m_curVolumeDataPath) >= 0) {
+        if (isCurrentVolumeHeadText(head) && (!accepts || accepts(head)) && loadVolume(m_curVolumeDataPath) >= 0) {
             emit registrationInfo(1);
             return;
         }
-        qWarning() << "NDicomVolume: cached volume is of an earlier build or does not load, rebuilding:"
+        qWarning() << "NDicomVolume: cached volume is of an earlier build or other frames, or does not load; rebuilding:"
                    << m_curVolumeDataPath;
         volumecache::forget(key);
     }
@@ -531,7 +532,7 @@ bool NDicomVolume::getVolumeFromStudyUID(QList<QSeries*> series)
     return true;
 }
 
-int NDicomVolume::writeCache(const QString& key)
+int NDicomVolume::writeCache(const QString& key, const QString& headText)
 {
     m_curVolumeDataPath.clear();
     if (key.isEmpty() || !isValid())
@@ -547,7 +548,7 @@ int NDicomVolume::writeCache(const QString& key)
         return 0;
     }
     m_curVolumeDataPath = file;
-    const Status registered = volumecache::registerFile(key, file, volumeHeadtoString(m_head));
+    const Status registered = volumecache::registerFile(key, file, headText.isEmpty() ? volumeHeadtoString(m_head) : headText);
     if (!registered)
         qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << registered.text();
     // The answer has always been that of a query positioned on a row, which an INSERT never

@@ -12,6 +12,9 @@
 
 class DcmFileFormat;
 class QSeries;
+namespace kestrel::internal {
+class FrameVolumeBuilder;
+}
 
 // The volume file the cache has registered for KEY (a series' SeriesBase, a study's UID), as
 // NDicomVolume would load it; empty when none is registered. The file itself may be gone.
@@ -83,11 +86,101 @@ private:
     bool storeSlice(DcmFileFormat& file, const QString& path, char* frame, qint64& written, qint64& shift);
     void shiftToCommonMinimum(const QVector<QPair<char*, qint64>>& shifted);
     bool prepareBuffer();
-    void lookupAndLoad(const QString& key, const std::function<void()>& build);
-    int writeCache(const QString& key);
+    // Loads the volume registered under KEY when its head text is of the present rules (and
+    // ACCEPTS it, when given), else forgets it and runs BUILD.
+    void lookupAndLoad(const QString& key, const std::function<void()>& build,
+                       const std::function<bool(const QString&)>& accepts = nullptr);
+    // Writes the cache file of KEY and registers it with HEADTEXT (default: the head's text).
+    int writeCache(const QString& key, const QString& headText = QString());
+
+    // Builds volumes of a series' frames (getVolumeFromSeriesFrames) with the members above.
+    friend class kestrel::internal::FrameVolumeBuilder;
 
     QSeries* m_volumeSeries = nullptr;
     QString m_curVolumeDataPath;
     void* m_reserved[4] = {};
     int m_sourceBits = 0;       // BitsAllocated of the first file
 };
+
+// --- frames: series with several images per slice position ----------------------------------
+//
+// Multi-echo, magnitude and phase, time series and diffusion series hold several images at each
+// slice position. A frame is one image per position: the images of one acquisition (image type,
+// echo, diffusion weighting, time point), and when images still repeat a position, the n-th of
+// each position in instance-number order. Frames on one grid make one 4-D volume, one time frame
+// per frame. The volume built from a series (loadSeries, getVolumeFromSeriesUID) is not changed
+// by any of this.
+
+// One frame of a series.
+struct SeriesFrame {
+    int index = 0;          // place among the frames of its group
+    QString label;          // what tells it from the others: "echo 2 TE 7.65 ms", "time 3", "phase", ...
+    QStringList files;      // its image at each slice of the group, in slice order; empty where it has none
+    QList<int> missing;     // the slices where it has no image
+    bool isComplete() const { return missing.isEmpty(); }
+    int imageCount() const { return files.size() - missing.size(); }
+};
+
+// Frames on one grid: one orientation, matrix and pixel spacing, one set of slice positions.
+struct SeriesFrameGroup {
+    int rows = 0, columns = 0;
+    double pixelSpacing[2] = {};   // between rows, between columns
+    double orientation[6] = {};    // row direction, column direction
+    QVector<double> positions;     // x, y, z of each slice in turn, along the slice normal
+    double spacing = 0;            // most common distance between neighbouring slices
+    QList<QPair<int, double>> gaps; // (slice after the gap, its distance) where that is not the spacing
+    int isOrder = -1;              // 1 when instance numbers run along the slices, as QSeries::getIsOrder
+    QList<SeriesFrame> frames;
+    int sliceCount() const { return int(positions.size() / 3); }
+    QList<int> completeFrames() const
+    {
+        QList<int> complete;
+        for (const SeriesFrame& frame : frames)
+            if (frame.isComplete())
+                complete << frame.index;
+        return complete;
+    }
+};
+
+struct KESTREL_EXPORT SeriesFrames {
+    qint64 seriesPk = 0;
+    QString seriesUid, seriesBase;
+    QList<SeriesFrameGroup> groups; // in the order of their first image
+    QStringList skipped;            // "file: why" for each image in no frame
+    // The group with the most images (the earliest on a tie), -1 without groups.
+    int largestGroup() const;
+    // True when a group has more than one frame.
+    bool severalPerPosition() const;
+};
+
+// The frames of SERIES' images (in its list order, which should be by instance number), read from
+// the files' headers. Empty when SERIES is null.
+KESTREL_EXPORT SeriesFrames getSeriesFrames(QSeries* series);
+
+// Builds VOLUME from the complete frames of group GROUP of FRAMES, time frame t holding the t-th
+// complete frame, every frame on the grid of the first. Each incomplete frame, and each frame that
+// cannot be read or kept exact, is left out with a line in PROBLEMS. The head string
+// (getStrVolumeHead) then names the frames built and, where the frames need different rescales,
+// each frame's own (see getVolumeFrames, getFrameRescale); saveAs puts the plain head string in its
+// place, as for any volume. False when no frame was built.
+KESTREL_EXPORT bool loadSeriesFrames(NDicomVolume& volume, const SeriesFrames& frames, int group,
+                                     QStringList* problems = nullptr);
+
+// The same through the volume cache, under the key SeriesBase + "#frames" + GROUP: the registered
+// volume when it holds the frames that are complete now, built and registered otherwise.
+KESTREL_EXPORT bool getVolumeFromSeriesFrames(NDicomVolume& volume, const SeriesFrames& frames, int group,
+                                              QStringList* problems = nullptr);
+
+// The frames of its group a volume of loadSeriesFrames holds, by time index; empty for other volumes.
+KESTREL_EXPORT QList<int> getVolumeFrames(NVolume& volume);
+
+// Real value = voxel (unsigned 16-bit) * SLOPE + INTERCEPT for time frame FRAME of VOLUME: the
+// head's rescale unless the head string gives the frame its own. False when FRAME is out of range.
+KESTREL_EXPORT bool getFrameRescale(NVolume& volume, int frame, double& slope, double& intercept);
+
+// Writes VOLUME (all its time frames) as NIfTI-1 to FILE (".nii", or ".nii.gz" compressed):
+// scanner coordinates (RAS) in qform and sform, voxel sizes, the real values through
+// scl_slope/scl_inter (as 32-bit floats where the frames' rescales differ). LABELS, when given,
+// name the time frames in FILE's JSON side file (the name without ".nii"/".nii.gz", plus ".json").
+KESTREL_EXPORT bool saveVolumeAsNifti(NDicomVolume& volume, const QString& file, const QStringList& labels = {},
+                                      QString* error = nullptr);

@@ -28,6 +28,21 @@ QString fileFor(const QString& folder, const QString& key)
     return folder + "/" + name + ".data";
 }
 
+QString framesKey(const QString& seriesKey, int group)
+{
+    return seriesKey + QStringLiteral("#frames") + QString::number(group);
+}
+
+QString framesKeySeries(const QString& key)
+{
+    const int at = key.lastIndexOf(QStringLiteral("#frames"));
+    if (at <= 0)
+        return QString();
+    bool number = false;
+    key.mid(at + 7).toInt(&number);
+    return number ? key.left(at) : QString();
+}
+
 QString registeredFile(const QString& key, QString* head)
 {
     QString file;

@@ -17,6 +17,13 @@ KESTREL_TEST_EXPORT QString folder();
 // FOLDER/KEY.data, the key's path separators replaced by "_" (no separators from the data).
 KESTREL_TEST_EXPORT QString fileFor(const QString& folder, const QString& key);
 
+// The key of the volume of the frames of group GROUP of the series SERIESKEY (its SeriesBase):
+// SERIESKEY#framesGROUP. Its registration's head text carries the frames after the head.
+KESTREL_TEST_EXPORT QString framesKey(const QString& seriesKey, int group);
+
+// The series key that frames key KEY belongs to; empty when KEY is not a frames key.
+KESTREL_TEST_EXPORT QString framesKeySeries(const QString& key);
+
 // Savepath of KEY's last registration row; empty without one (or when the read fails). HEAD, when
 // given, gets the row's head text.
 KESTREL_TEST_EXPORT QString registeredFile(const QString& key, QString* head = nullptr);

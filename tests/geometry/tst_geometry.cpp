@@ -126,6 +126,9 @@ private slots:
     void stacks();
     void mixedAxes();
     void axes();
+    void frames_data();
+    void frames();
+    void grids();
 };
 
 void TestGeometry::stacks_data()
@@ -227,6 +230,91 @@ void TestGeometry::axes()
     QCOMPARE(QList<int>({strictMainAxis({0.2, 0.9, 0.1}), strictMainAxis({-0.2, 0.1, -0.95}),
                          strictMainAxis({1, -1, 0.5})}),
              QList<int>({1, 2, -1}));
+}
+
+// Images as "z/acquisition" in instance-number order (instance numbers 1, 2, ...); frames as
+// "acquisition/repeat:" and the instance number at each slice ("-" where none), frame after frame.
+void TestGeometry::frames_data()
+{
+    QTest::addColumn<QString>("images");
+    QTest::addColumn<QString>("frames");
+    QTest::addColumn<QString>("missing");
+    QTest::newRow("two acquisitions") << "0/0 5/0 10/0 0/1 5/1 10/1" << "0/0:1,2,3 1/0:4,5,6" << "0,0";
+    QTest::newRow("repeats in instance order") << "0/0 5/0 10/0 0/0 5/0 10/0" << "0/0:1,2,3 0/1:4,5,6" << "0,0";
+    QTest::newRow("interleaved time points") << "0/0 0/1 5/0 5/1 10/0 10/1" << "0/0:1,3,5 1/0:2,4,6" << "0,0";
+    QTest::newRow("acquisition ranks, not first appearance") << "0/1 5/1 10/1 0/0 5/0 10/0" << "0/0:4,5,6 1/0:1,2,3" << "0,0";
+    QTest::newRow("one image missing") << "0/0 5/0 10/0 0/1 10/1" << "0/0:1,2,3 1/0:4,-,5" << "0,1";
+    QTest::newRow("numbered against the normal") << "10/0 5/0 0/0 10/1 5/1 0/1" << "0/0:3,2,1 1/0:6,5,4" << "0,0";
+    QTest::newRow("one position repeated") << "0/0 5/0 10/0 5/0" << "0/0:1,2,3 0/1:-,4,-" << "0,2";
+    QTest::newRow("off the spacing: in no frame") << "0/0 5/0 10/0 13/0 18/0" << "0/0:1,2,3,5" << "0";
+    QTest::newRow("one position only") << "0/0 0/1" << "" << "";
+}
+
+void TestGeometry::frames()
+{
+    QFETCH(QString, images);
+    QFETCH(QString, frames);
+    QFETCH(QString, missing);
+    std::vector<StackImage> given;
+    for (const QString& image : images.split(' ')) {
+        StackImage i{{0, 0, image.section('/', 0, 0).toDouble()}, x, y, true, int(given.size()) + 1, 100 + qint64(given.size())};
+        i.acquisition = image.section('/', 1, 1).toInt();
+        given.push_back(i);
+    }
+    const FrameStack stack = buildFrameStack(given);
+    QStringList found, lacking;
+    for (const StackFrameSeries& frame : stack.frames) {
+        QStringList slices;
+        for (size_t k = 0; k < frame.keys.size(); ++k) {
+            const bool none = frame.keys[k] == kNoImage;
+            QCOMPARE(none, frame.instanceNumbers[k] == 0);
+            QVERIFY(none || frame.keys[k] == 99 + frame.instanceNumbers[k]);
+            slices << (none ? "-" : QString::number(frame.instanceNumbers[k]));
+        }
+        found << QString("%1/%2:%3").arg(frame.acquisition).arg(frame.repeat).arg(slices.join(','));
+        lacking << QString::number(frame.missing);
+    }
+    QCOMPARE(found.join(' '), frames);
+    QCOMPARE(lacking.join(','), missing);
+    // Images at the slice positions, along the normal: the frames share the stack's slices.
+    for (const StackFrameSeries& frame : stack.frames)
+        QCOMPARE(frame.keys.size(), stack.stack.slices.size());
+}
+
+void TestGeometry::grids()
+{
+    // Images of one grid share row and column directions (within 0.8°), matrix and pixel spacing;
+    // images without orientation are in none.
+    auto image = [](Vec3 row, Vec3 column, int rows, double spacing) {
+        StackImage i{{0, 0, 0}, row, column, true, 1, 0};
+        i.rows = rows;
+        i.columns = 64;
+        i.pixelSpacing = {spacing, spacing};
+        return i;
+    };
+    const double tiny = std::sin(0.5 * M_PI / 180); // 0.5°: still one plane
+    std::vector<StackImage> images = {
+        image(x, y, 64, 1),
+        image(x, negZ, 64, 1),                    // coronal
+        image(normalized({1, tiny, 0}), y, 64, 1), // a hair off the first: same grid
+        image(x, y, 32, 1),                       // another matrix
+        image(x, y, 64, 1.00001),                 // spacing within 1e-4
+        image(x, y, 64, 1.1),                     // another spacing
+        image(y, x, 64, 1),                       // rows and columns swapped
+    };
+    images.push_back(image(x, y, 64, 1));
+    images.back().oriented = false;
+    QStringList groups;
+    for (const std::vector<int>& group : gridGroups(images)) {
+        QStringList members;
+        for (int i : group)
+            members << QString::number(i);
+        groups << members.join(',');
+    }
+    QCOMPARE(groups.join(' '), QString("0,2,4 1 3 5 6"));
+    int positions = 0;
+    QCOMPARE(mostAtOnePosition(images, &positions), 8);
+    QCOMPARE(positions, 1);
 }
 
 QTEST_GUILESS_MAIN(TestGeometry)

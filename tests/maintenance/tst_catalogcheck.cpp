@@ -213,6 +213,8 @@ private slots:
     void damages();
     void host_data() { TestCatalog::addBackendRows(); }
     void host();
+    void framesVolume_data() { TestCatalog::addBackendRows(); }
+    void framesVolume();
     void unreadableCatalogue();
 };
 
@@ -336,6 +338,33 @@ void TestCatalogCheck::host()
     QCOMPARE(check({}, &lines), 0);
     QCOMPARE(lines, QStringList{"clean: 12 images and 0 cache registrations checked"});
     QCOMPARE(check({"extra"}, &lines), 2);
+}
+
+// The volume of a series' frames, cached under its own key with its frames in the registered
+// head, is a clean registration of that series, and goes when the series' images change.
+void TestCatalogCheck::framesVolume()
+{
+    QFETCH(QString, backend);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
+    QVERIFY(build(catalog));
+    QSeries series(getSeriesKey(m_seriesA));
+    series.searchSeriesInfo();
+    series.searchInstance();
+    NDicomVolume volume;
+    QVERIFY(getVolumeFromSeriesFrames(volume, getSeriesFrames(&series), 0));
+    QCOMPARE(TestCatalog::count("registration"), 2);
+    QStringList report;
+    QCOMPARE(checkCatalog(false, &report), 0);
+    QCOMPARE(report, QStringList{"clean: 13 images and 2 cache registrations checked"});
+
+    QVERIFY(plant("file deleted", catalog));
+    report.clear();
+    QCOMPARE(checkCatalog(true, &report), 1);
+    QCOMPARE(kinds(report), QStringList{"missing-file"});
+    QCOMPARE(TestCatalog::count("registration"), 0);
+    QCOMPARE(QDir(catalog.path("cache")).entryList(QDir::Files).size(), 0);
+    QCOMPARE(checkCatalog(false), 0);
 }
 
 // A catalogue without tables cannot be checked: -1 and the driver's text.

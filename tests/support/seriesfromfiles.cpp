@@ -8,7 +8,9 @@
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 
+#include <QDir>
 #include <QFile>
+#include <QMultiMap>
 
 using namespace kestrel::internal;
 
@@ -35,3 +37,16 @@ QSeries* seriesFromFiles(const QStringList& files, qint64 pk, QObject* parent)
     }
     return series;
 }
+
+QStringList seriesFiles(const QString& folder, const QString& pattern)
+{
+    QMultiMap<int, QString> byNumber;
+    for (const QString& name : QDir(folder).entryList({pattern}, QDir::Files, QDir::Name)) {
+        DcmFileFormat file;
+        const QString full = QDir(folder).filePath(name);
+        if (file.loadFile(QFile::encodeName(full).constData()).good())
+            byNumber.insert(dcmInt(file.getDataset(), DCM_InstanceNumber), full);
+    }
+    return byNumber.values();
+}
+

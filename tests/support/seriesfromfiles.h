@@ -9,3 +9,6 @@ class QSeries;
 // would give it: geometry and instance numbers read from the files,
 // series key PK, SeriesBase "<SeriesInstanceUID>#0". Owned by PARENT (or the caller).
 QSeries* seriesFromFiles(const QStringList& files, qint64 pk, QObject* parent = nullptr);
+
+// The files of FOLDER matching PATTERN in the catalogue's order, by instance number.
+QStringList seriesFiles(const QString& folder, const QString& pattern = "*");

@@ -17,6 +17,7 @@ The exit status is 2 when a plane cannot be read or sits on no volume.
 """
 
 import glob
+import gzip
 import os
 import struct
 import sys
@@ -29,8 +30,8 @@ NIFTI_TYPES = {2: np.uint8, 4: np.int16, 8: np.int32, 16: np.float32, 64: np.flo
 
 
 def read_nifti(path):
-    """(affine 4x4 RAS, real values [i, j, k, t]) of a NIfTI-1 file."""
-    with open(path, 'rb') as f:
+    """(affine 4x4 RAS, real values [i, j, k, t]) of a NIfTI-1 file (.nii or .nii.gz)."""
+    with (gzip.open if path.endswith('.gz') else open)(path, 'rb') as f:
         raw = f.read()
     endian = '<' if struct.unpack('<i', raw[0:4])[0] == 348 else '>'
     dims = struct.unpack(endian + '8h', raw[40:56])

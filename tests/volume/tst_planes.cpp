@@ -3,6 +3,7 @@
 // the place and with the real value the DICOM rules give them. Real series where the shared data
 // has them, synthetic oblique ones (non-square pixels, signed values, odd numbering) otherwise.
 #include "dicom/dcmvalues_p.h"
+#include "fileimage.h"
 #include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
@@ -29,63 +30,6 @@
 using namespace kestrel::internal;
 
 namespace {
-
-using Point = std::array<double, 3>;
-
-// One file as the DICOM rules read it: pixel (column c, row r) lies at IPP + c * PS[1] * row +
-// r * PS[0] * column and holds stored * slope + intercept, the stored value taken from Bits
-// Stored below High Bit and signed when Pixel Representation is 1.
-struct FileImage {
-    Point position{}, row{}, column{};
-    double betweenRows = 0, betweenColumns = 0;
-    int rows = 0, columns = 0;
-    QVector<double> real;
-
-    Point at(int c, int r) const
-    {
-        Point p;
-        for (int a = 0; a < 3; ++a)
-            p[a] = position[a] + c * betweenColumns * row[a] + r * betweenRows * column[a];
-        return p;
-    }
-};
-
-bool readFileImage(const QString& path, FileImage& out)
-{
-    DcmFileFormat file;
-    if (file.loadFile(QFile::encodeName(path).constData()).bad())
-        return false;
-    DcmDataset* ds = file.getDataset();
-    const QVector<double> ipp = dcmDoubles(ds, DCM_ImagePositionPatient), iop = dcmDoubles(ds, DCM_ImageOrientationPatient),
-                          ps = dcmDoubles(ds, DCM_PixelSpacing);
-    if (ipp.size() < 3 || iop.size() < 6 || ps.size() < 2)
-        return false;
-    for (int a = 0; a < 3; ++a) {
-        out.position[a] = ipp[a];
-        out.row[a] = iop[a];
-        out.column[a] = iop[3 + a];
-    }
-    out.betweenRows = ps[0];
-    out.betweenColumns = ps[1];
-    out.rows = dcmInt(ds, DCM_Rows);
-    out.columns = dcmInt(ds, DCM_Columns);
-    const int stored = dcmInt(ds, DCM_BitsStored, 16), high = dcmInt(ds, DCM_HighBit, stored - 1);
-    const bool isSigned = dcmInt(ds, DCM_PixelRepresentation) == 1;
-    const double slope = dcmDouble(ds, DCM_RescaleSlope, 1.0), intercept = dcmDouble(ds, DCM_RescaleIntercept, 0.0);
-    const Uint16* words = nullptr;
-    unsigned long count = 0;
-    if (dcmInt(ds, DCM_BitsAllocated) != 16 || ds->findAndGetUint16Array(DCM_PixelData, words, &count).bad()
-        || count < static_cast<unsigned long>(out.rows * out.columns))
-        return false;
-    out.real.resize(out.rows * out.columns);
-    for (int n = 0; n < out.real.size(); ++n) {
-        qint64 v = (words[n] >> (high + 1 - stored)) & ((1 << stored) - 1);
-        if (isSigned && (v >> (stored - 1)) & 1)
-            v -= qint64(1) << stored;
-        out.real[n] = double(v) * slope + intercept;
-    }
-    return true;
-}
 
 double realValue(NDicomVolume& v, int i, int j, int k)
 {
@@ -253,19 +197,6 @@ void checkExports(NDicomVolume& v, const QString& templateFile)
     const QStringList files = exportPlanes(v, templateFile, dir.path(), false);
     QCOMPARE(files.size(), 9);
     checkExportedFiles(v, files);
-}
-
-// The files of FOLDER matching PATTERN in the catalogue's order, by instance number.
-QStringList seriesFiles(const QString& folder, const QString& pattern = "*")
-{
-    QMultiMap<int, QString> byNumber;
-    for (const QString& name : QDir(folder).entryList({pattern}, QDir::Files, QDir::Name)) {
-        DcmFileFormat file;
-        const QString full = QDir(folder).filePath(name);
-        if (file.loadFile(QFile::encodeName(full).constData()).good())
-            byNumber.insert(dcmInt(file.getDataset(), DCM_InstanceNumber), full);
-    }
-    return byNumber.values();
 }
 
 // The last line of compare_dcm2niix.py over FILES against dcm2niix's conversion of FOLDER, or a
