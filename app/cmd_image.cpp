@@ -37,7 +37,7 @@ int runImage(const QStringList& args)
 
     NDicomImage image;
     if (!image.readReferenceFileInfo(positional.first(), true))
-        return app::fail("image", QString("cannot read a 16-bit grey image from %1").arg(positional.first()));
+        return app::fail("image", hostkit::whyNoGreyImage(positional.first()));
     double width = image.getWindowWidth();
     double centre = image.getWindowCenter();
     if (parser.isSet("window")) {

@@ -1,4 +1,5 @@
 #include "command.h"
+#include "picture.h"
 
 #include "ndicomimage.h"
 
@@ -33,7 +34,7 @@ int runRoi(const QStringList& args)
     }
     NDicomImage image;
     if (!image.readReferenceFileInfo(p[0], true))
-        return app::fail("roi", QString("cannot read a 16-bit grey image from %1").arg(p[0]));
+        return app::fail("roi", hostkit::whyNoGreyImage(p[0]));
     markShowValue value;
     const QString shape = p[1];
     const char* unit = "pixels";

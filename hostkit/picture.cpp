@@ -4,6 +4,12 @@
 #include <qdcmfile.h>
 #include <viewfourcornerinfoconfig.h>
 
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmdata/dcxfer.h>
+
+#include <QFile>
 #include <QFont>
 #include <QPainter>
 #include <QRect>
@@ -136,3 +142,28 @@ void drawCornerOverlay(QPainter& painter, const QRect& area, const QString& moda
 }
 
 } // namespace hostkit
+
+QString hostkit::whyNoGreyImage(const QString& file)
+{
+    DcmFileFormat dicom;
+    const OFCondition loaded = dicom.loadFile(QFile::encodeName(file).constData());
+    if (loaded.bad())
+        return QStringLiteral("%1 is not a readable DICOM file (%2)").arg(file, QString::fromLatin1(loaded.text()));
+    DcmDataset* data = dicom.getDataset();
+    QStringList reasons;
+    if (!data->tagExists(DCM_PixelData))
+        reasons << QStringLiteral("no pixel data");
+    const QString bits = getDcmAttributeText(data, QStringLiteral("BitsAllocated"));
+    if (!bits.isEmpty() && bits != QLatin1String("16"))
+        reasons << QStringLiteral("%1 bits allocated").arg(bits);
+    const QString samples = getDcmAttributeText(data, QStringLiteral("SamplesPerPixel"));
+    if (!samples.isEmpty() && samples != QLatin1String("1"))
+        reasons << QStringLiteral("%1 samples per pixel (colour)").arg(samples);
+    const QString frames = getDcmAttributeText(data, QStringLiteral("NumberOfFrames"));
+    if (!frames.isEmpty() && frames.toInt() > 1)
+        reasons << QStringLiteral("%1 frames").arg(frames);
+    const QString syntax = QString::fromLatin1(DcmXfer(dicom.getDataset()->getOriginalXfer()).getXferName());
+    if (reasons.isEmpty())
+        reasons << QStringLiteral("its pixels cannot be decoded (%1)").arg(syntax);
+    return QStringLiteral("%1 holds no 16-bit grey image: %2").arg(file, reasons.join(QStringLiteral(", ")));
+}

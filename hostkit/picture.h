@@ -33,4 +33,8 @@ QStringList cornerLines(const QString& modality, const QString& corner, DcmItem*
 // Draws the four corners' overlay of MODALITY into AREA.
 void drawCornerOverlay(QPainter& painter, const QRect& area, const QString& modality, DcmItem* dataset);
 
+// Why FILE gives no 16-bit grey image ("no pixel data", "8 bits allocated", "3 samples per pixel
+// (colour)", "12 frames", "not a DICOM file"), for messages to people; the whole reason in one line.
+QString whyNoGreyImage(const QString& file);
+
 } // namespace hostkit
