@@ -316,7 +316,8 @@ CREATE TABLE IF NOT EXISTS registration (
   ServerAddress TEXT,
   Savepath TEXT,
   VolumeHead TEXT,
-  SeriesBase TEXT
+  SeriesBase TEXT,
+  VoxelChecksum TEXT
 );#
 CREATE UNIQUE INDEX IF NOT EXISTS uq_registration_SeriesInstanceUID ON registration (SeriesInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_registration_SeriesBase ON registration (SeriesBase);#

@@ -332,7 +332,8 @@ CREATE TABLE IF NOT EXISTS `registration` (
   `ServerAddress` LONGTEXT,
   `Savepath` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `VolumeHead` LONGTEXT,
-  `SeriesBase` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
+  `SeriesBase` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `VoxelChecksum` LONGTEXT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE UNIQUE INDEX `uq_registration_SeriesInstanceUID` ON `registration` (`SeriesInstanceUID`(255));
 CREATE INDEX `idx_registration_SeriesBase` ON `registration` (`SeriesBase`(64));

@@ -80,7 +80,7 @@ const TableColumns kTables[] = {
         {QStringLiteral("images"),
          "seriesUID InstanceUID DBflag Cloudflag filepath"},
         {QStringLiteral("registration"),
-         "SeriesInstanceUID ServerAddress Savepath VolumeHead SeriesBase"},
+         "SeriesInstanceUID ServerAddress Savepath VolumeHead SeriesBase VoxelChecksum"},
 };
 
 const QHash<QString, QStringList>& columnMap()

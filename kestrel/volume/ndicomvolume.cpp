@@ -492,13 +492,20 @@ void NDicomVolume::clone(NDicomVolume* src)
 void NDicomVolume::lookupAndLoad(const QString& key, const std::function<void()>& build,
                                  const std::function<bool(const QString&)>& accepts)
 {
-    QString head;
-    m_curVolumeDataPath = volumecache::registeredFile(key, &head);
+    QString head, checksum;
+    m_curVolumeDataPath = volumecache::registeredFile(key, &head, &checksum);
     if (!m_curVolumeDataPath.isEmpty()) {
         // A volume cached by an earlier build has the geometry of its rules: built again.
         if (isCurrentVolumeHeadText(head) && (!accepts || accepts(head)) && loadVolume(m_curVolumeDataPath) >= 0) {
-            emit registrationInfo(1);
-            return;
+            // A file damaged after it was written is rebuilt, never shown.
+            const QString fault = volumecache::cachedHeadFault(m_head, headerOffset());
+            const char* voxels = m_buffer ? m_buffer + headerOffset() : nullptr;
+            if (fault.isEmpty() &&
+                (checksum.isEmpty() || checksum == volumecache::voxelChecksum(voxels, m_head.totallen - headerOffset()))) {
+                emit registrationInfo(1);
+                return;
+            }
+            qWarning() << "NDicomVolume: cached volume is damaged:" << (fault.isEmpty() ? QStringLiteral("its voxels changed") : fault);
         }
         qWarning() << "NDicomVolume: cached volume is of an earlier build or other frames, or does not load; rebuilding:"
                    << m_curVolumeDataPath;
@@ -548,7 +555,9 @@ int NDicomVolume::writeCache(const QString& key, const QString& headText)
         return 0;
     }
     m_curVolumeDataPath = file;
-    const Status registered = volumecache::registerFile(key, file, headText.isEmpty() ? volumeHeadtoString(m_head) : headText);
+    const Status registered =
+        volumecache::registerFile(key, file, headText.isEmpty() ? volumeHeadtoString(m_head) : headText,
+                                  volumecache::voxelChecksum(m_buffer + headerOffset(), m_head.totallen - headerOffset()));
     if (!registered)
         qWarning() << "NDicomVolume::saveVolumeToDefaultPath:" << registered.text();
     // The answer has always been that of a query positioned on a row, which an INSERT never

@@ -822,12 +822,25 @@ void TestVolume::cacheCycle()
     const QString key = series->getSeriesBase();
     const QString file = catalog.path("cache") + "/" + key + ".data";
     QByteArray built; // head and voxels of the first build
+    // Rewrites the cache file's bytes at OFFSET.
+    auto damage = [&](qint64 offset, const QByteArray& bytes) {
+        QFile f(file);
+        QVERIFY(f.open(QIODevice::ReadWrite) && f.seek(offset) && f.write(bytes) == bytes.size());
+    };
     // Built and registered (info 0); loaded from the cache (info 1); its file gone: unregistered,
     // rebuilt and registered again (info 0); registered by an earlier build (a head without the
-    // format item): rebuilt, not read (info 0). One registration row and the same volume every time.
-    for (int round = 0; round < 4; ++round) {
+    // format item): rebuilt, not read (info 0); voxels flipped in the file, or a head whose row
+    // stride no longer follows from its sizes: rebuilt, never shown (info 0). One registration row
+    // and the same volume every time.
+    for (int round = 0; round < 6; ++round) {
         if (round == 2)
             QVERIFY(QFile::remove(file));
+        if (round == 4)
+            damage(512 + 1000, QByteArray(8, '\x7f'));
+        if (round == 5) {
+            qint32 stride = 128 * 2 + 2;
+            damage(offsetof(VolumeHead, volumestep) + 4, QByteArray(reinterpret_cast<const char*>(&stride), 4));
+        }
         if (round == 3) {
             const QString older = TestCatalog::value("SELECT VolumeHead FROM registration").remove("format:2;");
             TestCatalog::values("UPDATE registration SET VolumeHead = ?", {older});
@@ -838,6 +851,7 @@ void TestVolume::cacheCycle()
         QVERIFY(v.getVolumeFromSeriesUID(series.get()));
         QCOMPARE(info.size() == 1 ? info[0][0].toInt() : -1, round == 1 ? 1 : 0);
         QCOMPARE(v.getCurVolumeDataPath(), file);
+        QCOMPARE(TestCatalog::value("SELECT VoxelChecksum FROM registration").size(), 8);
         QVERIFY(QFile::exists(file));
         QCOMPARE(TestCatalog::values("SELECT SeriesInstanceUID, VolumeHead, ServerAddress FROM registration"),
                  QStringList({key, v.volumeHeadtoString(*v.getHead()), ""}));
