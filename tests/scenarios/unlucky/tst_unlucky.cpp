@@ -137,6 +137,30 @@ private slots:
         QVERIFY2(volume.exitCode == 0 && QFileInfo::exists(catalog.path("elsewhere/planes/axial.png")), qPrintable(volume.err));
     }
 
+    // A series with files missing in the middle and one that no longer reads: the volume is built
+    // and the host says where slices are missing and which file was left out.
+    void volumeWithMissingFiles()
+    {
+        TestCatalog catalog("sqlite");
+        QVERIFY(catalog.open());
+        SyntheticImage image;
+        image.rows = image.columns = 16;
+        const QStringList files = writeSyntheticSeries(catalog.path("series"), image, 10);
+        QCOMPARE(kestrel({"--config", catalog.configDir(), "import", catalog.path("series")}).exitCode, 0);
+        QVERIFY(QFile::remove(files[4]) && QFile::remove(files[5]));
+        QFile broken(files[8]);
+        QVERIFY(broken.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        broken.write("gone bad");
+        broken.close();
+        const QString series = TestCatalog::value("SELECT pk FROM generalseries");
+        const Run run = kestrel({"--config", catalog.configDir(), "volume", "--series", series, "--out", catalog.path("planes")},
+                                catalog.path("."));
+        QVERIFY2(run.exitCode == 0, qPrintable(run.err));
+        QVERIFY2(run.out.contains("gap: slice 4 lies ") && run.out.contains("left out: " + files[4] + ": cannot be read") &&
+                     run.out.contains("left out: " + files[8] + ": cannot be read"),
+                 qPrintable(run.out));
+    }
+
     // A catalogue server that takes the connection and never answers: the host gives up within
     // seconds and says why, in one line.
     void silentServer()
