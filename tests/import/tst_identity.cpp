@@ -2,6 +2,7 @@
 // differ only in case or accent, names beyond the Basic Multilingual Plane, every form of a DICOM
 // time, folders reached through links, and tables identical byte for byte whatever the number of
 // reading threads, the run or the backend.
+#include "fileimage.h"
 #include "ndicomvolume.h"
 #include "qdcmfiles.h"
 #include "qinstance.h"
@@ -104,15 +105,6 @@ QByteArray volumeOf(const QString& description)
     hash.addData(volume.volumeHeadtoString(*volume.getHead()).toUtf8());
     hash.addData(volume.getData(), qint64(size[0]) * size[1] * size[2] * 2);
     return hash.result().toHex();
-}
-
-QString sopInstanceUid(const QString& path)
-{
-    DcmFileFormat file;
-    OFString uid;
-    if (file.loadFile(QFile::encodeName(path).constData()).good())
-        file.getDataset()->findAndGetOFString(DCM_SOPInstanceUID, uid);
-    return QString::fromLatin1(uid.c_str());
 }
 
 } // namespace
@@ -253,7 +245,7 @@ private slots:
         split.position = {0, 0, 4};
         const QStringList second = writeSyntheticSeries(in + "/export2", split, 4);
         SyntheticImage twin = split;
-        twin.sopUid = sopInstanceUid(second[0]);
+        twin.sopUid = fileText(second[0], DCM_SOPInstanceUID);
         twin.pixel = [](int x, int, int) { return x; };
         QVERIFY(writeSyntheticImage(in + "/twin/slice_000.dcm", twin));
 

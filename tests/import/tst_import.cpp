@@ -1,3 +1,4 @@
+#include "fileimage.h"
 #include "qdcmfiles.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
@@ -48,15 +49,6 @@ int linkedImages(const QString& table)
 }
 
 } // namespace
-
-QString sopInstanceUid(const QString& path)
-{
-    DcmFileFormat file;
-    OFString uid;
-    if (file.loadFile(QFile::encodeName(path).constData()).good())
-        file.getDataset()->findAndGetOFString(DCM_SOPInstanceUID, uid);
-    return QString::fromLatin1(uid.c_str());
-}
 
 QByteArray readBytes(const QString& path)
 {
@@ -230,7 +222,7 @@ private slots:
         const QString stored = TestCatalog::value("SELECT FilePath FROM imageformat WHERE InstanceNumber = 1");
         const QByteArray before = readBytes(stored);
         SyntheticImage impostor = image;
-        impostor.sopUid = sopInstanceUid(first[0]);
+        impostor.sopUid = fileText(first[0], DCM_SOPInstanceUID);
         impostor.pixel = [](int, int, int) { return 7; };
         QVERIFY(writeSyntheticImage(catalog.path("impostor/x.dcm"), impostor));
         QDcmFiles again;
@@ -257,7 +249,7 @@ private slots:
         // Stored copies are named after their SOP Instance UID.
         QStringList copies;
         for (const QString& source : sources)
-            copies << seriesDir + "/" + sopInstanceUid(source) + ".dcm";
+            copies << seriesDir + "/" + fileText(source, DCM_SOPInstanceUID) + ".dcm";
         // The third file's destination is blocked by a folder that cannot be replaced.
         QDir().mkpath(copies[2] + "/keep");
 

@@ -47,3 +47,13 @@ bool readFileImage(const QString& path, FileImage& out)
     return true;
 }
 
+
+QString fileText(const QString& file, const DcmTagKey& tag)
+{
+    DcmFileFormat ff;
+    if (ff.loadFile(QFile::encodeName(file).constData()).bad())
+        return QStringLiteral("<unreadable>");
+    OFString value;
+    ff.getDataset()->findAndGetOFStringArray(tag, value);
+    return QString::fromLatin1(value.c_str());
+}

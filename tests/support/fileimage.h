@@ -1,5 +1,8 @@
 #pragma once
 
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dctagkey.h>
+
 #include <QString>
 #include <QVector>
 
@@ -26,3 +29,7 @@ struct FileImage {
 };
 
 bool readFileImage(const QString& path, FileImage& out);
+
+// The whole value of TAG in FILE as the file has it (Latin-1), "<unreadable>" when FILE does not
+// read.
+QString fileText(const QString& file, const DcmTagKey& tag);
