@@ -5,11 +5,14 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariant>
 
 #include <memory>
 
 class DcmFileFormat;
+class DcmTagKey;
 class QSettings;
+class QSqlRecord;
 
 // Writes anonymized copies of DICOM files and restores the originals from the catalogue alone.
 //
@@ -118,7 +121,9 @@ private:
     bool fail(const QString& reason);
     // Saves the loaded dataset to a temporary name beside DESTINATION, then renames it over.
     bool saveTo(const QString& destination);
-    void applyEmptyingTable();
+    bool restoreColumns(const QSqlRecord& row, const QString& source);
+    bool addMappingRow(const QString& table, const DcmTagKey& tag, const char* root, qint64 parentPk, const QVariantList& values,
+                       QString* pseudonym);
     // Reads one text value of the first row of SQL with VALUE bound, empty when none.
     QString readText(const QString& sql, const QVariant& value);
     qint64 readKey(const QString& sql, const QVariant& value);
