@@ -140,7 +140,7 @@ Status MappingPlan::writeLevel(const QString& table, const QString& column, cons
     if (read.next()) {
         *pk = read.get<qint64>(0);
         if (read.get<QString>(1) != pseudonym)
-            return Status(Status::Conflict, QStringLiteral("%1 %2 was given another pseudonym meanwhile").arg(column, original));
+            return Status(Status::Conflict, QStringLiteral("%1 %2 has another pseudonym in the catalogue").arg(column, original));
         return Status::ok();
     }
     read.finish();
@@ -167,7 +167,7 @@ Status MappingPlan::writeImage(const QString& sopUid, qint64 seriesPk, const QVa
     // Anonymized before: the record keeps what either run changed, so both copies restore.
     const qint64 pk = read.get<qint64>(0);
     if (read.get<QString>(1) != pseudonym)
-        return Status(Status::Conflict, QStringLiteral("SOPInstanceUID %1 was given another pseudonym meanwhile").arg(sopUid));
+        return Status(Status::Conflict, QStringLiteral("SOPInstanceUID %1 has another pseudonym in the catalogue").arg(sopUid));
     DeidentRecord earlier;
     const bool readable = read.value(2).isNull() || earlier.read(read.get<QString>(2), read.get<QString>(3));
     const QString digest = read.get<QString>(4);
