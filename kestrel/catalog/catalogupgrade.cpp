@@ -66,11 +66,12 @@ Status addMissingColumns(QSqlDatabase db, QStringList* report)
     return Status::ok();
 }
 
-// Tables of the schema lists that an older catalogue lacks: made with a key and text columns.
-// The UID mapping starts with the study, series and instance pseudonyms handed out before it.
+// Tables added after catalogues were first made, created (with a key and text columns) where they
+// are missing; other missing tables are left missing. The UID mapping starts with the study, series
+// and instance pseudonyms handed out before it.
 Status addMissingTables(QSqlDatabase db, QStringList* report)
 {
-    for (const QString& table : schema::tables()) {
+    for (const QString& table : QStringList{QStringLiteral("anonymousuid")}) {
         if (!db.record(table).isEmpty())
             continue;
         QStringList columns;
@@ -82,8 +83,6 @@ Status addMissingTables(QSqlDatabase db, QStringList* report)
             return made.context(QStringLiteral("adding the table %1: ").arg(table));
         if (report)
             *report << QStringLiteral("added the table %1").arg(table);
-        if (table != QLatin1String("anonymousuid"))
-            continue;
         for (const char* level : {"SELECT StudyInstanceUID, AnonymousStudyInstanceUID FROM anonymousstudy",
                                   "SELECT SeriesInstanceUID, AnonymousSeriesInstanceUID FROM anonymousseries",
                                   "SELECT SOPInstanceUID, AnonymousSOPInstanceUID FROM anonymousimage"})
