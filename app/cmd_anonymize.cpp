@@ -13,7 +13,6 @@
 #include <QFileInfo>
 #include <QSettings>
 #include <QSqlDatabase>
-#include <QTemporaryDir>
 #include <QTextStream>
 
 #include <cstdio>
@@ -28,11 +27,12 @@ int run(const QStringList& args, bool restore)
     QCommandLineParser parser;
     parser.setApplicationDescription(
             restore ? "Restores the original identity of anonymized DICOM files from the catalogue's mapping."
-                    : "Writes anonymized copies of DICOM files; the mapping back is kept in the catalogue.\n"
-                      "Without --settings every attribute of the emptying table is emptied.");
+                    : "Writes anonymized copies of DICOM files by DICOM's Basic Application Level Confidentiality Profile\n"
+                      "(dicom/basic-profile.tsv); what was removed or replaced is kept in the catalogue.\n"
+                      "The profile's options are read from config/anonymize.ini, or from --settings.");
     parser.addHelpOption();
     if (!restore)
-        parser.addOption({"settings", "INI file whose boolean keys (DICOM keywords, missing = true) switch the emptying of single attributes.",
+        parser.addOption({"settings", "INI file with the profile's options (keys of [options], as in config/anonymize.ini; missing = false).",
                           "INI"});
     parser.addOption({{"v", "verbose"}, "Show the library's diagnostic lines and DICOM parser warnings."});
     parser.addPositionalArgument("IN", "A DICOM file or a folder (walked with its sub-folders).");
@@ -48,17 +48,16 @@ int run(const QStringList& args, bool restore)
     if (QFileInfo(in).isDir() && QFileInfo(out).exists() && !QFileInfo(out).isDir())
         return app::fail(name, "IN is a folder but OUT is a file: " + out, 2);
 
-    // Without --settings the settings object has no keys, so every attribute is emptied.
-    QTemporaryDir scratch;
-    QString settingsPath = scratch.filePath("all.ini");
+    // Without --settings the library reads the shipped config/anonymize.ini.
+    std::unique_ptr<QSettings> settings;
     if (!restore && parser.isSet("settings")) {
-        settingsPath = parser.value("settings");
+        const QString settingsPath = parser.value("settings");
         if (!QFileInfo(settingsPath).isFile())
             return app::fail(name, "no such settings file: " + settingsPath, 2);
+        settings = std::make_unique<QSettings>(settingsPath, QSettings::IniFormat);
+        if (settings->status() != QSettings::NoError)
+            return app::fail(name, "cannot read the settings file " + settingsPath, 2);
     }
-    QSettings settings(settingsPath, QSettings::IniFormat);
-    if (settings.status() != QSettings::NoError)
-        return app::fail(name, "cannot read the settings file " + settingsPath, 2);
 
     if (parser.isSet("verbose"))
         app::setVerbose(true);
@@ -72,7 +71,7 @@ int run(const QStringList& args, bool restore)
     int status = 0;
     {
         QDcmAnonymize anonymizer;
-        anonymizer.setAnonymizeSetting(&settings);
+        anonymizer.setAnonymizeSetting(settings.get());
         const bool terminal = isatty(fileno(stdout));
         QTextStream progress(stdout);
         int lastPercent = -1;

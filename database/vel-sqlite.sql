@@ -232,7 +232,8 @@ CREATE TABLE IF NOT EXISTS anonymouspatient (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   PatientName TEXT,
   PatientID TEXT,
-  AnonymousPatientID TEXT
+  AnonymousPatientID TEXT,
+  DateShift TEXT
 );#
 CREATE INDEX IF NOT EXISTS idx_anonymouspatient_PatientName ON anonymouspatient (PatientName);#
 CREATE INDEX IF NOT EXISTS idx_anonymouspatient_PatientID ON anonymouspatient (PatientID);#
@@ -288,12 +289,22 @@ CREATE TABLE IF NOT EXISTS anonymousimage (
   PhysiciansReadingStudyIdentificationSequence TEXT,
   OperatorsName TEXT,
   OperatorIdentificationSequence TEXT,
-  InstitutionName TEXT
+  InstitutionName TEXT,
+  OriginalElements TEXT,
+  AddedElements TEXT,
+  SourceDigest TEXT
 );#
 CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousimage_SOPInstanceUID ON anonymousimage (SOPInstanceUID);#
 CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousimage_AnonymousSOPInstanceUID ON anonymousimage (AnonymousSOPInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_anonymousimage_series_fk ON anonymousimage (series_fk);#
 CREATE INDEX IF NOT EXISTS idx_anonymousimage_PatientName ON anonymousimage (PatientName);#
+CREATE TABLE IF NOT EXISTS anonymousuid (
+  pk INTEGER PRIMARY KEY AUTOINCREMENT,
+  UID TEXT,
+  AnonymousUID TEXT
+);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousuid_UID ON anonymousuid (UID);#
+CREATE UNIQUE INDEX IF NOT EXISTS uq_anonymousuid_AnonymousUID ON anonymousuid (AnonymousUID);#
 CREATE TABLE IF NOT EXISTS series (
   seriesUID TEXT,
   recvnum INTEGER,

@@ -242,7 +242,8 @@ CREATE TABLE IF NOT EXISTS `anonymouspatient` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
   `PatientName` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
   `PatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
-  `AnonymousPatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
+  `AnonymousPatientID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `DateShift` LONGTEXT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE INDEX `idx_anonymouspatient_PatientName` ON `anonymouspatient` (`PatientName`(64));
 CREATE INDEX `idx_anonymouspatient_PatientID` ON `anonymouspatient` (`PatientID`(64));
@@ -301,12 +302,23 @@ CREATE TABLE IF NOT EXISTS `anonymousimage` (
   `PhysiciansReadingStudyIdentificationSequence` LONGTEXT,
   `OperatorsName` LONGTEXT,
   `OperatorIdentificationSequence` LONGTEXT,
-  `InstitutionName` LONGTEXT
+  `InstitutionName` LONGTEXT,
+  `OriginalElements` LONGTEXT,
+  `AddedElements` LONGTEXT,
+  `SourceDigest` LONGTEXT
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE UNIQUE INDEX `uq_anonymousimage_SOPInstanceUID` ON `anonymousimage` (`SOPInstanceUID`(255));
 CREATE UNIQUE INDEX `uq_anonymousimage_AnonymousSOPInstanceUID` ON `anonymousimage` (`AnonymousSOPInstanceUID`(255));
 CREATE INDEX `idx_anonymousimage_series_fk` ON `anonymousimage` (`series_fk`);
 CREATE INDEX `idx_anonymousimage_PatientName` ON `anonymousimage` (`PatientName`(64));
+
+CREATE TABLE IF NOT EXISTS `anonymousuid` (
+  `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `UID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,
+  `AnonymousUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+CREATE UNIQUE INDEX `uq_anonymousuid_UID` ON `anonymousuid` (`UID`(255));
+CREATE UNIQUE INDEX `uq_anonymousuid_AnonymousUID` ON `anonymousuid` (`AnonymousUID`(255));
 
 CREATE TABLE IF NOT EXISTS `series` (
   `seriesUID` LONGTEXT CHARACTER SET utf8mb4 COLLATE utf8mb4_bin,

@@ -11,6 +11,7 @@ PACKAGES=(
   mariadb-server mariadb-client
   libomp-dev
   python3 python3-numpy python3-pydicom dcm2niix fonts-dejavu-core
+  libgdcm-tools openssl
   locales
 )
 

@@ -1,19 +1,21 @@
 #include "qdcmanonymize.h"
 
+#include "anonymize/anonymousmapping_p.h"
+#include "anonymize/deidentifier_p.h"
+#include "anonymize/deidentprofile_p.h"
 #include "catalog/catalogschema_p.h"
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "dicom/dcmvalues_p.h"
 #include "dicom/dicomtext_p.h"
+#include "kestrelpaths.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdatset.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
-#include <dcmtk/dcmdata/dcistrmb.h>
-#include <dcmtk/dcmdata/dcostrmb.h>
+#include <dcmtk/dcmdata/dcmetinf.h>
 #include <dcmtk/dcmdata/dcsequen.h>
-#include <dcmtk/dcmdata/dcuid.h>
 
 #include <QDateTime>
 #include <QDir>
@@ -44,44 +46,43 @@ const char* const kSOPRoot = "1.2.276.0.7230010.3.1.4";
 struct Emptied {
     const char* keyword;
     DcmTagKey tag;
-    const char* fixedText; // null: emptied
 };
 
-// The emptying table read column by column; also the order of the anonymousimage columns after
-// series_fk.
+// The attributes whose original values anonymousimage also keeps in columns of their own (after
+// series_fk, in this order); rows written before the restoring record are restored from them.
 const Emptied kEmptied[] = {
-        {"AccessionNumber", DCM_AccessionNumber, nullptr},
-        {"PatientBirthTime", DCM_PatientBirthTime, nullptr},
-        {"PatientName", DCM_PatientName, "Anonymized"},
-        {"TypeOfPatientID", DCM_TypeOfPatientID, nullptr},
-        {"PatientBirthDate", DCM_PatientBirthDate, nullptr},
-        {"OtherPatientIDs", DCM_RETIRED_OtherPatientIDs, nullptr},
-        {"OtherPatientNames", DCM_OtherPatientNames, nullptr},
-        {"OtherPatientIDsSequence", DCM_OtherPatientIDsSequence, nullptr},
-        {"EthnicGroup", DCM_EthnicGroup, nullptr},
-        {"PatientSpeciesCodeSequence", DCM_PatientSpeciesCodeSequence, nullptr},
-        {"PatientBreedCodeSequence", DCM_PatientBreedCodeSequence, nullptr},
-        {"BreedRegistrationSequence", DCM_BreedRegistrationSequence, nullptr},
-        {"BreedRegistrationNumber", DCM_BreedRegistrationNumber, nullptr},
-        {"BreedRegistryCodeSequence", DCM_BreedRegistryCodeSequence, nullptr},
-        {"ResponsiblePerson", DCM_ResponsiblePerson, nullptr},
-        {"ResponsiblePersonRole", DCM_ResponsiblePersonRole, nullptr},
-        {"ResponsibleOrganization", DCM_ResponsibleOrganization, nullptr},
-        {"StudyID", DCM_StudyID, "1"},
-        {"ReferringPhysicianName", DCM_ReferringPhysicianName, nullptr},
-        {"ReferringPhysicianIdentificationSequence", DCM_ReferringPhysicianIdentificationSequence, nullptr},
-        {"PhysiciansOfRecord", DCM_PhysiciansOfRecord, nullptr},
-        {"PhysiciansOfRecordIdentificationSequence", DCM_PhysiciansOfRecordIdentificationSequence, nullptr},
-        {"PerformingPhysicianIdentificationSequence", DCM_PerformingPhysicianIdentificationSequence, nullptr},
-        {"PerformingPhysicianName", DCM_PerformingPhysicianName, nullptr},
-        {"NameOfPhysiciansReadingStudy", DCM_NameOfPhysiciansReadingStudy, nullptr},
-        {"PhysiciansReadingStudyIdentificationSequence", DCM_PhysiciansReadingStudyIdentificationSequence, nullptr},
-        {"OperatorsName", DCM_OperatorsName, nullptr},
-        {"OperatorIdentificationSequence", DCM_OperatorIdentificationSequence, nullptr},
-        {"InstitutionName", DCM_InstitutionName, nullptr},
+        {"AccessionNumber", DCM_AccessionNumber},
+        {"PatientBirthTime", DCM_PatientBirthTime},
+        {"PatientName", DCM_PatientName},
+        {"TypeOfPatientID", DCM_TypeOfPatientID},
+        {"PatientBirthDate", DCM_PatientBirthDate},
+        {"OtherPatientIDs", DCM_RETIRED_OtherPatientIDs},
+        {"OtherPatientNames", DCM_OtherPatientNames},
+        {"OtherPatientIDsSequence", DCM_OtherPatientIDsSequence},
+        {"EthnicGroup", DCM_EthnicGroup},
+        {"PatientSpeciesCodeSequence", DCM_PatientSpeciesCodeSequence},
+        {"PatientBreedCodeSequence", DCM_PatientBreedCodeSequence},
+        {"BreedRegistrationSequence", DCM_BreedRegistrationSequence},
+        {"BreedRegistrationNumber", DCM_BreedRegistrationNumber},
+        {"BreedRegistryCodeSequence", DCM_BreedRegistryCodeSequence},
+        {"ResponsiblePerson", DCM_ResponsiblePerson},
+        {"ResponsiblePersonRole", DCM_ResponsiblePersonRole},
+        {"ResponsibleOrganization", DCM_ResponsibleOrganization},
+        {"StudyID", DCM_StudyID},
+        {"ReferringPhysicianName", DCM_ReferringPhysicianName},
+        {"ReferringPhysicianIdentificationSequence", DCM_ReferringPhysicianIdentificationSequence},
+        {"PhysiciansOfRecord", DCM_PhysiciansOfRecord},
+        {"PhysiciansOfRecordIdentificationSequence", DCM_PhysiciansOfRecordIdentificationSequence},
+        {"PerformingPhysicianIdentificationSequence", DCM_PerformingPhysicianIdentificationSequence},
+        {"PerformingPhysicianName", DCM_PerformingPhysicianName},
+        {"NameOfPhysiciansReadingStudy", DCM_NameOfPhysiciansReadingStudy},
+        {"PhysiciansReadingStudyIdentificationSequence", DCM_PhysiciansReadingStudyIdentificationSequence},
+        {"OperatorsName", DCM_OperatorsName},
+        {"OperatorIdentificationSequence", DCM_OperatorIdentificationSequence},
+        {"InstitutionName", DCM_InstitutionName},
 };
 
-// The identifiers that are always replaced; a file without one of them is not anonymized.
+// The identifiers that are always replaced; a file without one of the UIDs is not anonymized.
 struct Identifier {
     DcmTagKey tag;
     const char* keyword;
@@ -116,47 +117,26 @@ QByteArray encodeValue(const QString& text, const DicomCharset& charset, const D
     return charset.encode(text, dcmIsPersonName(tag));
 }
 
-// A sequence with its items as base64 text of its Explicit VR Little Endian encoding.
-QString encodeSequence(DcmElement* element)
+// The values of the emptying table's columns, read before anything changes: NULL for an absent
+// attribute, sequences with their items as encoded elements, text decoded.
+QVariantList columnValues(DcmDataset* ds)
 {
-    element->loadAllDataIntoMemory();
-    DcmDataset holder;
-    if (holder.insert(OFstatic_cast(DcmElement*, element->clone())).bad())
-        return QString();
-    const Uint32 length = holder.getLength(EXS_LittleEndianExplicit, EET_ExplicitLength);
-    QByteArray bytes(int(length), '\0');
-    DcmOutputBufferStream out(bytes.data(), length);
-    holder.transferInit();
-    const OFCondition status = holder.write(out, EXS_LittleEndianExplicit, EET_ExplicitLength, nullptr);
-    holder.transferEnd();
-    if (status.bad())
-        return QString();
-    return QString::fromLatin1(bytes.toBase64());
+    const DicomCharset charset = charsetOf(ds);
+    QVariantList values;
+    for (const Emptied& e : kEmptied) {
+        DcmElement* element = nullptr;
+        if (ds->findAndGetElement(e.tag, element).bad() || !element) {
+            values << QVariant(QVariant::String);
+        } else if (element->ident() == EVR_SQ) {
+            DeidentRecord holder;
+            holder.elements.insert(OFstatic_cast(DcmElement*, element->clone()));
+            values << holder.elementsText();
+        } else {
+            values << decodeValue(dcmBytes(ds, e.tag), charset, e.tag);
+        }
+    }
+    return values;
 }
-
-// The element stored by encodeSequence, or null when TEXT holds none for TAG.
-DcmElement* decodeSequence(const QString& text, const DcmTagKey& tag)
-{
-    const QByteArray bytes = QByteArray::fromBase64(text.toLatin1());
-    DcmInputBufferStream in;
-    in.setBuffer(bytes.constData(), bytes.size());
-    in.setEos();
-    DcmDataset holder;
-    holder.transferInit();
-    const OFCondition status = holder.read(in, EXS_LittleEndianExplicit);
-    holder.transferEnd();
-    if (status.bad())
-        return nullptr;
-    return holder.remove(tag);
-}
-
-QString newUid(const char* root)
-{
-    char buffer[100];
-    dcmGenerateUniqueIdentifier(buffer, root);
-    return QString::fromLatin1(buffer);
-}
-
 
 // How a mapping statement runs: a read, or a write in a unit of its own (retried while the
 // catalogue is busy); a failure goes out as errorInfo unless the caller reports it itself.
@@ -190,6 +170,46 @@ T firstValue(QDcmAnonymize* anonymizer, QSqlDatabase db, const QString& sql, con
         return false;
     });
     return result;
+}
+
+struct Pseudonyms {
+    QString patientID, studyUID, seriesUID, sopUID;
+};
+
+// Plans the pseudonyms of the loaded file, de-identifies it and stores the mapping with the
+// record that restores it.
+Status anonymizeLoaded(DcmFileFormat& file, QSqlDatabase db, const DeidentProfile& profile, const DeidentOptions& options,
+                       const std::function<QString()>& drawPatientID, Pseudonyms* given)
+{
+    DcmDataset* ds = file.getDataset();
+    const DicomCharset charset = charsetOf(ds);
+    MappingPlan plan(db, options.uids);
+    const Status planned = plan.planPatient(decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName),
+                                            decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID),
+                                            drawPatientID);
+    if (!planned)
+        return planned;
+    const QString studyUID = dcmString(ds, DCM_StudyInstanceUID), seriesUID = dcmString(ds, DCM_SeriesInstanceUID),
+                  sopUID = dcmString(ds, DCM_SOPInstanceUID);
+    given->patientID = plan.patientPseudonym();
+    given->studyUID = plan.uid(studyUID, kStudyRoot);
+    given->seriesUID = plan.uid(seriesUID, kSeriesRoot);
+    given->sopUID = plan.uid(sopUID, kSOPRoot);
+    if (given->studyUID.isEmpty() || given->seriesUID.isEmpty() || given->sopUID.isEmpty())
+        return Status::failed(QStringLiteral("cannot read the UID mapping"));
+    const QVariantList legacy = columnValues(ds);
+
+    DeidentPseudonyms pseudonyms;
+    pseudonyms.uid = [&plan](const QString& uid) { return plan.uid(uid, kSOPRoot); };
+    pseudonyms.patientId = plan.patientPseudonym();
+    pseudonyms.patientName = QStringLiteral("Anonymous^") + plan.patientPseudonym();
+    pseudonyms.dateShiftDays = plan.dateShift();
+    Deidentifier deidentifier(profile, options, pseudonyms);
+    if (const Status applied = deidentifier.apply(file); !applied)
+        return applied;
+    // The meta header names the new instance.
+    file.getMetaInfo()->putAndInsertString(DCM_MediaStorageSOPInstanceUID, dcmString(ds, DCM_SOPInstanceUID).toLatin1().constData());
+    return plan.write(studyUID, seriesUID, sopUID, legacy, deidentifier.record());
 }
 
 } // namespace
@@ -343,29 +363,47 @@ bool QDcmAnonymize::addAnonymousPatientDataBase()
         return false;
     }
     const DicomCharset charset = charsetOf(ds);
+    // The date offset is drawn when the first file of the patient needs it.
     return runMapping(this, database(), schema::insertStatement("anonymouspatient"),
                       {decodeValue(dcmBytes(ds, DCM_PatientName), charset, DCM_PatientName),
-                       decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID), m_anonPatientID},
+                       decodeValue(dcmBytes(ds, DCM_PatientID), charset, DCM_PatientID), m_anonPatientID, QVariant(QVariant::String)},
                       Write)
             .isOk();
+}
+
+// A study, series or image row for the loaded file's UID at TAG, with its pseudonym (the one the
+// UID mapping holds, else a new one under ROOT, entered there too). VALUES follow the first three
+// columns of the row.
+bool QDcmAnonymize::addMappingRow(const QString& table, const DcmTagKey& tag, const char* root, qint64 parentPk,
+                                  const QVariantList& values, QString* pseudonym)
+{
+    const QString original = dcmString(m_file ? m_file->getDataset() : nullptr, tag);
+    MappingPlan plan(database(), false);
+    *pseudonym = plan.uid(original, root);
+    const bool made = !plan.newUids().isEmpty();
+    QVariantList row{original, *pseudonym, parentPk};
+    row << values;
+    while (row.size() < schema::columns(table).size())
+        row << QVariant(QVariant::String);
+    const Status status = runWrite(database(), [&](Transaction&) -> Status {
+        if (made)
+            if (const Status added = execute(database(), schema::insertStatement("anonymousuid"), {original, *pseudonym}); !added)
+                return added;
+        return execute(database(), schema::insertStatement(table), row);
+    });
+    if (!status)
+        emit errorInfo(status.text());
+    return status.isOk();
 }
 
 bool QDcmAnonymize::addAnonymousStudyDataBase(qint64 patientPk)
 {
-    m_anonStudyUID = newUid(kStudyRoot);
-    return runMapping(this, database(), schema::insertStatement("anonymousstudy"),
-                      {dcmString(m_file ? m_file->getDataset() : nullptr, DCM_StudyInstanceUID), m_anonStudyUID, patientPk},
-                      Write)
-            .isOk();
+    return addMappingRow("anonymousstudy", DCM_StudyInstanceUID, kStudyRoot, patientPk, {}, &m_anonStudyUID);
 }
 
 bool QDcmAnonymize::addAnonymousSeriesDataBase(qint64 studyPk)
 {
-    m_anonSeriesUID = newUid(kSeriesRoot);
-    return runMapping(this, database(), schema::insertStatement("anonymousseries"),
-                      {dcmString(m_file ? m_file->getDataset() : nullptr, DCM_SeriesInstanceUID), m_anonSeriesUID, studyPk},
-                      Write)
-            .isOk();
+    return addMappingRow("anonymousseries", DCM_SeriesInstanceUID, kSeriesRoot, studyPk, {}, &m_anonSeriesUID);
 }
 
 bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
@@ -373,38 +411,11 @@ bool QDcmAnonymize::addAnonymousImageDataBase(qint64 seriesPk)
     DcmDataset* ds = m_file ? m_file->getDataset() : nullptr;
     if (!ds)
         return false;
-    m_anonSOPUID = newUid(kSOPRoot);
-    const DicomCharset charset = charsetOf(ds);
-    QVariantList values{dcmString(ds, DCM_SOPInstanceUID), m_anonSOPUID, seriesPk};
-    for (const Emptied& e : kEmptied) {
-        DcmElement* element = nullptr;
-        if (ds->findAndGetElement(e.tag, element).bad() || !element)
-            values << QVariant(QVariant::String); // absent: NULL
-        else if (element->ident() == EVR_SQ)
-            values << encodeSequence(element);
-        else
-            values << decodeValue(dcmBytes(ds, e.tag), charset, e.tag);
-    }
-    return runMapping(this, database(), schema::insertStatement("anonymousimage"), values, Write).isOk();
+    return addMappingRow("anonymousimage", DCM_SOPInstanceUID, kSOPRoot, seriesPk, columnValues(ds), &m_anonSOPUID);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Anonymize and restore
-
-void QDcmAnonymize::applyEmptyingTable()
-{
-    if (!m_settings)
-        return;
-    DcmDataset* ds = m_file->getDataset();
-    for (const Emptied& e : kEmptied) {
-        if (!m_settings->value(QString::fromLatin1(e.keyword), true).toBool())
-            continue;
-        if (e.fixedText)
-            ds->putAndInsertString(e.tag, e.fixedText, true);
-        else
-            ds->insertEmptyElement(e.tag, true); // a sequence becomes a sequence without items
-    }
-}
 
 bool QDcmAnonymize::saveTo(const QString& destination)
 {
@@ -426,69 +437,48 @@ int QDcmAnonymize::anonymize(QString source, QString destination)
 {
     m_failure.clear();
     m_unreadable = false;
-    if (!loadSource(source)) {
-        m_unreadable = true;
-        fail(tr("cannot read %1 as DICOM").arg(source));
+    Status status;
+    const DeidentProfile* profile = DeidentProfile::shared(DeidentProfile::defaultPath(), &status);
+    if (!profile) {
+        fail(tr("%1: nothing written").arg(status.text()));
         return 0;
     }
-    DcmDataset* ds = m_file->getDataset();
-    for (const Identifier& id : kIdentifiers) {
-        if (dcmString(ds, id.tag).trimmed().isEmpty()) {
-            fail(tr("%1 has no %2: not anonymized").arg(source, QLatin1String(id.keyword)));
+    std::unique_ptr<QSettings> shipped;
+    QSettings* settings = m_settings;
+    if (!settings) {
+        shipped = std::make_unique<QSettings>(Kestrel::configFilePath(QStringLiteral("anonymize.ini")), QSettings::IniFormat);
+        settings = shipped.get();
+    }
+    const DeidentOptions options = DeidentOptions::fromSettings(settings);
+
+    // Planned again from the source when another writer handed out the same pseudonyms meanwhile.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (!loadSource(source)) {
+            m_unreadable = true;
+            fail(tr("cannot read %1 as DICOM").arg(source));
             return 0;
         }
-    }
-
-    QString patientID, studyUID, seriesUID, sopUID;
-    const qint64 imagePk = getAnonymousImagePKBySOPInstanceUID();
-    if (imagePk >= 0) {
-        // Already anonymized once: the same pseudonyms again, no new row.
-        runMapping(this, database(),
-                   "SELECT p.AnonymousPatientID, st.AnonymousStudyInstanceUID, se.AnonymousSeriesInstanceUID, "
-                   "i.AnonymousSOPInstanceUID FROM anonymousimage i JOIN anonymousseries se ON i.series_fk = se.pk "
-                   "JOIN anonymousstudy st ON se.study_fk = st.pk JOIN anonymouspatient p ON st.patient_fk = p.pk "
-                   "WHERE i.pk = ?",
-                   {imagePk}, Quiet, [&](const Statement& row) {
-                       patientID = row.get<QString>(0);
-                       studyUID = row.get<QString>(1);
-                       seriesUID = row.get<QString>(2);
-                       sopUID = row.get<QString>(3);
-                       return false;
-                   });
-    } else {
-        qint64 patientPk = getAnonymousPatientPKByNameAndID();
-        if (patientPk >= 0)
-            patientID = readText("SELECT AnonymousPatientID FROM anonymouspatient WHERE pk = ?", patientPk);
-        else if (addAnonymousPatientDataBase() && (patientPk = getAnonymousPatientPKByNameAndID()) >= 0)
-            patientID = m_anonPatientID;
-
-        qint64 studyPk = patientPk >= 0 ? getAnonymousStudyPKByStudyInstanceUID() : -1;
-        if (studyPk >= 0)
-            studyUID = readText("SELECT AnonymousStudyInstanceUID FROM anonymousstudy WHERE pk = ?", studyPk);
-        else if (patientPk >= 0 && addAnonymousStudyDataBase(patientPk) && (studyPk = getAnonymousStudyPKByStudyInstanceUID()) >= 0)
-            studyUID = m_anonStudyUID;
-
-        qint64 seriesPk = studyPk >= 0 ? getAnonymousSeriesPKBySeriesInstanceUID() : -1;
-        if (seriesPk >= 0)
-            seriesUID = readText("SELECT AnonymousSeriesInstanceUID FROM anonymousseries WHERE pk = ?", seriesPk);
-        else if (studyPk >= 0 && addAnonymousSeriesDataBase(studyPk) && (seriesPk = getAnonymousSeriesPKBySeriesInstanceUID()) >= 0)
-            seriesUID = m_anonSeriesUID;
-
-        if (seriesPk >= 0 && addAnonymousImageDataBase(seriesPk) && getAnonymousImagePKBySOPInstanceUID() >= 0)
-            sopUID = m_anonSOPUID;
+        DcmDataset* ds = m_file->getDataset();
+        for (const Identifier& id : kIdentifiers) {
+            if (id.tag != DCM_PatientID && dcmString(ds, id.tag).trimmed().isEmpty()) {
+                fail(tr("%1 has no %2: not anonymized").arg(source, QLatin1String(id.keyword)));
+                return 0;
+            }
+        }
+        Pseudonyms given;
+        status = anonymizeLoaded(*m_file, database(), *profile, options, [this] { return drawPatientID(); }, &given);
+        m_anonPatientID = given.patientID;
+        m_anonStudyUID = given.studyUID;
+        m_anonSeriesUID = given.seriesUID;
+        m_anonSOPUID = given.sopUID;
+        if (status.code() != Status::Conflict)
+            break;
     }
     // No file leaves without its way back.
-    if (patientID.isEmpty() || studyUID.isEmpty() || seriesUID.isEmpty() || sopUID.isEmpty()) {
-        fail(tr("the mapping of %1 could not be stored: nothing written").arg(source));
+    if (!status) {
+        fail(tr("the mapping of %1 could not be stored: %2; nothing written").arg(source, status.text()));
         return 0;
     }
-
-    ds->putAndInsertString(DCM_PatientID, patientID.toLatin1().constData(), true);
-    ds->putAndInsertString(DCM_StudyInstanceUID, studyUID.toLatin1().constData(), true);
-    ds->putAndInsertString(DCM_SeriesInstanceUID, seriesUID.toLatin1().constData(), true);
-    ds->putAndInsertString(DCM_SOPInstanceUID, sopUID.toLatin1().constData(), true);
-    applyEmptyingTable();
-
     saveTo(destination);
     return 0;
 }
@@ -505,8 +495,6 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
         fail(loaded ? tr("%1 is not an anonymized file of this catalogue").arg(source) : tr("cannot read %1 as DICOM").arg(source));
         return -1;
     }
-    DcmDataset* ds = m_file->getDataset();
-
     QSqlRecord row;
     const Status read = runMapping(this, database(), "SELECT * FROM anonymousimage WHERE pk = ?", {imagePk}, Quiet,
                                    [&](const Statement& s) {
@@ -517,15 +505,31 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
         fail(tr("cannot read the mapping of %1: %2").arg(source, read.text()));
         return -1;
     }
+    if (row.value("OriginalElements").isNull()) {
+        if (!restoreColumns(row, source))
+            return -1;
+    } else {
+        DeidentRecord record;
+        if (!record.read(row.value("OriginalElements").toString(), row.value("AddedElements").toString())) {
+            fail(tr("the stored record of %1 cannot be read: nothing written").arg(source));
+            return -1;
+        }
+        record.restore(*m_file);
+    }
+    return saveTo(destination) ? 0 : -1;
+}
+
+// Rows written before the record existed: the identifiers and the fixed columns.
+bool QDcmAnonymize::restoreColumns(const QSqlRecord& row, const QString& source)
+{
+    DcmDataset* ds = m_file->getDataset();
     const QString patientID = readText("SELECT PatientID FROM anonymouspatient WHERE AnonymousPatientID = ?", dcmString(ds, DCM_PatientID));
     const QString studyUID = readText("SELECT StudyInstanceUID FROM anonymousstudy WHERE AnonymousStudyInstanceUID = ?",
                                       dcmString(ds, DCM_StudyInstanceUID));
     const QString seriesUID = readText("SELECT SeriesInstanceUID FROM anonymousseries WHERE AnonymousSeriesInstanceUID = ?",
                                        dcmString(ds, DCM_SeriesInstanceUID));
-    if (patientID.isEmpty() || studyUID.isEmpty() || seriesUID.isEmpty()) {
-        fail(tr("the patient, study or series of %1 is unknown to this catalogue: nothing written").arg(source));
-        return -1;
-    }
+    if (patientID.isEmpty() || studyUID.isEmpty() || seriesUID.isEmpty())
+        return fail(tr("the patient, study or series of %1 is unknown to this catalogue: nothing written").arg(source));
 
     const DicomCharset charset = charsetOf(ds);
     ds->putAndInsertString(DCM_SOPInstanceUID, row.value("SOPInstanceUID").toString().toLatin1().constData(), true);
@@ -535,7 +539,8 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
             // The original had no such attribute.
             delete ds->remove(e.tag);
         } else if (isSequence(e)) {
-            DcmElement* sequence = decodeSequence(value.toString(), e.tag);
+            DeidentRecord holder;
+            DcmElement* sequence = holder.read(value.toString(), QString()) ? holder.elements.remove(e.tag) : nullptr;
             if (sequence)
                 ds->insert(sequence, true);
             else
@@ -548,8 +553,7 @@ int QDcmAnonymize::de_anonymize(QString source, QString destination)
     ds->putAndInsertString(DCM_PatientID, encodeValue(patientID, charset, DCM_PatientID).constData(), true);
     ds->putAndInsertString(DCM_StudyInstanceUID, studyUID.toLatin1().constData(), true);
     ds->putAndInsertString(DCM_SeriesInstanceUID, seriesUID.toLatin1().constData(), true);
-
-    return saveTo(destination) ? 0 : -1;
+    return true;
 }
 
 QString QDcmAnonymize::getAnonymousLogicalPath(QString file)

@@ -5,40 +5,34 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariant>
 
 #include <memory>
 
 class DcmFileFormat;
+class DcmTagKey;
 class QSettings;
+class QSqlRecord;
 
 // Writes anonymized copies of DICOM files and restores the originals from the catalogue alone.
 //
-// Every replaced or emptied value is kept in four mapping tables (anonymouspatient,
-// anonymousstudy, anonymousseries, anonymousimage) before the anonymized file is written, so no
-// file leaves without its way back. A patient (name and ID together), a study and a series get
-// one pseudonym each, reused by every later file of the same patient, study or series:
-//   - patient ID: a random decimal from 100000 to 199998, drawn again while another patient
-//     already holds it;
-//   - study, series and SOP instance UIDs: new UIDs under the roots 1.2.276.0.7230010.3.1.2,
-//     .3 and .4.
-// The identifiers (PatientID and the three UIDs) are always replaced. The attributes of the
-// emptying table (emptiedAttributes()) are emptied, or PatientName set to "Anonymized" and
-// StudyID to "1", when the settings object given by setAnonymizeSetting() switches them on
-// (a missing key counts as on); without a settings object they are left as they are.
+// Files are de-identified by DICOM's Basic Application Level Confidentiality Profile, the table
+// shipped as dicom/basic-profile.tsv, with the options of the settings object given by
+// setAnonymizeSetting() (without one, config/anonymize.ini): see README, "Anonymizing". A patient
+// (name and ID together) gets one pseudonymous ID from 100000 to 199998 and one date offset; every
+// UID gets one pseudonym (studies, series and instances under the roots 1.2.276.0.7230010.3.1.2,
+// .3 and .4), the same in every file, kept in anonymousuid.
 //
-// What the mapping keeps of each attribute of the emptying table:
-//   - NULL when the file did not hold the attribute; restoring removes it again;
-//   - text attributes: the value as stored, decoded by the file's SpecificCharacterSet (every
-//     character set DICOM defines; an unknown one as Latin-1, which gives every byte back
-//     unchanged) and encoded in the same set on restore;
-//   - sequences: the whole sequence with its items, encoded as Explicit VR Little Endian and
-//     written as base64 text, so restoring gives the items back.
+// Before a file is written, the original of every top-level element it changes or removes, the
+// meta header's and the tags it adds are kept in its anonymousimage row (besides the values of the
+// fixed columns, emptiedAttributes()), so no file leaves without its way back; de_anonymize() puts
+// them back. A second file of one SOP instance shares the row only when its content is the same.
 //
-// Failures: an unreadable source, a source without PatientID, StudyInstanceUID,
-// SeriesInstanceUID or SOPInstanceUID, a mapping row the database refuses, or a destination
-// that cannot be written leave the destination untouched; the cause is emitted through
-// errorInfo() and kept in lastFailure(). Files are written to a temporary name beside the
-// destination and renamed over it, so anonymizing a file in place keeps its pixel data.
+// Failures: an unreadable source, a source without StudyInstanceUID, SeriesInstanceUID or
+// SOPInstanceUID, a missing table, a mapping row the database refuses, or a destination that
+// cannot be written leave the destination untouched; the cause is emitted through errorInfo() and
+// kept in lastFailure(). Files are written to a temporary name beside the destination and renamed
+// over it, so anonymizing a file in place keeps its pixel data.
 class KESTREL_EXPORT QDcmAnonymize : public QDcmFiles
 {
     Q_OBJECT
@@ -55,7 +49,7 @@ public:
     explicit QDcmAnonymize(QObject* parent = nullptr);
     ~QDcmAnonymize() override;
 
-    // Not owned; may be null (no attribute of the emptying table is touched then).
+    // Not owned; may be null (config/anonymize.ini is read then).
     void setAnonymizeSetting(QSettings* settings);
 
     // Writes an anonymized copy of SOURCE to DESTINATION (may be SOURCE itself). Returns 0,
@@ -106,7 +100,7 @@ public:
     // True when the last failure was a source that could not be read as DICOM.
     bool lastSourceUnreadable() const { return m_unreadable; }
 
-    // The emptying table's DICOM keywords in the order they are applied.
+    // The attributes whose original values anonymousimage keeps in columns of their own, in order.
     static QStringList emptiedAttributes();
 
 signals:
@@ -118,7 +112,9 @@ private:
     bool fail(const QString& reason);
     // Saves the loaded dataset to a temporary name beside DESTINATION, then renames it over.
     bool saveTo(const QString& destination);
-    void applyEmptyingTable();
+    bool restoreColumns(const QSqlRecord& row, const QString& source);
+    bool addMappingRow(const QString& table, const DcmTagKey& tag, const char* root, qint64 parentPk, const QVariantList& values,
+                       QString* pseudonym);
     // Reads one text value of the first row of SQL with VALUE bound, empty when none.
     QString readText(const QString& sql, const QVariant& value);
     qint64 readKey(const QString& sql, const QVariant& value);

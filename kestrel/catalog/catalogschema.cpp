@@ -62,7 +62,7 @@ const TableColumns kTables[] = {
          "dBdt TemporalPositionIdentifier NumberofTemporalPositions TemporalResolution IsocenterPosition "
          "series_fk SOPInstanceUID"},
         {QStringLiteral("anonymouspatient"),
-         "PatientName PatientID AnonymousPatientID"},
+         "PatientName PatientID AnonymousPatientID DateShift"},
         {QStringLiteral("anonymousstudy"),
          "StudyInstanceUID AnonymousStudyInstanceUID patient_fk"},
         {QStringLiteral("anonymousseries"),
@@ -74,7 +74,9 @@ const TableColumns kTables[] = {
          "BreedRegistrationNumber BreedRegistryCodeSequence ResponsiblePerson ResponsiblePersonRole ResponsibleOrganization "
          "StudyID ReferringPhysicianName ReferringPhysicianIdentificationSequence PhysiciansOfRecord PhysiciansOfRecordIdentificationSequence "
          "PerformingPhysicianIdentificationSequence PerformingPhysicianName NameOfPhysiciansReadingStudy PhysiciansReadingStudyIdentificationSequence OperatorsName "
-         "OperatorIdentificationSequence InstitutionName"},
+         "OperatorIdentificationSequence InstitutionName OriginalElements AddedElements SourceDigest"},
+        {QStringLiteral("anonymousuid"),
+         "UID AnonymousUID"},
         {QStringLiteral("series"),
          "seriesUID recvnum upDBnum upCloudnum"},
         {QStringLiteral("images"),

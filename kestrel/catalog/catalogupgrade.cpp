@@ -66,6 +66,32 @@ Status addMissingColumns(QSqlDatabase db, QStringList* report)
     return Status::ok();
 }
 
+// Tables added after catalogues were first made, created (with a key and text columns) where they
+// are missing; other missing tables are left missing. The UID mapping starts with the study, series
+// and instance pseudonyms handed out before it.
+Status addMissingTables(QSqlDatabase db, QStringList* report)
+{
+    for (const QString& table : QStringList{QStringLiteral("anonymousuid")}) {
+        if (!db.record(table).isEmpty())
+            continue;
+        QStringList columns;
+        for (const QString& column : schema::columns(table))
+            columns << schema::quotedColumns({column}) + (isMySql(db) ? QStringLiteral(" LONGTEXT") : QStringLiteral(" TEXT"));
+        const QString key = isMySql(db) ? QStringLiteral("pk BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY")
+                                        : QStringLiteral("pk INTEGER PRIMARY KEY AUTOINCREMENT");
+        if (const Status made = execute(db, QStringLiteral("CREATE TABLE %1 (%2, %3)").arg(table, key, columns.join(QStringLiteral(", ")))); !made)
+            return made.context(QStringLiteral("adding the table %1: ").arg(table));
+        if (report)
+            *report << QStringLiteral("added the table %1").arg(table);
+        for (const char* level : {"SELECT StudyInstanceUID, AnonymousStudyInstanceUID FROM anonymousstudy",
+                                  "SELECT SeriesInstanceUID, AnonymousSeriesInstanceUID FROM anonymousseries",
+                                  "SELECT SOPInstanceUID, AnonymousSOPInstanceUID FROM anonymousimage"})
+            if (const Status filled = execute(db, QStringLiteral("INSERT INTO anonymousuid (UID, AnonymousUID) ") + QLatin1String(level)); !filled)
+                return filled.context(QStringLiteral("filling anonymousuid: "));
+    }
+    return Status::ok();
+}
+
 Status fillPatientKeys(QSqlDatabase db)
 {
     struct Row { qint64 pk; QString key; };
@@ -209,6 +235,8 @@ const QList<UniqueKey>& uniqueKeys()
         {"anonymousseries", "AnonymousSeriesInstanceUID", "anonymousimage", "series_fk"},
         {"anonymousimage", "SOPInstanceUID", nullptr, nullptr},
         {"anonymousimage", "AnonymousSOPInstanceUID", nullptr, nullptr},
+        {"anonymousuid", "UID", nullptr, nullptr},
+        {"anonymousuid", "AnonymousUID", nullptr, nullptr},
         {"series", "seriesUID", nullptr, nullptr},
         {"images", "InstanceUID", nullptr, nullptr},
     };
@@ -224,7 +252,9 @@ Status upgradeCatalog(QSqlDatabase db, QStringList* merged)
         return Status::ok();
 
     QStringList report;
-    Status status = addMissingColumns(db, &report);
+    Status status = addMissingTables(db, &report);
+    if (status)
+        status = addMissingColumns(db, &report);
     if (status)
         status = fillPatientKeys(db);
     if (status)

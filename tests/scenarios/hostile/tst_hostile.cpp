@@ -105,6 +105,13 @@ QString decoded(const QString& path, const DcmTagKey& tag)
     return kestrel::internal::dcmDecodedString(file.getDataset(), tag);
 }
 
+DcmFileFormat dicomFile(const QString& path)
+{
+    DcmFileFormat file;
+    file.loadFile(QFile::encodeName(path).constData());
+    return file;
+}
+
 QString firstValue(const QString& path, const DcmTagKey& tag)
 {
     DcmFileFormat file;
@@ -231,9 +238,16 @@ private slots:
         }
 
         // Anonymize both files, then restore them: one mapping row per patient, study, series and
-        // image, no other table touched, and the restored values are the original bytes.
-        const RowCounts mapped = plus(imported, {{"anonymouspatient", 1}, {"anonymousstudy", 1},
-                                                 {"anonymousseries", 1}, {"anonymousimage", kImages}});
+        // image and one pseudonym per distinct UID value, no other table touched, and the restored
+        // values are the original bytes.
+        QSet<QString> uids;
+        for (const QString& source : sources)
+            for (const DcmTagKey& tag : {DCM_StudyInstanceUID, DCM_SeriesInstanceUID, DCM_SOPInstanceUID})
+                for (const QString& part : kestrel::internal::dcmStringAll(dicomFile(source).getDataset(), tag).split('\\'))
+                    if (!part.trimmed().isEmpty())
+                        uids.insert(part.trimmed());
+        const RowCounts mapped = plus(imported, {{"anonymouspatient", 1}, {"anonymousstudy", 1}, {"anonymousseries", 1},
+                                                 {"anonymousimage", kImages}, {"anonymousuid", uids.size()}});
         QSettings all(catalog.path("all.ini"), QSettings::IniFormat);
         QDcmAnonymize anonymizer;
         anonymizer.setAnonymizeSetting(&all);
