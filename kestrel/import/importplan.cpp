@@ -20,11 +20,16 @@ void readFacts(DcmItem* item, FileFacts& facts)
     facts.sopInstanceUID = dcmString(item, DCM_SOPInstanceUID).trimmed();
     facts.seriesUID = dcmString(item, DCM_SeriesInstanceUID);
     facts.studyUID = dcmString(item, DCM_StudyInstanceUID).trimmed();
+    facts.instanceNumber = dcmInt(item, DCM_InstanceNumber);
+}
+
+void readIdentity(DcmItem* item, FileFacts& facts)
+{
     facts.patientID = dcmDecodedString(item, DCM_PatientID);
     facts.issuer = dcmDecodedString(item, DCM_IssuerOfPatientID);
     facts.birthDate = dcmString(item, DCM_PatientBirthDate);
     facts.patientName = dcmDecodedString(item, DCM_PatientName);
-    facts.instanceNumber = dcmInt(item, DCM_InstanceNumber);
+    facts.identityRead = true;
 }
 
 namespace {
@@ -42,7 +47,7 @@ QString missingUid(const FileFacts& f)
 
 } // namespace
 
-ImportPlan planImport(const std::vector<FileFacts>& facts)
+ImportPlan planImport(std::vector<FileFacts>& facts, const std::function<void(FileFacts&)>& readIdentity)
 {
     ImportPlan plan;
     // Files in a fixed order: by series key, instance number and path.
@@ -106,7 +111,9 @@ ImportPlan planImport(const std::vector<FileFacts>& facts)
     std::map<QString, PlannedPatient> patients;
     std::map<QString, QVector<QString>> patientStudies;
     for (const auto& [uid, study] : studies) {
-        const FileFacts& first = facts[size_t(study.firstFile)];
+        FileFacts& first = facts[size_t(study.firstFile)];
+        if (!first.identityRead && readIdentity)
+            readIdentity(first);
         if (first.patientID.trimmed().isEmpty()) {
             for (const QString& key : studySeries[uid])
                 for (int file : series[key].files)

@@ -6,6 +6,7 @@
 #include <QStringList>
 #include <QVector>
 
+#include <functional>
 #include <vector>
 
 class DcmItem;
@@ -21,12 +22,19 @@ struct FileFacts {
     QString path;
     bool read = false; // DCMTK read the header
     QString sopInstanceUID, seriesUID, phase, studyUID;
-    QString patientID, issuer, birthDate, patientName; // decoded by the file's character set
     int instanceNumber = 0;
+    // Who the patient is, decoded by the file's character set: read for the files whose study
+    // rows are made (see planImport), not for every file.
+    bool identityRead = false;
+    QString patientID, issuer, birthDate, patientName;
 };
 
-// Fills FACTS from ITEM (PATH and READ stay as they are; PHASE is the caller's).
+// Fills the UIDs and the instance number of FACTS from ITEM (PATH and READ stay as they are;
+// PHASE is the caller's).
 KESTREL_TEST_EXPORT void readFacts(DcmItem* item, FileFacts& facts);
+
+// Fills the patient's identifying values of FACTS from ITEM.
+KESTREL_TEST_EXPORT void readIdentity(DcmItem* item, FileFacts& facts);
 
 struct PlannedSeries {
     QString key;           // SeriesInstanceUID "#" phase
@@ -57,7 +65,9 @@ struct ImportPlan {
     QVector<QPair<int, int>> repeats;
 };
 
-// The plan for FACTS (unread files are left out; the caller counts them).
-KESTREL_TEST_EXPORT ImportPlan planImport(const std::vector<FileFacts>& facts);
+// The plan for FACTS (unread files are left out; the caller counts them). The patient of a study
+// is that of its first file: READIDENTITY fills that file's identifying values where they were not
+// read yet (it may leave them empty when the file no longer reads).
+KESTREL_TEST_EXPORT ImportPlan planImport(std::vector<FileFacts>& facts, const std::function<void(FileFacts&)>& readIdentity);
 
 } // namespace kestrel::internal::import

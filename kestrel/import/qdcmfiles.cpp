@@ -226,7 +226,11 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
 
     emit readInfo(10, 100);
     emit readInfo(QStringLiteral("sort dicom"));
-    m_state->plan = import::planImport(m_state->facts);
+    // Who the patient is is read from the first file of each study only.
+    m_state->plan = import::planImport(m_state->facts, [this](import::FileFacts& facts) {
+        if (loadWithParser(facts.path, kSortReadLength))
+            import::readIdentity(m_fileFormat->getDataset(), facts);
+    });
     for (const QString& reason : qAsConst(m_state->plan.notCatalogued))
         skipFile(reason);
     m_counts.unreadable += m_state->plan.notCatalogued.size();
