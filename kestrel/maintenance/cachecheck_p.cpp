@@ -56,6 +56,8 @@ CacheFile readCacheFile(const QString& path)
         return cache;
     }
     cache.fault = volumeFileFault(head, file.size());
+    if (cache.fault.isEmpty())
+        cache.fault = volumecache::cachedHeadFault(head, kVolumeHeaderBlock);
     if (cache.fault.isEmpty() && file.size() != head.totallen)
         cache.fault = QStringLiteral("the head says %1 bytes, the file has %2").arg(head.totallen).arg(file.size());
     if (cache.fault.isEmpty())
