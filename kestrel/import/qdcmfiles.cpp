@@ -205,8 +205,18 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
     m_copyMode = copyMode;
     // Paths are catalogued absolute and canonical: a catalogue read from another working folder
     // finds its files, and a file reached through two links is one file.
+    // Each folder is resolved once; a file is resolved on its own only when it is a link.
+    QHash<QString, QString> canonicalFolders;
     for (QString& file : files) {
         const QFileInfo info(file);
+        const QString folder = info.absolutePath();
+        auto known = canonicalFolders.find(folder);
+        if (known == canonicalFolders.end())
+            known = canonicalFolders.insert(folder, QFileInfo(folder).canonicalFilePath());
+        if (!known->isEmpty() && !info.isSymLink()) {
+            file = *known + QLatin1Char('/') + info.fileName();
+            continue;
+        }
         const QString canonical = info.canonicalFilePath();
         file = canonical.isEmpty() ? info.absoluteFilePath() : canonical;
     }
