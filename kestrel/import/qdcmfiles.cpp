@@ -146,7 +146,7 @@ QStringList QDcmFiles::filesBelow(const QStringList& paths, QStringList* skipped
         const QFileInfo info(path);
         if (!info.isDir()) {
             if (info.exists())
-                files.append(info.absoluteFilePath());
+                files.append(info.canonicalFilePath());
             else if (skipped)
                 *skipped << path + QStringLiteral(": no such file");
             continue;
@@ -158,7 +158,8 @@ QStringList QDcmFiles::filesBelow(const QStringList& paths, QStringList* skipped
             if (real.isEmpty() || visited.contains(real))
                 continue;
             visited.insert(real);
-            const QDir dir(folder);
+            // Listed by its real path: the files' paths are canonical as they come.
+            const QDir dir(real);
             if (!dir.isReadable()) {
                 if (skipped)
                     *skipped << folder + QStringLiteral(": the folder cannot be read");
@@ -171,9 +172,9 @@ QStringList QDcmFiles::filesBelow(const QStringList& paths, QStringList* skipped
                     folders.append(entry.absoluteFilePath());
                 else if (entry.isSymLink() && !entry.exists()) {
                     if (skipped)
-                        *skipped << entry.absoluteFilePath() + QStringLiteral(": a link to nothing");
+                        *skipped << folder + QLatin1Char('/') + entry.fileName() + QStringLiteral(": a link to nothing");
                 } else
-                    files.append(entry.absoluteFilePath());
+                    files.append(entry.isSymLink() ? entry.canonicalFilePath() : entry.absoluteFilePath());
             }
         }
     }
@@ -188,13 +189,18 @@ int QDcmFiles::loadLocalFolderToDB(QString path, int copyMode, bool recursive)
     emit readInfo(tr("Traversal"));
     QStringList skipped;
     const QList<QString> files = QFileInfo::exists(path) ? filesBelow({path}, &skipped) : QStringList();
-    const int result = loadLocalFilesToDB(files, copyMode);
+    const int result = importFiles(files, copyMode, false);
     m_counts.skippedFiles = skipped + m_counts.skippedFiles;
     m_counts.unreadable += skipped.size();
     return result;
 }
 
 int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
+{
+    return importFiles(files, copyMode, true);
+}
+
+int QDcmFiles::importFiles(QList<QString> files, int copyMode, bool resolvePaths)
 {
     QElapsedTimer run;
     run.start();
@@ -205,21 +211,25 @@ int QDcmFiles::loadLocalFilesToDB(QList<QString> files, int copyMode)
     m_copyMode = copyMode;
     // Paths are catalogued absolute and canonical: a catalogue read from another working folder
     // finds its files, and a file reached through two links is one file.
-    // Each folder is resolved once; a file is resolved on its own only when it is a link.
+    // Each folder is resolved once; a file is resolved on its own only when it is a link. (The
+    // folder walk gives canonical paths already.)
     QHash<QString, QString> canonicalFolders;
-    for (QString& file : files) {
-        const QFileInfo info(file);
-        const QString folder = info.absolutePath();
-        auto known = canonicalFolders.find(folder);
-        if (known == canonicalFolders.end())
-            known = canonicalFolders.insert(folder, QFileInfo(folder).canonicalFilePath());
-        if (!known->isEmpty() && !info.isSymLink()) {
-            file = *known + QLatin1Char('/') + info.fileName();
-            continue;
+    if (resolvePaths) {
+        for (QString& file : files) {
+            const QFileInfo info(file);
+            const QString folder = info.absolutePath();
+            auto known = canonicalFolders.find(folder);
+            if (known == canonicalFolders.end())
+                known = canonicalFolders.insert(folder, QFileInfo(folder).canonicalFilePath());
+            if (!known->isEmpty() && !info.isSymLink()) {
+                file = *known + QLatin1Char('/') + info.fileName();
+                continue;
+            }
+            const QString canonical = info.canonicalFilePath();
+            file = canonical.isEmpty() ? info.absoluteFilePath() : canonical;
         }
-        const QString canonical = info.canonicalFilePath();
-        file = canonical.isEmpty() ? info.absoluteFilePath() : canonical;
     }
+
     m_fileList += files;
     reopenIfLost(database());
     emit readInfo(QStringLiteral("read file "));

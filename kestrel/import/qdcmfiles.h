@@ -109,9 +109,10 @@ public:
 
     int loadLocalFilesToDB(QList<QString> files, int copyMode);
 
-    // Every file under PATHS (files as they are, folders with all their sub-folders). Links are
-    // followed and each real folder is walked once, so a link back up cannot loop; unreadable
-    // folders and links to nothing are named in *SKIPPED ("path: reason").
+    // Every file under PATHS (files as they are, folders with all their sub-folders), by its
+    // absolute, canonical path. Links are followed and each real folder is walked once, so a link
+    // back up cannot loop; unreadable folders and links to nothing are named in *SKIPPED
+    // ("path: reason").
     static QStringList filesBelow(const QStringList& paths, QStringList* skipped = nullptr);
     int loadLocalFolderToDB(QString path, int copyMode, bool recursive);
 
@@ -201,6 +202,9 @@ protected:
     void readingPass(const QList<QString>& files, std::vector<std::unique_ptr<DcmFileFormat>>& parsers);
     // Every series key (SeriesBase) of the catalogue.
     QSet<QString> cataloguedSeries();
+    // loadLocalFilesToDB's run; RESOLVEPATHS makes each path absolute and canonical first (the
+    // folder walk's paths are already).
+    int importFiles(QList<QString> files, int copyMode, bool resolvePaths);
     // The import pass shared by both modes; COPY adds the storage tree. Patients, studies and
     // series are written in the order of the run's plan, each row by an insert-or-look-up in a
     // unit of work of its own that is retried while another process holds the catalogue.
