@@ -109,7 +109,7 @@ private slots:
         QCOMPARE(TestCatalog::count("series"), 2);
 
         // A series received again: counter replaced, consumers' progress reset, one row per image,
-        // existing paths kept.
+        // each pointing at the file received last.
         QSqlQuery(QSqlDatabase::database()).exec("UPDATE images SET DBflag=1");
         QSqlQuery(QSqlDatabase::database()).exec("UPDATE series SET upDBnum=7, upCloudnum=3");
         for (const char* sop : {"a.1", "a.2", "a.3"})
@@ -120,7 +120,7 @@ private slots:
         QCOMPARE(TestCatalog::value("SELECT upDBnum + upCloudnum FROM series WHERE seriesUID = ?", {a}).toInt(), 0);
         QCOMPARE(TestCatalog::count("images", "seriesUID = '1.2.3.4''A'"), 3);
         QCOMPARE(TestCatalog::count("images", "DBflag <> 0"), 1); // only B's image keeps its flag
-        QCOMPARE(TestCatalog::value("SELECT filepath FROM images WHERE InstanceUID = 'a.2'"), QString("/r/a2"));
+        QCOMPARE(TestCatalog::value("SELECT filepath FROM images WHERE InstanceUID = 'a.2'"), QString("/r2/a.2"));
 
         // Files recorded by the other path: grouped by series, no import signal, cloud from then on.
         QSignalSpy files(recv, &QDcmRecvFile::notifyUploadFile);
@@ -228,13 +228,12 @@ private slots:
         QVERIFY(pokePort(provider.port, QByteArray(4096, '\x5a')));
         QVERIFY(pokePort(provider.port, QByteArray::fromHex("0100000000ff") + QByteArray(100, '\1')));
 
-        SyntheticImage us;
-        us.sopClassUid = "1.2.840.10008.5.1.4.1.1.6.1"; // ultrasound: not in the profile
-        us.modality = "US";
-        const QString usFile = dir.filePath("us.dcm");
-        QVERIFY(writeSyntheticImage(usFile, us));
+        SyntheticImage odd;
+        odd.sopClassUid = "1.2.826.0.1.3680043.10.543.7"; // no storage SOP class of the standard
+        const QString oddFile = dir.filePath("odd.dcm");
+        QVERIFY(writeSyntheticImage(oddFile, odd));
         const QStringList mr = writeSyntheticSeries(dir.filePath("mr"), SyntheticImage(), 1);
-        storescu(provider.port, {usFile, mr.first()}, {"-nh"});
+        storescu(provider.port, {oddFile, mr.first()}, {"-nh"});
         QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 1, 10000);
 
         SyntheticImage ct;
