@@ -9,12 +9,14 @@
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 #include <dcmtk/dcmdata/dcuid.h>
+#include <dcmtk/dcmdata/dcxfer.h>
 #include <dcmtk/dcmnet/diutil.h>
 
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QHash>
+#include <QSet>
 #include <QSettings>
 
 QDcmStorageSCU* QDcmStorageSCU::s_instance = nullptr;
@@ -93,8 +95,9 @@ void QDcmStorageSCU::SetForwardinfo(QString aeTitle, QString host, int port)
 
 namespace {
 
-// The series of FILE, read from its header; an error when it cannot be sent at all.
-OFCondition readSendable(const QString& file, QString& seriesUID)
+// The series, SOP class and transfer syntax of FILE, read from its header; an error when it
+// cannot be sent at all.
+OFCondition readSendable(const QString& file, QString& seriesUID, QString& sopClassUID, QString& transferSyntaxUID)
 {
     DcmFileFormat format;
     const QByteArray name = QFile::encodeName(file);
@@ -109,6 +112,8 @@ OFCondition readSendable(const QString& file, QString& seriesUID)
             return makeOFCondition(OFM_dcmnet, 0x3f1, OF_error,
                                    QStringLiteral("no %1 in its data set").arg(QLatin1String(what)).toUtf8().constData());
     seriesUID = kestrel::internal::dcmString(dataset, DCM_SeriesInstanceUID).trimmed();
+    sopClassUID = kestrel::internal::dcmString(dataset, DCM_SOPClassUID).trimmed();
+    transferSyntaxUID = kestrel::internal::dcmString(format.getMetaInfo(), DCM_TransferSyntaxUID).trimmed();
     return EC_Normal;
 }
 
@@ -118,10 +123,10 @@ OFCondition QDcmStorageSCU::addDicomFile(QString file)
 {
     if (!d)
         SetSendConfig();
-    QString series;
-    const OFCondition cond = readSendable(file, series);
+    QueuedFile queued{file, {}, {}, {}};
+    const OFCondition cond = readSendable(file, queued.seriesUID, queued.sopClassUID, queued.transferSyntaxUID);
     if (cond.good())
-        m_queue.append({file, series});
+        m_queue.append(queued);
     return cond;
 }
 
@@ -141,7 +146,7 @@ void QDcmStorageSCU::refuse(const QString& file, const QString& reason, int& ref
     emit notifyInstanceRefused(file, reason);
 }
 
-bool QDcmStorageSCU::sendSeries(const QStringList& files, int& refused)
+bool QDcmStorageSCU::sendSeries(const QVector<QueuedFile>& files, int& refused)
 {
     // A fresh transfer list and association count for each series.
     d->clear();
@@ -156,13 +161,14 @@ bool QDcmStorageSCU::sendSeries(const QStringList& files, int& refused)
                                                      [&](const QString& file, const QString& reason) {
                                                          refuse(file, reason, refused);
                                                      });
-    QStringList queued;
-    for (const QString& file : files) {
-        const OFCondition added = d->addDicomFile(OFFilename(QFile::encodeName(file).constData()), ERM_autoDetect, OFTrue);
+    QVector<QueuedFile> queued;
+    for (const QueuedFile& file : files) {
+        const OFCondition added =
+            d->addDicomFile(OFFilename(QFile::encodeName(file.path).constData()), ERM_autoDetect, OFTrue);
         if (added.good())
             queued << file;
         else
-            refuse(file, QString::fromLatin1(added.text()), refused);
+            refuse(file.path, QString::fromLatin1(added.text()), refused);
     }
     OFCondition cond = EC_Normal;
     bool reachable = true;
@@ -194,9 +200,19 @@ bool QDcmStorageSCU::sendSeries(const QStringList& files, int& refused)
     }
     disconnect(counting);
     const QString why = cond.bad() ? QString::fromLatin1(cond.text()) : QStringLiteral("not sent");
-    for (const QString& file : qAsConst(queued))
-        if (!d->answered().contains(file))
-            refuse(file, why, refused);
+    for (const QueuedFile& file : qAsConst(queued)) {
+        if (d->answered().contains(file.path))
+            continue;
+        if (cond == NET_EC_NoAcceptablePresentationContexts) {
+            const QByteArray sopClass = file.sopClassUID.toLatin1(), syntax = file.transferSyntaxUID.toLatin1();
+            refuse(file.path, QStringLiteral("the peer takes no %1 in %2")
+                                  .arg(QString::fromLatin1(dcmFindNameOfUID(sopClass.constData(), sopClass.constData())))
+                                  .arg(QString::fromLatin1(DcmXfer(syntax.constData()).getXferName())),
+                   refused);
+        } else {
+            refuse(file.path, why, refused);
+        }
+    }
     if (cond.bad())
         m_lastError = why;
     return reachable;
@@ -210,23 +226,26 @@ int QDcmStorageSCU::sendQueued()
     }
     // Series in the order their first file was queued, each file once.
     QStringList order;
-    QHash<QString, QStringList> bySeries;
+    QHash<QString, QVector<QueuedFile>> bySeries;
+    QSet<QString> seen;
     for (const QueuedFile& file : qAsConst(m_queue)) {
-        QStringList& files = bySeries[file.seriesUID];
+        if (seen.contains(file.path))
+            continue;
+        seen.insert(file.path);
+        QVector<QueuedFile>& files = bySeries[file.seriesUID];
         if (files.isEmpty())
             order << file.seriesUID;
-        if (!files.contains(file.path))
-            files << file.path;
+        files << file;
     }
     m_lastError.clear();
     int refused = 0, total = 0;
     bool reachable = true;
     for (const QString& series : qAsConst(order)) {
-        const QStringList& files = bySeries[series];
+        const QVector<QueuedFile>& files = bySeries[series];
         total += files.size();
         if (!reachable) {
-            for (const QString& file : files)
-                refuse(file, m_lastError, refused);
+            for (const QueuedFile& file : files)
+                refuse(file.path, m_lastError, refused);
             continue;
         }
         reachable = sendSeries(files, refused);

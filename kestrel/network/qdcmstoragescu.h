@@ -73,11 +73,13 @@ private:
     struct QueuedFile {
         QString path;
         QString seriesUID;
+        QString sopClassUID;
+        QString transferSyntaxUID;
     };
     int sendQueued();
     // Sends FILES (one series) in as many associations as their presentation contexts need;
     // false when the peer cannot be reached at all, so that the next series need not try.
-    bool sendSeries(const QStringList& files, int& refused);
+    bool sendSeries(const QVector<QueuedFile>& files, int& refused);
     void refuse(const QString& file, const QString& reason, int& refused);
 
     static QDcmStorageSCU* s_instance;

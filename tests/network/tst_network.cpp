@@ -2,6 +2,7 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
+#include "network/dcmnetwork_p.h"
 #include "network/qdcmstoragescp_p.h"
 #include "kestrelpaths.h"
 #include "qdcmfiles.h"
@@ -12,6 +13,8 @@
 
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmdata/dcuid.h>
+#include <dcmtk/dcmnet/scu.h>
 
 #include <QDate>
 #include <QElapsedTimer>
@@ -20,6 +23,8 @@
 #include <QSignalSpy>
 #include <QSqlQuery>
 #include <QtTest>
+
+#include <cstring>
 
 class TestNetwork : public QObject
 {
@@ -60,6 +65,85 @@ private slots:
         QDcmStorageSCP* scp = broken.service->listen();
         QTRY_VERIFY_WITH_TIMEOUT(scp->lastListenStatus() != 0, 10000);
         QVERIFY(!scp->isAccepting());
+    }
+
+    // What the provider takes, for every storage SOP class DCMTK knows (the profile lists 127 of
+    // them beside Verification, the provider takes the rest): uncompressed preferred when offered
+    // beside a compressed syntax; compressed syntaxes for classes with pixel data only; deflate for
+    // all; HTJ2K for none (DCMTK cannot carry it).
+    void negotiation_data()
+    {
+        QTest::addColumn<QStringList>("offered");
+        QTest::addColumn<QString>("pixelClasses");
+        QTest::addColumn<QString>("otherClasses");
+        const QString lee = UID_LittleEndianExplicitTransferSyntax, j2k = UID_JPEG2000LosslessOnlyTransferSyntax;
+        QTest::newRow("JPEG 2000 beside uncompressed") << QStringList{j2k, UID_BigEndianExplicitTransferSyntax, lee}
+                                                       << lee << lee;
+        QTest::newRow("JPEG 2000 alone") << QStringList{j2k} << j2k << QString();
+        QTest::newRow("JPEG baseline alone") << QStringList{UID_JPEGProcess1TransferSyntax}
+                                             << QString(UID_JPEGProcess1TransferSyntax) << QString();
+        QTest::newRow("deflate alone") << QStringList{UID_DeflatedExplicitVRLittleEndianTransferSyntax}
+                                       << QString(UID_DeflatedExplicitVRLittleEndianTransferSyntax)
+                                       << QString(UID_DeflatedExplicitVRLittleEndianTransferSyntax);
+        QTest::newRow("implicit alone") << QStringList{UID_LittleEndianImplicitTransferSyntax}
+                                        << QString(UID_LittleEndianImplicitTransferSyntax)
+                                        << QString(UID_LittleEndianImplicitTransferSyntax);
+        QTest::newRow("HTJ2K alone") << QStringList{"1.2.840.10008.1.2.4.201"} << QString() << QString();
+    }
+    void negotiation()
+    {
+        QFETCH(QStringList, offered);
+        QFETCH(QString, pixelClasses);
+        QFETCH(QString, otherClasses);
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.path()));
+        OFList<OFString> syntaxes;
+        for (const QString& uid : offered)
+            syntaxes.push_back(uid.toLatin1().constData());
+        // A proposal holds at most 128 presentation contexts: the classes go in a few associations.
+        QStringList wrong;
+        for (int first = 0; first < numberOfDcmAllStorageSOPClassUIDs; first += 120) {
+            DcmSCU scu;
+            scu.setPeerHostName("127.0.0.1");
+            scu.setPeerPort(Uint16(provider.port));
+            scu.setPeerAETitle("KESTREL");
+            scu.setAETitle("PROPOSER");
+            const int last = qMin(first + 120, numberOfDcmAllStorageSOPClassUIDs);
+            for (int i = first; i < last; ++i)
+                QVERIFY(scu.addPresentationContext(dcmAllStorageSOPClassUIDs[i], syntaxes).good());
+            QVERIFY(scu.initNetwork().good());
+            const OFCondition negotiated = scu.negotiateAssociation();
+            for (int i = first; i < last; ++i) {
+                const char* uid = dcmAllStorageSOPClassUIDs[i];
+                const bool pixels = dcmIsImageStorageSOPClassUID(uid) || !std::strcmp(uid, UID_SegmentationStorage)
+                                    || !std::strcmp(uid, UID_RTDoseStorage);
+                const QString expected = pixels ? pixelClasses : otherClasses;
+                QString accepted;
+                for (const QString& syntax : offered)
+                    if (negotiated.good() && scu.findPresentationContextID(uid, syntax.toLatin1().constData()) != 0)
+                        accepted = syntax;
+                if (accepted != expected)
+                    wrong << QString("%1: %2 instead of %3").arg(dcmFindNameOfUID(uid, uid), accepted, expected);
+            }
+            if (negotiated.good())
+                scu.releaseAssociation();
+        }
+        QVERIFY2(wrong.isEmpty(), qPrintable(wrong.join('\n')));
+    }
+
+    // How a C-STORE answer counts.
+    void storeAnswers()
+    {
+        using kestrel::internal::StoreAnswer;
+        const QList<QPair<quint16, StoreAnswer>> answers{
+            {0x0000, StoreAnswer::Success}, {0x0001, StoreAnswer::Warning}, {0xb000, StoreAnswer::Warning},
+            {0xb007, StoreAnswer::Warning}, {0x0107, StoreAnswer::Warning}, {0xa700, StoreAnswer::Failure},
+            {0xa900, StoreAnswer::Failure}, {0xc000, StoreAnswer::Failure}, {0x0110, StoreAnswer::Failure},
+            {0xfe00, StoreAnswer::Failure}};
+        for (const auto& [status, answer] : answers)
+            QVERIFY2(kestrel::internal::storeAnswer(status) == answer, qPrintable(QString::number(status, 16)));
+        QCOMPARE(kestrel::internal::storeStatusText(0xa700), QString("Refused: OutOfResources (0xa700)"));
     }
 
     // The bookkeeping rows, driven directly: series switching, duplicates, repeated series,
