@@ -17,6 +17,8 @@
 #include <QFile>
 #include <QHash>
 #include <QSet>
+
+#include <memory>
 #include <QSettings>
 
 QDcmStorageSCU* QDcmStorageSCU::s_instance = nullptr;
@@ -119,6 +121,23 @@ OFCondition readSendable(const QString& file, QString& seriesUID, QString& sopCl
 
 } // namespace
 
+OFCondition QDcmStorageSCU::addDecoded(const QString& file)
+{
+    auto format = std::make_unique<DcmFileFormat>();
+    OFCondition cond = kestrel::internal::loadPixelFile(*format, file, DCM_MaxReadLength);
+    DcmDataset* dataset = format->getDataset();
+    if (cond.good())
+        cond = dataset->chooseRepresentation(EXS_LittleEndianExplicit, nullptr);
+    if (cond.bad())
+        return makeOFCondition(OFM_dcmnet, 0x3f2, OF_error,
+                               QStringLiteral("its HTJ2K pixel data cannot be decoded (%1)").arg(cond.text()).toUtf8().constData());
+    // Lossy pixels are not decompressed for sending, as with the other compressed syntaxes.
+    if (!kestrel::internal::lossyCompressionNote(*format).isEmpty())
+        return makeOFCondition(OFM_dcmnet, 0x3f3, OF_error,
+                               "HTJ2K cannot be sent over this network, and its lossy pixels are not decompressed for it");
+    return d->addDecodedFile(file, format->getAndRemoveDataset());
+}
+
 OFCondition QDcmStorageSCU::addDicomFile(QString file)
 {
     if (!d)
@@ -163,8 +182,10 @@ bool QDcmStorageSCU::sendSeries(const QVector<QueuedFile>& files, int& refused)
                                                      });
     QVector<QueuedFile> queued;
     for (const QueuedFile& file : files) {
-        const OFCondition added =
-            d->addDicomFile(OFFilename(QFile::encodeName(file.path).constData()), ERM_autoDetect, OFTrue);
+        const OFCondition added = kestrel::internal::isHtj2kTransferSyntax(file.transferSyntaxUID)
+                                      ? addDecoded(file.path)
+                                      : d->addDicomFile(OFFilename(QFile::encodeName(file.path).constData()),
+                                                        ERM_autoDetect, OFTrue);
         if (added.good())
             queued << file;
         else

@@ -16,7 +16,7 @@ class QDcmStorageSCUPrivate;
 // one association per series (more when a series needs more than 128 presentation contexts), and
 // empties the queue; it blocks the calling thread. Each file is offered in its own transfer
 // syntax and, when it can be decompressed without loss, uncompressed too, and converted when the
-// peer takes only that. Every file gets an answer: sent (notifyInstanceSent, also after a
+// peer takes only that (HTJ2K, which DCMTK cannot carry, goes uncompressed). Every file gets an answer: sent (notifyInstanceSent, also after a
 // warning, which notifyInstanceWarning reports) or refused (notifyInstanceRefused, with the
 // peer's status or why it was not sent); a send with any refusal fails.
 class KESTREL_EXPORT QDcmStorageSCU : public QObject
@@ -81,6 +81,8 @@ private:
     // false when the peer cannot be reached at all, so that the next series need not try.
     bool sendSeries(const QVector<QueuedFile>& files, int& refused);
     void refuse(const QString& file, const QString& reason, int& refused);
+    // Queues an HTJ2K file decoded: DCMTK cannot send that syntax, so it goes uncompressed.
+    OFCondition addDecoded(const QString& file);
 
     static QDcmStorageSCU* s_instance;
     QDcmStorageSCUPrivate* d = nullptr;

@@ -2,6 +2,8 @@
 
 #include "network/dcmnetwork_p.h"
 
+#include <dcmtk/dcmdata/dcdatset.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcuid.h>
 #include <dcmtk/dcmdata/dcxfer.h>
 
@@ -11,10 +13,24 @@ QDcmStorageSCUPrivate::QDcmStorageSCUPrivate(QObject* parent) : QObject(parent) 
 
 QDcmStorageSCUPrivate::~QDcmStorageSCUPrivate() = default;
 
+OFCondition QDcmStorageSCUPrivate::addDecodedFile(const QString& file, DcmDataset* dataset)
+{
+    OFString sop;
+    dataset->findAndGetOFString(DCM_SOPInstanceUID, sop);
+    const OFCondition cond = addDataset(dataset, EXS_LittleEndianExplicit, HM_deleteAfterSend, OFTrue);
+    if (cond.good())
+        m_datasetFiles.insert(QString::fromLatin1(sop.c_str()), file);
+    else
+        delete dataset;
+    return cond;
+}
+
 void QDcmStorageSCUPrivate::notifySOPInstanceSent(const TransferEntry& transferEntry)
 {
     DcmStorageSCU::notifySOPInstanceSent(transferEntry);
-    const QString file = QFile::decodeName(transferEntry.Filename.getCharPointer());
+    const QString file = transferEntry.Filename.isEmpty()
+                             ? m_datasetFiles.value(QString::fromLatin1(transferEntry.SOPInstanceUID.c_str()))
+                             : QFile::decodeName(transferEntry.Filename.getCharPointer());
     m_answered.insert(file);
     if (!transferEntry.RequestSent) {
         const char* sopClass = dcmFindNameOfUID(transferEntry.SOPClassUID.c_str(), transferEntry.SOPClassUID.c_str());

@@ -5,6 +5,7 @@
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmnet/dstorscu.h>
 
+#include <QHash>
 #include <QObject>
 #include <QSet>
 #include <QString>
@@ -23,7 +24,14 @@ public:
 
     // Files DCMTK reported on since the last clearAnswered().
     const QSet<QString>& answered() const { return m_answered; }
-    void clearAnswered() { m_answered.clear(); }
+    void clearAnswered()
+    {
+        m_answered.clear();
+        m_datasetFiles.clear();
+    }
+    // Queues the data set of FILE, decoded already (DCMTK cannot read the file's transfer syntax);
+    // the data set is deleted once sent.
+    OFCondition addDecodedFile(const QString& file, DcmDataset* dataset);
 
 signals:
     void notifyInstanceSent();
@@ -36,4 +44,5 @@ protected:
 
 private:
     QSet<QString> m_answered;
+    QHash<QString, QString> m_datasetFiles; // SOP Instance UID -> file of the data sets queued
 };

@@ -3,6 +3,7 @@
 // (uncompressed only: decoded without loss) and at dcmrecv (as sent); refusals are named.
 
 #include "dicompeers.h"
+#include "encodedpixels.h"
 #include "testcatalog.h"
 
 #include "dicom/codecs_p.h"
@@ -115,6 +116,9 @@ class TestInterop : public QObject
         return list;
     }
     QString scratch() const { return m_dir.filePath("scratch.dcm"); }
+    // 1.dcm's pixels as HTJ2K, reversible (transfer syntax HTJ2K lossless) or not (HTJ2K), under a
+    // SOP Instance UID of its own.
+    QString htj2kFile(bool reversible);
 
     // The objects of other kinds, made by DCMTK's own tools: CR and an RT structure set and a
     // basic text SR from dumps, US from a bitmap, an encapsulated PDF.
@@ -212,6 +216,24 @@ bool TestInterop::makeObjects()
     return true;
 }
 
+QString TestInterop::htj2kFile(bool reversible)
+{
+    const QString source = sharedDataPath("transfer_syntaxes/1.dcm");
+    DcmFileFormat format;
+    const Uint16* words = nullptr;
+    unsigned long count = 0;
+    if (format.loadFile(QFile::encodeName(source).constData()).bad()
+        || format.getDataset()->findAndGetUint16Array(DCM_PixelData, words, &count).bad() || count != 384 * 384)
+        return {};
+    Encapsulated spec;
+    spec.frames << encodeOpenJph(QVector<quint16>(words, words + count), 384, 384, reversible);
+    spec.xfer = reversible ? EXS_JPEG2000LosslessOnly : EXS_JPEG2000;
+    spec.tsUid = reversible ? kestrel::internal::kHtj2kLosslessUid : kestrel::internal::kHtj2kUid;
+    spec.changes.insert(DCM_SOPInstanceUID, QString("1.2.826.0.1.3680043.10.543.6.%1").arg(reversible));
+    const QString target = m_dir.filePath(QString("htj2k-%1.dcm").arg(reversible));
+    return writeEncapsulated(source, target, spec) ? target : QString();
+}
+
 void TestInterop::initTestCase()
 {
     for (const char* tool : {"storescu", "storescp", "dcmsend", "dcmrecv", "dump2dcm", "img2dcm", "pdf2dcm"})
@@ -287,23 +309,29 @@ void TestInterop::peersToKestrel()
 }
 
 // `kestrel send` to storescp, which takes uncompressed data only: every object arrives,
-// compressed ones decoded without loss on the way (JPEG 2000 by our decoder).
+// compressed ones decoded without loss on the way (JPEG 2000 by our decoder), and an HTJ2K file,
+// which DCMTK cannot carry at all, too.
 void TestInterop::kestrelToStorescp()
 {
     const QString out = m_dir.filePath("storescp");
     QVERIFY(QDir().mkpath(out));
     Storescp storescp;
     QVERIFY(storescp.start(out));
+    QList<TestObject> objects = m_objects;
+    objects.append({"HTJ2K lossless", htj2kFile(true), {}, "1.2.826.0.1.3680043.10.543.6.1"});
+    QVERIFY(!objects.last().file.isEmpty());
+    QStringList all = files();
+    all << objects.last().file;
     QProcess send;
     send.setProcessEnvironment(peerEnvironment());
-    send.start(HostProcess::program(), QStringList{"send", "--port", QString::number(storescp.port), "--aet", "PEER"} + files());
+    send.start(HostProcess::program(), QStringList{"send", "--port", QString::number(storescp.port), "--aet", "PEER"} + all);
     QVERIFY(send.waitForFinished(60000));
     const QString printed = QString::fromUtf8(send.readAllStandardOutput());
     QCOMPARE(send.exitCode(), 0);
-    QVERIFY2(printed.endsWith(QString("sent %1, refused 0\n").arg(m_objects.size())), qPrintable(printed));
-    QTRY_COMPARE_WITH_TIMEOUT(bySop(out).size(), m_objects.size(), 10000);
+    QVERIFY2(printed.endsWith(QString("sent %1, refused 0\n").arg(objects.size())), qPrintable(printed));
+    QTRY_COMPARE_WITH_TIMEOUT(bySop(out).size(), objects.size(), 10000);
     const QMap<QString, QString> received = bySop(out);
-    for (const TestObject& object : qAsConst(m_objects)) {
+    for (const TestObject& object : qAsConst(objects)) {
         const QString file = received.value(object.sopInstanceUID);
         QVERIFY2(!file.isEmpty(), qPrintable(object.name + " did not arrive"));
         QVERIFY2(DcmXfer(metaValue(file, DCM_TransferSyntaxUID).toLatin1().constData()).isNotEncapsulated(),
@@ -351,8 +379,9 @@ void TestInterop::kestrelToDcmrecv()
 }
 
 // A peer that refuses objects: one by its C-STORE status (storescp cannot write it: Out of
-// Resources), one for want of a presentation context (a profile without SR); two files cannot
-// be read at all. `kestrel send` delivers the rest, names each of the four and exits 1.
+// Resources), one for want of a presentation context (a profile without SR); lossy HTJ2K is not
+// decompressed to be sent; two files cannot be read at all. `kestrel send` delivers the rest,
+// names each of the five and exits 1.
 void TestInterop::refusalsAreNamed()
 {
     const QString out = m_dir.filePath("refusing");
@@ -383,23 +412,27 @@ void TestInterop::refusalsAreNamed()
     }
     const TestObject& sr = m_objects.at(3);
     const TestObject& mr = m_objects.at(6);
+    const QString lossy = htj2kFile(false);
+    QVERIFY(!lossy.isEmpty());
     QProcess send;
     send.setProcessEnvironment(peerEnvironment());
     send.start(HostProcess::program(), {"send", "--port", QString::number(storescp.port), "--aet", "PEER", cr.file,
-                                        noSop, sr.file, junk, mr.file});
+                                        noSop, sr.file, junk, mr.file, lossy});
     QVERIFY(send.waitForFinished(60000));
     const QString printed = QString::fromUtf8(send.readAllStandardOutput());
     const QString errors = QString::fromUtf8(send.readAllStandardError());
     QCOMPARE(send.exitCode(), 1);
-    QVERIFY2(printed.endsWith("sent 1, refused 2 (Refused: OutOfResources (0xa700); the peer takes no BasicTextSRStorage "
-                              "in Little Endian Explicit), skipped 2 unreadable\n"),
+    const QString lossyReason = "HTJ2K cannot be sent over this network, and its lossy pixels are not decompressed for it";
+    QVERIFY2(printed.endsWith("sent 1, refused 3 (" + lossyReason + "; Refused: OutOfResources (0xa700); the peer "
+                              "takes no BasicTextSRStorage in Little Endian Explicit), skipped 2 unreadable\n"),
              qPrintable(printed));
     for (const QString& expected : {"refused " + cr.file + ": Refused: OutOfResources (0xa700)",
                                     "refused " + sr.file + ": the peer takes no BasicTextSRStorage",
+                                    "refused " + lossy + ": " + lossyReason,
                                     "skipped " + junk + ": not a readable DICOM file",
                                     "skipped " + noSop + ": no SOP Instance UID in its data set"})
         QVERIFY2(errors.contains(expected), qPrintable(errors));
-    QVERIFY2(errors.contains("kestrel send: 4 of 5 files did not arrive"), qPrintable(errors));
+    QVERIFY2(errors.contains("kestrel send: 5 of 6 files did not arrive"), qPrintable(errors));
     QTRY_COMPARE_WITH_TIMEOUT(bySop(out).keys(), QStringList{mr.sopInstanceUID}, 10000);
 }
 
