@@ -117,7 +117,14 @@ OFCondition QDcmStorageSCPPrivate::storeObject(T_DIMSE_C_StoreRQ& request, T_ASC
     }
     DcmFileFormat received;
     const bool readable = kestrel::internal::guardedRead([&] {
-        return received.loadFile(QFile::encodeName(part).constData(), EXS_Unknown, EGL_noChange, 256);
+        const OFCondition loaded = received.loadFile(QFile::encodeName(part).constData(), EXS_Unknown, EGL_noChange, 4096);
+        // What the naming and the announcement read, in memory before the part file is gone.
+        for (const DcmTagKey& tag : {DCM_SeriesInstanceUID, DCM_SeriesDate, DCM_SOPClassUID, DCM_SOPInstanceUID}) {
+            DcmElement* element = nullptr;
+            if (loaded.good() && received.getDataset()->findAndGetElement(tag, element).good() && element)
+                element->loadAllDataIntoMemory();
+        }
+        return loaded;
     }).good();
     QString placed;
     const Uint16 status = readable ? placeReceived(request, part, received.getDataset(), placed)
