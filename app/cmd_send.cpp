@@ -8,6 +8,7 @@
 #include <QCommandLineParser>
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QMap>
 #include <QTextStream>
 
 namespace {
@@ -15,7 +16,8 @@ namespace {
 int runSend(const QStringList& args)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription("Sends DICOM files to a storage provider in one association.");
+    parser.setApplicationDescription("Sends DICOM files to a storage provider, one association per series. Exits with 1\n"
+                                     "when any file was refused by the peer or could not be read.");
     parser.addHelpOption();
     parser.addOption({"verbose", "Show DCMTK's network log."});
     parser.addOption({"host", "Peer host name or address.", "H", "127.0.0.1"});
@@ -63,25 +65,48 @@ int runSend(const QStringList& args)
     scu->setPeerPort(short(port & 0xffff));
     scu->SetSendConfig();
 
-    int queued = 0;
+    int queued = 0, skipped = 0;
     for (const QString& file : qAsConst(files)) {
-        if (scu->onNotifyAddOneDicomFile(file) == 0)
+        const OFCondition added = scu->addDicomFile(file);
+        if (added.good()) {
             ++queued;
-        else
-            err << "kestrel send: skipped " << file << ": not a readable DICOM file" << Qt::endl;
+        } else {
+            ++skipped;
+            err << "kestrel send: skipped " << file << ": " << added.text() << Qt::endl;
+        }
     }
     if (queued == 0)
         return app::fail("send", "nothing to send");
 
     int sent = 0;
+    QMap<QString, int> reasons;
     QObject::connect(scu, &QDcmStorageSCU::notifyInstanceSent, [&] {
         ++sent;
         out << "sent " << sent << "/" << queued << Qt::endl;
     });
-    const int result = scu->onNotifySentDicomFiles();
-    out << "sent " << sent << " of " << files.size() << " files" << Qt::endl;
-    if (result != 0)
-        return app::fail("send", QString("the transfer to %1:%2 failed").arg(parser.value("host")).arg(port));
+    QObject::connect(scu, &QDcmStorageSCU::notifyInstanceWarning, [&](const QString& file, const QString& reason) {
+        err << "kestrel send: stored with a warning: " << file << ": " << reason << Qt::endl;
+    });
+    QObject::connect(scu, &QDcmStorageSCU::notifyInstanceRefused, [&](const QString& file, const QString& reason) {
+        ++reasons[reason];
+        err << "kestrel send: refused " << file << ": " << reason << Qt::endl;
+    });
+    scu->onNotifySentDicomFiles();
+    int refused = 0;
+    QStringList why;
+    for (auto it = reasons.constBegin(); it != reasons.constEnd(); ++it) {
+        refused += it.value();
+        why << (it.value() > 1 ? QString("%1 x %2").arg(it.value()).arg(it.key()) : it.key());
+    }
+    out << "sent " << sent << ", refused " << refused;
+    if (refused > 0)
+        out << " (" << why.join("; ") << ")";
+    if (skipped > 0)
+        out << ", skipped " << skipped << " unreadable";
+    out << Qt::endl;
+    if (refused > 0 || skipped > 0)
+        return app::fail("send", QString("%1 of %2 files did not arrive at %3:%4")
+                                     .arg(refused + skipped).arg(files.size()).arg(parser.value("host")).arg(port));
     return 0;
 }
 

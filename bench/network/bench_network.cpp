@@ -1,7 +1,14 @@
 // Receive throughput of `kestrel listen` (with its series bookkeeping) next to DCMTK's storescp,
-// both fed by the same storescu command, and send throughput of `kestrel send` next to storescu,
-// both sending to the same storescp. Usage: bench_network [objects] [rows=columns] [rounds]
+// both fed by the same storescu command; of compressed objects next to dcmrecv; and send
+// throughput of `kestrel send` next to storescu, both sending to the same storescp.
+// Usage: bench_network [objects] [rows=columns] [rounds]
 #include "syntheticdicom.h"
+#include "testcatalog.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmdata/dcuid.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -161,6 +168,49 @@ void line(const QString& name, const Result& r, int objects, double megabytes, c
     out << Qt::endl;
 }
 
+// Copies of the compressed files of the shared transfer_syntaxes folder (RLE, JPEG lossless,
+// JPEG-LS, JPEG 2000), COUNT in all, each with a SOP Instance UID of its own and one series per
+// file, below DIR; the number written.
+int writeCompressedCopies(const QString& dir, int count)
+{
+    const QString shared = sharedDataPath("transfer_syntaxes");
+    if (shared.isEmpty())
+        return 0;
+    int written = 0;
+    for (int n = 4; n <= 9; ++n) {
+        DcmFileFormat format;
+        if (format.loadFile(QFile::encodeName(QString("%1/%2.dcm").arg(shared).arg(n)).constData()).bad())
+            continue;
+        DcmDataset* ds = format.getDataset();
+        ds->loadAllDataIntoMemory();
+        char uid[100];
+        ds->putAndInsertString(DCM_SeriesInstanceUID, dcmGenerateUniqueIdentifier(uid));
+        const QString folder = QString("%1/ts%2").arg(dir).arg(n);
+        QDir().mkpath(folder);
+        for (int i = 0; i < count / 6; ++i) {
+            ds->putAndInsertString(DCM_SOPInstanceUID, dcmGenerateUniqueIdentifier(uid));
+            if (format.saveFile(QFile::encodeName(QString("%1/%2.dcm").arg(folder).arg(i)).constData()).good())
+                ++written;
+        }
+    }
+    return written;
+}
+
+// storescu's association profile for the copies: each compressed syntax in a context of its own,
+// so that every object goes as it is stored.
+QString writeCompressedProfile(const QString& file)
+{
+    QFile cfg(file);
+    cfg.open(QIODevice::WriteOnly);
+    cfg.write("[[TransferSyntaxes]]\n[RLE]\nTransferSyntax1 = RLELossless\n"
+              "[JPEG]\nTransferSyntax1 = JPEGLossless:Non-hierarchical-1stOrderPrediction\n"
+              "[JPEGLS]\nTransferSyntax1 = JPEGLSLossless\n[J2K]\nTransferSyntax1 = JPEG2000LosslessOnly\n"
+              "[[PresentationContexts]]\n[Compressed]\nPresentationContext1 = MRImageStorage\\RLE\n"
+              "PresentationContext2 = MRImageStorage\\JPEG\nPresentationContext3 = MRImageStorage\\JPEGLS\n"
+              "PresentationContext4 = MRImageStorage\\J2K\n[[Profiles]]\n[Compressed]\nPresentationContexts = Compressed\n");
+    return file;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -236,9 +286,46 @@ int main(int argc, char* argv[])
                 (ours ? sendResult : storescuResult).add(t, cpu);
         }
     }
+    // Compressed objects, stored as they come: kestrel listen next to dcmrecv (bit-preserving, as
+    // Kestrel stores).
+    const int compressed = writeCompressedCopies(dir.filePath("compressed"), objects / 4);
+    const QString profile = writeCompressedProfile(dir.filePath("compressed.cfg"));
+    double compressedMb = 0;
+    for (QDirIterator it(dir.filePath("compressed"), QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
+        compressedMb += QFileInfo(it.next()).size() / 1e6;
+    Result dcmrecvResult, listenCompressedResult;
+    for (int round = 0; compressed > 0 && round < rounds; ++round) {
+        for (const bool ours : {false, true}) {
+            Peer receiver;
+            const QString target = dir.filePath(QString("recvc%1%2").arg(ours ? "k" : "d").arg(round));
+            QDir().mkpath(target);
+            const bool up = ours ? receiver.start(kestrel, {"--config", dir.filePath("config"), "listen", "--port",
+                                                            QString::number(receiver.port), "--out", target})
+                                 : receiver.start("dcmrecv", {"-xf", "/etc/dcmtk/storescp.cfg", "Default", "+B", "-od",
+                                                              target, QString::number(receiver.port)});
+            if (!up)
+                continue;
+            const double cpu0 = processCpu(receiver.process.processId());
+            const double t = timedRun("storescu", scuArgs + QStringList{QString::number(receiver.port), "-xf", profile,
+                                                                         "Compressed", "+sd", "+r",
+                                                                         dir.filePath("compressed")});
+            const double cpu = processCpu(receiver.process.processId()) - cpu0;
+            if (t > 0 && countFiles(target) == compressed)
+                (ours ? listenCompressedResult : dcmrecvResult).add(t, cpu);
+        }
+    }
+
     out << "receive (sender: storescu)\n";
     line("storescp", scpResult, sent, mb, nullptr);
     line("kestrel listen (with bookkeeping)", listenResult, sent, mb, &scpResult);
+    if (compressed > 0) {
+        out << "receive compressed: " << compressed << " copies of the shared RLE, JPEG lossless, JPEG-LS and JPEG 2000 "
+            << "files (" << QString::number(compressedMb, 'f', 1) << " MB; sender: storescu)\n";
+        line("dcmrecv (bit-preserving)", dcmrecvResult, compressed, compressedMb, nullptr);
+        line("kestrel listen (with bookkeeping)", listenCompressedResult, compressed, compressedMb, &dcmrecvResult);
+    } else {
+        out << "receive compressed: left out, the shared transfer_syntaxes files are not there\n";
+    }
     out << "send (receiver: storescp)\n";
     line("storescu", storescuResult, sent, mb, nullptr);
     line("kestrel send", sendResult, sent, mb, &storescuResult);

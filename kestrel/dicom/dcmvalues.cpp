@@ -6,10 +6,7 @@
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcerror.h>
 #include <dcmtk/dcmdata/dcitem.h>
-#include <dcmtk/dcmdata/dcrledrg.h>
 #include <dcmtk/dcmdata/dctag.h>
-#include <dcmtk/dcmjpeg/djdecode.h>
-#include <dcmtk/dcmjpls/djdecode.h>
 
 #include <QStringList>
 
@@ -124,17 +121,6 @@ QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
     if (ascii)
         return QString::fromLatin1(bytes);
     return decodeDicomText(bytes, dcmCharacterSet(item), dcmIsPersonName(tag));
-}
-
-void registerDecoders()
-{
-    static const bool registered = [] {
-        DcmRLEDecoderRegistration::registerCodecs();
-        DJDecoderRegistration::registerCodecs();
-        DJLSDecoderRegistration::registerCodecs();
-        return true;
-    }();
-    Q_UNUSED(registered);
 }
 
 OFCondition guardedRead(const std::function<OFCondition()>& read)

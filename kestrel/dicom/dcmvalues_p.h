@@ -53,9 +53,6 @@ KESTREL_TEST_EXPORT QString dcmCharacterSet(DcmItem* item);
 // A person name (or any text attribute) decoded by the item's SpecificCharacterSet.
 KESTREL_TEST_EXPORT QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag);
 
-// Registers DCMTK's decoders of compressed pixel data (RLE, JPEG, JPEG-LS), once per process.
-KESTREL_TEST_EXPORT void registerDecoders();
-
 // Runs READ (a DCMTK load of outside data) and returns its condition. Some crafted files make
 // DCMTK's parser throw (std::out_of_range from its directory record checks, for one) instead of
 // failing: the exception is caught and reported as EC_CorruptedData, so a bad file is one

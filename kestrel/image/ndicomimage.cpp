@@ -1,10 +1,10 @@
 #include "ndicomimage.h"
 
-#include "image/regionscan_p.h"
-
+#include "dicom/codecs_p.h"
 #include "dicom/dcmvalues_p.h"
 #include "geometry/imagegeometry_p.h"
 #include "image/imageio_p.h"
+#include "image/regionscan_p.h"
 #include "simd/kernels_p.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -464,11 +464,9 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
 {
     Q_UNUSED(flag); // callers pass true; reading does not depend on it
     m_referenceFile = file;
-    kestrel::internal::registerDecoders();
+    m_lossyNote.clear();
     DcmFileFormat fileFormat;
-    const QByteArray name = QFile::encodeName(file);
-    const OFCondition status =
-        guardedRead([&] { return fileFormat.loadFile(name.constData(), EXS_Unknown, EGL_noChange, 4096); });
+    const OFCondition status = kestrel::internal::loadPixelFile(fileFormat, file);
     if (status.bad()) {
         qWarning() << "NDicomImage::readReferenceFileInfo: cannot read" << file << status.text();
         return false;
@@ -541,14 +539,14 @@ bool NDicomImage::readReferenceFileInfo(QString file, bool flag)
         qWarning("%s", qPrintable(read.text()));
         return false;
     }
+    m_lossyNote = kestrel::internal::lossyCompressionNote(fileFormat);
     return true;
 }
 
 bool NDicomImage::saveAs(QString outFile, QString templateFile, QString seriesUID)
 {
     DcmFileFormat fileFormat;
-    const QByteArray templateName = templateFile.toLocal8Bit();
-    if (guardedRead([&] { return fileFormat.loadFile(templateName.constData()); }).bad()) {
+    if (kestrel::internal::loadPixelFile(fileFormat, templateFile, DCM_MaxReadLength).bad()) {
         qWarning() << "NDicomImage::saveAs: cannot read the template" << templateFile;
         return false;
     }

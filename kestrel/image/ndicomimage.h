@@ -105,6 +105,9 @@ public:
     int getLargestPixelValue() const { return m_largestPixel; }
     // The file the image was read from (readReferenceFileInfo).
     QString getReferenceFile() const { return m_referenceFile; }
+    // Empty when the file's pixels are as acquired; otherwise what lossy compression they went
+    // through ("lossy compressed (JPEG Baseline)"), for the viewer to show beside the image.
+    QString getLossyNote() const { return m_lossyNote; }
 
     // Size changes: the steps are recomputed and the buffer allocated anew (contents undefined).
     void setImage(int width, int height, int pixStep);
@@ -207,7 +210,7 @@ private:
     QString m_referenceFile;
     QString m_refPatientPosition;
     QString m_refSoftwareVersions;
-    QString m_refReserved;
+    QString m_lossyNote;
     int m_seriesNumber = 0;
     unsigned char* m_pixels = nullptr;
     double m_topPoint[3] = {0, 0, 0};

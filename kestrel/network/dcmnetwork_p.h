@@ -1,5 +1,12 @@
 #pragma once
 
+#include "platform/testexport_p.h"
+
+#include <QString>
+#include <QtGlobal>
+
+struct T_ASC_Parameters;
+
 namespace kestrel::internal {
 
 // DCMTK leaves Nagle's algorithm on for its sockets unless the environment variable TCP_NODELAY
@@ -7,5 +14,17 @@ namespace kestrel::internal {
 // (about 20 objects a second on loopback). Sets it to 1 for this process unless the user set it.
 // Call from the main thread before the first association.
 void disableNagleForDcmtk();
+
+// Accepts every proposed presentation context of PARAMS that is still unanswered and names a
+// storage SOP class DCMTK knows, in the first of explicit little endian, implicit little endian,
+// explicit big endian and deflate that the sender offers. Returns how many it accepted.
+KESTREL_TEST_EXPORT int acceptRemainingStorageContexts(T_ASC_Parameters* params);
+
+// How a peer answered a C-STORE: success; a warning (0001, 0107, 0116, Bxxx: stored, with a
+// remark); anything else is a failure (refused, error, cancelled).
+enum class StoreAnswer { Success, Warning, Failure };
+KESTREL_TEST_EXPORT StoreAnswer storeAnswer(quint16 status);
+// The status as DCMTK names it, with its code: "Refused: Out of Resources (0xa700)".
+KESTREL_TEST_EXPORT QString storeStatusText(quint16 status);
 
 } // namespace kestrel::internal

@@ -42,11 +42,12 @@ Status recordSeries(QSqlDatabase db, const _recvSeries& series, int cloudflag)
         return status;
 
     Statement insert(db, insertVerb + QStringLiteral(" INTO images (seriesUID,InstanceUID,DBflag,Cloudflag,filepath) VALUES (?, ?, ?, ?, ?)"));
-    // An existing row keeps its file path; only its flags start over.
-    Statement update(db, QStringLiteral("UPDATE images SET DBflag=0,Cloudflag=? WHERE InstanceUID = ?"));
+    // An object received again: its flags start over and its row points at the file just stored
+    // (the earlier one may be gone).
+    Statement update(db, QStringLiteral("UPDATE images SET DBflag=0,Cloudflag=?,filepath=? WHERE InstanceUID = ?"));
     for (auto it = series.instances.constBegin(); it != series.instances.constEnd(); ++it) {
         status = insertOrUpdate(insert, {series.seriesUID, it.key(), 0, cloudflag, it.value()}, update,
-                                {cloudflag, it.key()});
+                                {cloudflag, it.value(), it.key()});
         if (!status)
             return status;
     }

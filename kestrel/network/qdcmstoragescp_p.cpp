@@ -1,14 +1,18 @@
 #include "network/qdcmstoragescp_p.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "network/dcmnetwork_p.h"
 #include "platform/fileplacement_p.h"
 
 #include <dcmtk/dcmdata/dcdatset.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
 
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+
+#include <unistd.h>
 
 QDcmStorageSCPPrivate::QDcmStorageSCPPrivate(QObject* parent) : QObject(parent) {}
 
@@ -41,6 +45,8 @@ OFCondition QDcmStorageSCPPrivate::handleIncomingCommand(T_DIMSE_Message* incomi
         // An error ends DCMTK's association loop, which then aborts the association itself.
         return makeOFCondition(OFM_dcmnet, 0x3ff, OF_error, "association aborted: the provider is stopping");
     }
+    if (incomingMsg && incomingMsg->CommandField == DIMSE_C_STORE_RQ)
+        return storeObject(incomingMsg->msg.CStoreRQ, presInfo.presentationContextID);
     return DcmStorageSCP::handleIncomingCommand(incomingMsg, presInfo);
 }
 
@@ -83,15 +89,65 @@ OFBool QDcmStorageSCPPrivate::stopAfterConnectionTimeout()
     return m_stop;
 }
 
-Uint16 QDcmStorageSCPPrivate::checkAndProcessSTORERequest(const T_DIMSE_C_StoreRQ& reqMessage, DcmFileFormat& fileformat)
+void QDcmStorageSCPPrivate::notifyAssociationRequest(const T_ASC_Parameters& params, DcmSCPActionType& desiredAction)
 {
-    DcmDataset* dataset = fileformat.getDataset();
-    if (!dataset || dataset->isEmpty())
-        return STATUS_STORE_Error_CannotUnderstand;
+    DcmStorageSCP::notifyAssociationRequest(params, desiredAction);
+    // DCMTK hands the association's own parameters, which negotiation fills in.
+    m_requestParameters = const_cast<T_ASC_Parameters*>(&params);
+}
+
+OFCondition QDcmStorageSCPPrivate::negotiateAssociation()
+{
+    const OFCondition cond = DcmStorageSCP::negotiateAssociation();
+    if (cond.good() && m_requestParameters)
+        kestrel::internal::acceptRemainingStorageContexts(m_requestParameters);
+    m_requestParameters = nullptr;
+    return cond;
+}
+
+OFCondition QDcmStorageSCPPrivate::storeObject(T_DIMSE_C_StoreRQ& request, T_ASC_PresentationContextID presentationContext)
+{
+    const QString folder = QFile::decodeName(getOutputDirectory().c_str());
+    const QString part = kestrel::internal::partName(QDir(folder).filePath(QStringLiteral(".received")));
+    OFCondition cond = receiveSTORERequest(request, presentationContext, OFString(QFile::encodeName(part).constData()));
+    if (cond.bad()) {
+        // The association cannot go on; DCMTK's loop ends it.
+        QFile::remove(part);
+        return cond;
+    }
+    DcmFileFormat received;
+    const bool readable = kestrel::internal::guardedRead([&] {
+        const OFCondition loaded = received.loadFile(QFile::encodeName(part).constData(), EXS_Unknown, EGL_noChange, 4096);
+        // What the naming and the announcement read, in memory before the part file is gone.
+        for (const DcmTagKey& tag : {DCM_SeriesInstanceUID, DCM_SeriesDate, DCM_SOPClassUID, DCM_SOPInstanceUID}) {
+            DcmElement* element = nullptr;
+            if (loaded.good() && received.getDataset()->findAndGetElement(tag, element).good() && element)
+                element->loadAllDataIntoMemory();
+        }
+        return loaded;
+    }).good();
+    QString placed;
+    const Uint16 status = readable ? placeReceived(request, part, received.getDataset(), placed)
+                                   : Uint16(STATUS_STORE_Error_CannotUnderstand);
+    if (status != STATUS_Success) {
+        QFile::remove(part);
+        qWarning() << "QDcmStorageSCPPrivate: object" << request.AffectedSOPInstanceUID << "from"
+                   << getPeerAETitle().c_str() << "not stored, status" << Qt::hex << status;
+    }
+    cond = sendSTOREResponse(presentationContext, request, status);
+    if (status == STATUS_Success)
+        notifyInstanceStored(OFString(QFile::encodeName(placed).constData()), request.AffectedSOPClassUID,
+                             request.AffectedSOPInstanceUID, received.getDataset());
+    return cond;
+}
+
+Uint16 QDcmStorageSCPPrivate::placeReceived(const T_DIMSE_C_StoreRQ& request, const QString& part, DcmDataset* dataset,
+                                            QString& placed)
+{
     OFString filename, directory;
-    OFString sopClassUID = reqMessage.AffectedSOPClassUID;
-    OFString sopInstanceUID = reqMessage.AffectedSOPInstanceUID;
-    if (generateDirAndFilename(filename, directory, sopClassUID, sopInstanceUID, dataset).bad())
+    OFString sopClassUID = request.AffectedSOPClassUID;
+    OFString sopInstanceUID = request.AffectedSOPInstanceUID;
+    if (!dataset || generateDirAndFilename(filename, directory, sopClassUID, sopInstanceUID, dataset).bad())
         return STATUS_STORE_Error_CannotUnderstand;
     // Another provider may be making the same folder at this moment: what counts is that it is there.
     const QString folder = QFile::decodeName(directory.c_str());
@@ -99,18 +155,15 @@ Uint16 QDcmStorageSCPPrivate::checkAndProcessSTORERequest(const T_DIMSE_C_StoreR
         qWarning() << "QDcmStorageSCPPrivate: cannot create" << folder;
         return STATUS_STORE_Refused_OutOfResources;
     }
-    fileformat.getMetaInfo()->putAndInsertString(DCM_SourceApplicationEntityTitle, getPeerAETitle().c_str());
-
     const QString target = normalizedFileName(filename);
-    QString placed = target;
+    placed = target;
     for (int attempt = 1;; ++attempt) {
-        const QString part = kestrel::internal::partName(placed);
-        if (fileformat.saveFile(QFile::encodeName(part).constData()).bad()) {
-            QFile::remove(part);
-            qWarning() << "QDcmStorageSCPPrivate: cannot store a received object as" << part;
+        // placeFile consumes the part it is given; the received file stays until it is in place.
+        const QString copy = kestrel::internal::partName(placed);
+        if (::link(QFile::encodeName(part).constData(), QFile::encodeName(copy).constData()) != 0
+            && !QFile::copy(part, copy))
             return STATUS_STORE_Refused_OutOfResources;
-        }
-        const kestrel::internal::Placement result = kestrel::internal::placeFile(part, placed);
+        const kestrel::internal::Placement result = kestrel::internal::placeFile(copy, placed);
         if (result == kestrel::internal::Placement::Placed || result == kestrel::internal::Placement::AlreadyThere)
             break;
         if (result == kestrel::internal::Placement::Failed || attempt >= 100)
@@ -119,7 +172,7 @@ Uint16 QDcmStorageSCPPrivate::checkAndProcessSTORERequest(const T_DIMSE_C_StoreR
         // this one gets a name of its own.
         placed = QStringLiteral("%1-%2").arg(target).arg(attempt + 1);
     }
-    notifyInstanceStored(OFString(QFile::encodeName(placed).constData()), sopClassUID, sopInstanceUID, dataset);
+    QFile::remove(part);
     return STATUS_Success;
 }
 

@@ -54,16 +54,26 @@ protected:
     void notifyDIMSEError(const OFCondition& cond) override;
     OFBool stopAfterCurrentAssociation() override;
     OFBool stopAfterConnectionTimeout() override;
-    // Stores a received object: written under a name of its own, then put in place in one step,
-    // so that providers sharing a receiving folder never leave a half-written or overwritten
-    // file; another object under the same name gets a name of its own. The sender's AE title goes
-    // into the file's meta header.
-    Uint16 checkAndProcessSTORERequest(const T_DIMSE_C_StoreRQ& reqMessage, DcmFileFormat& fileformat) override;
+    // Keeps the request's parameters for negotiateAssociation.
+    void notifyAssociationRequest(const T_ASC_Parameters& params, DcmSCPActionType& desiredAction) override;
+    // The association profile first; then the storage classes it cannot list (DCMTK holds at most
+    // 128 presentation contexts in a profile) are accepted uncompressed or deflated.
+    OFCondition negotiateAssociation() override;
     // DCMTK declares this const; the series UID it keeps is therefore mutable.
     void notifyInstanceStored(const OFString& filename, const OFString& sopClassUID, const OFString& sopInstanceUID,
                               DcmDataset* dataset = nullptr) const override;
 
 private:
+    // Receives the data set of a C-STORE request into a file of its own, byte for byte as it
+    // arrives (the meta header naming the sender's AE title), puts it in place and answers. Providers
+    // sharing a receiving folder never leave a half-written or overwritten file; another object
+    // under the same name gets a name of its own.
+    OFCondition storeObject(T_DIMSE_C_StoreRQ& request, T_ASC_PresentationContextID presentationContext);
+    // Where the received file PART belongs (DCMTK's directory and file naming), put there; the
+    // C-STORE status. PLACED gets the final name.
+    Uint16 placeReceived(const T_DIMSE_C_StoreRQ& request, const QString& part, DcmDataset* dataset, QString& placed);
+
+    T_ASC_Parameters* m_requestParameters = nullptr;
     mutable QString m_seriesUID;
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_abortRequested{false};

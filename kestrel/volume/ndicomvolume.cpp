@@ -1,5 +1,6 @@
 #include "ndicomvolume.h"
 
+#include "dicom/codecs_p.h"
 #include "dicom/dcmvalues_p.h"
 #include "dicom/pixelvalues_p.h"
 #include "geometry/slicestack_p.h"
@@ -132,11 +133,10 @@ namespace {
 const Uint8* pixelBytes(DcmDataset* ds, qint64& length)
 {
     length = 0;
-    if (DcmXfer(ds->getOriginalXfer()).isEncapsulated()) {
-        kestrel::internal::registerDecoders();
-        if (ds->chooseRepresentation(EXS_LittleEndianExplicit, nullptr).bad())
-            return nullptr;
-    }
+    // The file was read by loadPixelFile, with every decoder registered.
+    if (DcmXfer(ds->getOriginalXfer()).isEncapsulated()
+        && ds->chooseRepresentation(EXS_LittleEndianExplicit, nullptr).bad())
+        return nullptr;
     DcmElement* element = nullptr;
     if (ds->findAndGetElement(DCM_PixelData, element).bad() || !element)
         return nullptr;
@@ -167,9 +167,7 @@ template <typename T> void shiftByMinimum(const T* values, qint64 count, qint64 
 DcmFileFormat* NDicomVolume::loadFile(const QString& file)
 {
     auto* format = new DcmFileFormat;
-    const QByteArray name = QFile::encodeName(file);
-    if (file.isEmpty()
-        || guardedRead([&] { return format->loadFile(name.constData(), EXS_Unknown, EGL_noChange, 4096); }).bad()) {
+    if (kestrel::internal::loadPixelFile(*format, file).bad()) {
         delete format;
         return nullptr;
     }

@@ -2,6 +2,7 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
+#include "network/dcmnetwork_p.h"
 #include "network/qdcmstoragescp_p.h"
 #include "kestrelpaths.h"
 #include "qdcmfiles.h"
@@ -12,6 +13,8 @@
 
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmdata/dcuid.h>
+#include <dcmtk/dcmnet/scu.h>
 
 #include <QDate>
 #include <QElapsedTimer>
@@ -20,6 +23,8 @@
 #include <QSignalSpy>
 #include <QSqlQuery>
 #include <QtTest>
+
+#include <cstring>
 
 class TestNetwork : public QObject
 {
@@ -60,6 +65,85 @@ private slots:
         QDcmStorageSCP* scp = broken.service->listen();
         QTRY_VERIFY_WITH_TIMEOUT(scp->lastListenStatus() != 0, 10000);
         QVERIFY(!scp->isAccepting());
+    }
+
+    // What the provider takes, for every storage SOP class DCMTK knows (the profile lists 127 of
+    // them beside Verification, the provider takes the rest): uncompressed preferred when offered
+    // beside a compressed syntax; compressed syntaxes for classes with pixel data only; deflate for
+    // all; HTJ2K for none (DCMTK cannot carry it).
+    void negotiation_data()
+    {
+        QTest::addColumn<QStringList>("offered");
+        QTest::addColumn<QString>("pixelClasses");
+        QTest::addColumn<QString>("otherClasses");
+        const QString lee = UID_LittleEndianExplicitTransferSyntax, j2k = UID_JPEG2000LosslessOnlyTransferSyntax;
+        QTest::newRow("JPEG 2000 beside uncompressed") << QStringList{j2k, UID_BigEndianExplicitTransferSyntax, lee}
+                                                       << lee << lee;
+        QTest::newRow("JPEG 2000 alone") << QStringList{j2k} << j2k << QString();
+        QTest::newRow("JPEG baseline alone") << QStringList{UID_JPEGProcess1TransferSyntax}
+                                             << QString(UID_JPEGProcess1TransferSyntax) << QString();
+        QTest::newRow("deflate alone") << QStringList{UID_DeflatedExplicitVRLittleEndianTransferSyntax}
+                                       << QString(UID_DeflatedExplicitVRLittleEndianTransferSyntax)
+                                       << QString(UID_DeflatedExplicitVRLittleEndianTransferSyntax);
+        QTest::newRow("implicit alone") << QStringList{UID_LittleEndianImplicitTransferSyntax}
+                                        << QString(UID_LittleEndianImplicitTransferSyntax)
+                                        << QString(UID_LittleEndianImplicitTransferSyntax);
+        QTest::newRow("HTJ2K alone") << QStringList{"1.2.840.10008.1.2.4.201"} << QString() << QString();
+    }
+    void negotiation()
+    {
+        QFETCH(QStringList, offered);
+        QFETCH(QString, pixelClasses);
+        QFETCH(QString, otherClasses);
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.path()));
+        OFList<OFString> syntaxes;
+        for (const QString& uid : offered)
+            syntaxes.push_back(uid.toLatin1().constData());
+        // A proposal holds at most 128 presentation contexts: the classes go in a few associations.
+        QStringList wrong;
+        for (int first = 0; first < numberOfDcmAllStorageSOPClassUIDs; first += 120) {
+            DcmSCU scu;
+            scu.setPeerHostName("127.0.0.1");
+            scu.setPeerPort(Uint16(provider.port));
+            scu.setPeerAETitle("KESTREL");
+            scu.setAETitle("PROPOSER");
+            const int last = qMin(first + 120, numberOfDcmAllStorageSOPClassUIDs);
+            for (int i = first; i < last; ++i)
+                QVERIFY(scu.addPresentationContext(dcmAllStorageSOPClassUIDs[i], syntaxes).good());
+            QVERIFY(scu.initNetwork().good());
+            const OFCondition negotiated = scu.negotiateAssociation();
+            for (int i = first; i < last; ++i) {
+                const char* uid = dcmAllStorageSOPClassUIDs[i];
+                const bool pixels = dcmIsImageStorageSOPClassUID(uid) || !std::strcmp(uid, UID_SegmentationStorage)
+                                    || !std::strcmp(uid, UID_RTDoseStorage);
+                const QString expected = pixels ? pixelClasses : otherClasses;
+                QString accepted;
+                for (const QString& syntax : offered)
+                    if (negotiated.good() && scu.findPresentationContextID(uid, syntax.toLatin1().constData()) != 0)
+                        accepted = syntax;
+                if (accepted != expected)
+                    wrong << QString("%1: %2 instead of %3").arg(dcmFindNameOfUID(uid, uid), accepted, expected);
+            }
+            if (negotiated.good())
+                scu.releaseAssociation();
+        }
+        QVERIFY2(wrong.isEmpty(), qPrintable(wrong.join('\n')));
+    }
+
+    // How a C-STORE answer counts.
+    void storeAnswers()
+    {
+        using kestrel::internal::StoreAnswer;
+        const QList<QPair<quint16, StoreAnswer>> answers{
+            {0x0000, StoreAnswer::Success}, {0x0001, StoreAnswer::Warning}, {0xb000, StoreAnswer::Warning},
+            {0xb007, StoreAnswer::Warning}, {0x0107, StoreAnswer::Warning}, {0xa700, StoreAnswer::Failure},
+            {0xa900, StoreAnswer::Failure}, {0xc000, StoreAnswer::Failure}, {0x0110, StoreAnswer::Failure},
+            {0xfe00, StoreAnswer::Failure}};
+        for (const auto& [status, answer] : answers)
+            QVERIFY2(kestrel::internal::storeAnswer(status) == answer, qPrintable(QString::number(status, 16)));
+        QCOMPARE(kestrel::internal::storeStatusText(0xa700), QString("Refused: OutOfResources (0xa700)"));
     }
 
     // The bookkeeping rows, driven directly: series switching, duplicates, repeated series,
@@ -109,7 +193,7 @@ private slots:
         QCOMPARE(TestCatalog::count("series"), 2);
 
         // A series received again: counter replaced, consumers' progress reset, one row per image,
-        // existing paths kept.
+        // each pointing at the file received last.
         QSqlQuery(QSqlDatabase::database()).exec("UPDATE images SET DBflag=1");
         QSqlQuery(QSqlDatabase::database()).exec("UPDATE series SET upDBnum=7, upCloudnum=3");
         for (const char* sop : {"a.1", "a.2", "a.3"})
@@ -120,7 +204,7 @@ private slots:
         QCOMPARE(TestCatalog::value("SELECT upDBnum + upCloudnum FROM series WHERE seriesUID = ?", {a}).toInt(), 0);
         QCOMPARE(TestCatalog::count("images", "seriesUID = '1.2.3.4''A'"), 3);
         QCOMPARE(TestCatalog::count("images", "DBflag <> 0"), 1); // only B's image keeps its flag
-        QCOMPARE(TestCatalog::value("SELECT filepath FROM images WHERE InstanceUID = 'a.2'"), QString("/r/a2"));
+        QCOMPARE(TestCatalog::value("SELECT filepath FROM images WHERE InstanceUID = 'a.2'"), QString("/r2/a.2"));
 
         // Files recorded by the other path: grouped by series, no import signal, cloud from then on.
         QSignalSpy files(recv, &QDcmRecvFile::notifyUploadFile);
@@ -228,13 +312,12 @@ private slots:
         QVERIFY(pokePort(provider.port, QByteArray(4096, '\x5a')));
         QVERIFY(pokePort(provider.port, QByteArray::fromHex("0100000000ff") + QByteArray(100, '\1')));
 
-        SyntheticImage us;
-        us.sopClassUid = "1.2.840.10008.5.1.4.1.1.6.1"; // ultrasound: not in the profile
-        us.modality = "US";
-        const QString usFile = dir.filePath("us.dcm");
-        QVERIFY(writeSyntheticImage(usFile, us));
+        SyntheticImage odd;
+        odd.sopClassUid = "1.2.826.0.1.3680043.10.543.7"; // no storage SOP class of the standard
+        const QString oddFile = dir.filePath("odd.dcm");
+        QVERIFY(writeSyntheticImage(oddFile, odd));
         const QStringList mr = writeSyntheticSeries(dir.filePath("mr"), SyntheticImage(), 1);
-        storescu(provider.port, {usFile, mr.first()}, {"-nh"});
+        storescu(provider.port, {oddFile, mr.first()}, {"-nh"});
         QTRY_COMPARE_WITH_TIMEOUT(stored.size(), 1, 10000);
 
         SyntheticImage ct;

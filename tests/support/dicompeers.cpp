@@ -5,6 +5,7 @@
 #include "qdcmstoragescp.h"
 #include "qdicomservice.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
 #include <QElapsedTimer>
@@ -103,6 +104,62 @@ bool Storescp::start(const QString& dir, const QStringList& options)
         QTest::qWait(50);
     }
     return false;
+}
+
+bool Dcmrecv::start(const QString& dir, const QString& config, const QString& profile, const QStringList& options)
+{
+    process = std::make_unique<PeerProcess>("dcmrecv", options + QStringList{"-aet", "DCMRECV", "-xf", config, profile,
+                                                                             "-od", dir, QString::number(port)});
+    for (int i = 0; i < 100; ++i) {
+        if (pokePort(port))
+            return true;
+        QTest::qWait(50);
+    }
+    return false;
+}
+
+QString HostProcess::program()
+{
+    return QCoreApplication::applicationDirPath() + "/kestrel";
+}
+
+HostProcess::HostProcess(const QStringList& args)
+{
+    process.setProcessEnvironment(peerEnvironment());
+    process.start(program(), args);
+    process.waitForStarted(10000);
+}
+
+HostProcess::~HostProcess()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
+bool HostProcess::readUntil(const QString& text, int times, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (out.count(text) < times && clock.elapsed() < timeoutMs) {
+        if (process.state() == QProcess::NotRunning) {
+            out += QString::fromUtf8(process.readAllStandardOutput());
+            break;
+        }
+        process.waitForReadyRead(100);
+        out += QString::fromUtf8(process.readAllStandardOutput());
+    }
+    return out.count(text) >= times;
+}
+
+int HostProcess::stop()
+{
+    process.terminate();
+    if (!process.waitForFinished(15000))
+        return -1;
+    out += QString::fromUtf8(process.readAllStandardOutput());
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
 }
 
 QStringList filesBelow(const QString& dir)

@@ -44,6 +44,27 @@ struct Storescp {
     bool start(const QString& dir, const QStringList& options = {});
 };
 
+// DCMTK's dcmrecv receiving into DIR on a free port with the association profile PROFILE of the
+// configuration file CONFIG, ready when start() returns true.
+struct Dcmrecv {
+    std::unique_ptr<PeerProcess> process;
+    int port = freePort();
+    bool start(const QString& dir, const QString& config, const QString& profile, const QStringList& options = {});
+};
+
+// The kestrel host (next to the test) running COMMAND with ARGS, its standard output collected.
+struct HostProcess {
+    HostProcess(const QStringList& args);
+    ~HostProcess();
+    // Reads the output until TEXT has appeared TIMES times or the process ended; true when it did.
+    bool readUntil(const QString& text, int times = 1, int timeoutMs = 15000);
+    // SIGTERM and the exit code (< 0 when it did not end normally).
+    int stop();
+    QProcess process;
+    QString out;
+    static QString program();
+};
+
 // Every file below DIR, sub-folders and hidden files included, sorted by path.
 QStringList filesBelow(const QString& dir);
 
