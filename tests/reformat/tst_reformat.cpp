@@ -5,6 +5,7 @@
 // series they were made for.
 #include "dicom/dcmvalues_p.h"
 #include "fileimage.h"
+#include "kestrelpaths.h"
 #include "nbitvolume.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
@@ -273,6 +274,8 @@ private slots:
     void ownSeries();
     void derivedSeries_data();
     void derivedSeries();
+    void host_data();
+    void host();
 };
 
 void TestReformat::initTestCase()
@@ -1048,6 +1051,97 @@ void TestReformat::derivedSeries()
     const QString line = QString::fromLocal8Bit(oracle.readAll()).trimmed();
     qInfo().noquote() << line;
     QVERIFY2(oracle.exitCode() == 0, qPrintable(line));
+}
+
+void TestReformat::host_data()
+{
+    TestCatalog::addBackendRows();
+}
+
+// kestrel reformat on catalogued series: each kind writes its pictures (and series, catalogued on
+// request); bad parameters get one line of error and a failing status.
+void TestReformat::host()
+{
+    QFETCH(QString, backend);
+    const QString program = Kestrel::applicationDir() + "/kestrel";
+    if (!QFileInfo::exists(program))
+        QSKIP("the kestrel host is not built");
+    QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
+    KESTREL_OPEN_CATALOG(catalog, backend);
+    const QString study = newTestUid(), frame = newTestUid();
+    for (const char* folder : {"source", "reference", "elsewhere"})
+        QDir().mkpath(catalog.path(folder));
+    QVERIFY(!writeSeries(catalog.path("source"), turned(0, 0, 0), QSize(40, 36), QPointF(1, 1), 1.5, 20, {-20, -18, -15},
+                         study, frame, 3).isEmpty());
+    QVERIFY(!writeSeries(catalog.path("reference"), turned(90, 0, 90), QSize(24, 20), QPointF(1.2, 1.4), 3, 6, {-10, -12, -10},
+                         study, frame, 4).isEmpty());
+    QVERIFY(!writeSeries(catalog.path("elsewhere"), turned(0, 0, 0), QSize(8, 8), QPointF(1, 1), 1, 3, {0, 0, 0}, study,
+                         newTestUid(), 5).isEmpty());
+    auto run = [&](const QStringList& args, QString* output = nullptr) {
+        QProcess host;
+        host.start(program, QStringList{"--config", catalog.configDir()} + args);
+        host.waitForFinished(120000);
+        if (output)
+            *output = QString::fromLocal8Bit(host.readAllStandardOutput() + host.readAllStandardError());
+        return host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
+    };
+    QString said;
+    QCOMPARE(run({"import", catalog.path("source"), catalog.path("reference"), catalog.path("elsewhere")}, &said), 0);
+    auto pkOf = [](int number) {
+        return TestCatalog::value("SELECT pk FROM generalseries WHERE SeriesNumber=?", {number});
+    };
+    const QString source = pkOf(3), reference = pkOf(4), elsewhere = pkOf(5);
+    const QString pictures = catalog.path("pictures");
+
+    QVERIFY2(run({"reformat", "--series", source, "--out", pictures, "--plane", "0,0,0,0.8,0.6,0,0,0,-1", "--size", "64,48",
+                  "--count", "3", "--step", "2", "--thickness", "3", "--dicom", catalog.path("stack"), "--import"}, &said) == 0,
+             qPrintable(said));
+    QCOMPARE(QDir(catalog.path("stack")).entryList({"*.dcm"}).size(), 3);
+    QVERIFY(QFileInfo::exists(pictures + "/plane_003.png"));
+    QCOMPARE(TestCatalog::count("generalseries"), 4);
+    QVERIFY2(run({"reformat", "--series", source, "--out", pictures, "--like", reference, "--dicom", catalog.path("like")}, &said) == 0,
+             qPrintable(said));
+    QCOMPARE(QDir(catalog.path("like")).entryList({"*.dcm"}).size(), 6);
+    QVERIFY(QFileInfo::exists(pictures + "/like.png"));
+    QVERIFY2(run({"reformat", "--series", source, "--out", pictures, "--curve", "-15,-10,0;0,-2,1;12,5,0", "--height", "30"}, &said) == 0,
+             qPrintable(said));
+    QImage curved(pictures + "/curved.png");
+    QVERIFY(!curved.isNull());
+    QVERIFY2(run({"reformat", "--series", source, "--out", pictures, "--project", "0,10", "--turns", "4"}, &said) == 0, qPrintable(said));
+    QImage first(pictures + "/project_000.png"), third(pictures + "/project_002.png");
+    QVERIFY(!first.isNull() && first.size() == third.size());
+    QFile mask(catalog.path("mask.raw"));
+    QVERIFY(mask.open(QIODevice::WriteOnly));
+    mask.write(QByteArray(40 * 36 * 20, 1));
+    mask.close();
+    QVERIFY2(run({"reformat", "--series", source, "--out", pictures, "--mask", mask.fileName()}, &said) == 0, qPrintable(said));
+    QVERIFY(QFileInfo::exists(pictures + "/masked.png"));
+
+    // Refusals: one line each, naming the fault.
+    QFile small(catalog.path("small.raw"));
+    QVERIFY(small.open(QIODevice::WriteOnly));
+    small.write(QByteArray(100, 1));
+    small.close();
+    const struct {
+        QStringList args;
+        QString says;
+    } refusals[] = {
+        {{"--plane", "0,0,0,1,0,0,2,0,0"}, "parallel"},
+        {{"--curve", "1,2,3"}, "two different points"},
+        {{"--like", elsewhere}, "Frame of Reference"},
+        {{"--mask", small.fileName()}, "100 bytes"},
+        {{"--plane", "0,0,0"}, "nine numbers"},
+        {{"--project", "0,0", "--import"}, "--dicom"},
+    };
+    for (const auto& refusal : refusals) {
+        QString output;
+        QProcess host;
+        host.start(program, QStringList{"--config", catalog.configDir(), "reformat", "--series", source, "--out", pictures} + refusal.args);
+        QVERIFY(host.waitForFinished(60000));
+        const QString error = QString::fromLocal8Bit(host.readAllStandardError()).trimmed();
+        QVERIFY2(host.exitCode() != 0 && error.contains(refusal.says) && !error.contains('\n'),
+                 qPrintable(refusal.args.join(' ') + ": " + error));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestReformat)
