@@ -124,7 +124,10 @@ void resample(const Source& source, const Grid& grid, short* out)
     const int lines = alongRows ? grid.height : grid.width;
     const Vec3 lineStep = alongRows ? rowIndex : columnIndex;
     const Vec3 nextLine = alongRows ? grid.downColumn : grid.alongRow;
-    const qptrdiff stride = alongRows ? 1 : grid.width, lineStride = alongRows ? grid.width : 1;
+    // Lines down the columns are sampled into a transposed image first: stores stay in order.
+    std::vector<short> transposed(alongRows ? 0 : size_t(grid.width) * size_t(grid.height));
+    short* target = alongRows ? out : transposed.data();
+    const qptrdiff stride = 1, lineStride = lineLength;
     const int layers = std::max(1, grid.layers);
     const double middle = (layers - 1) / 2.0;
     const bool parallel = qint64(grid.width) * grid.height * layers >= kParallelSamples;
@@ -135,7 +138,7 @@ void resample(const Source& source, const Grid& grid, short* out)
 #pragma omp for schedule(dynamic, 4)
         for (int b = 0; b < lines; ++b) {
             const Vec3 base = along(grid.origin, nextLine, b);
-            short* line = out + b * lineStride;
+            short* line = target + b * lineStride;
             if (layers == 1) {
                 const Vec3 start = source.toIndex.apply(base);
                 int first = 0, last = 0;
@@ -161,6 +164,9 @@ void resample(const Source& source, const Grid& grid, short* out)
             slab.write(line, stride, source.background);
         }
     }
+    if (!alongRows)
+        transposeU16(reinterpret_cast<const quint16*>(transposed.data()), grid.height, 1, reinterpret_cast<quint16*>(out),
+                     grid.width, grid.width, grid.height);
 }
 
 void resampleColumns(const Source& source, const std::vector<Vec3>& tops, const std::vector<Vec3>& downs, int height,
