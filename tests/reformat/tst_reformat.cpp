@@ -1030,6 +1030,20 @@ void TestReformat::derivedSeries()
             const short stored = i < n[0] / 2 ? short(v.getVoxel(i, j, 7)) : smallest;
             QCOMPARE(masked.real[j * n[0] + i], stored * v.getHead()->RescaleSlope + v.getHead()->RescaleIntercept);
         }
+    // The volume slice by slice, catalogued: each file on its slice with the voxels' real values.
+    QVERIFY2(v.saveVolumeToImage(catalog.path("slices"), true, &written, &error), qPrintable(error));
+    QCOMPARE(written.size(), n[2]);
+    QCOMPARE(TestCatalog::count("generalseries"), 4);
+    for (int k : {0, n[2] / 2, n[2] - 1}) {
+        FileImage slice;
+        QVERIFY(readFileImage(written[k], slice));
+        const double* at = v.getPointXYZ(0, 0, k);
+        for (int c = 0; c < 3; ++c)
+            QVERIFY(std::fabs(slice.position[size_t(c)] - at[c]) < 1e-4);
+        for (int j = 0; j < n[1]; ++j)
+            for (int i = 0; i < n[0]; ++i)
+                QCOMPARE(slice.real[j * n[0] + i], short(v.getVoxel(i, j, k)) * v.getHead()->RescaleSlope + v.getHead()->RescaleIntercept);
+    }
     NBitVolume wrong(n[0], n[1], n[2] + 1);
     QVERIFY(!v.maskDicomVolume(&wrong, catalog.path("wrong"), false, nullptr, &error));
     QVERIFY2(error.contains("mask"), qPrintable(error));
