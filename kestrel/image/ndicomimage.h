@@ -151,7 +151,7 @@ public:
     bool getLocationLine(NDicomImage& other, QLineF& line);
     // Pixel coordinates (fractional) of patient point (X, Y, Z) projected onto this image's
     // plane along its normal; DISTANCE, when given, receives the signed distance in mm from the
-    // plane (along row x column).
+    // plane (along row x column). NaN for a curved image or one without directions.
     QPointF getLocationIJ(double x, double y, double z, double* distance = nullptr);
     // Enlarges the canvas so that the old image fills 70% of it and moves the position to the new
     // corner; the new buffer is not filled.

@@ -238,6 +238,7 @@ QStringList writeSeries(const QString& dir, const std::array<Vec, 3>& axes, QSiz
     base.rescaleSlope = 0.5;
     base.rescaleIntercept = -100;
     base.extra.push_back({DCM_FrameOfReferenceUID, frame});
+    base.extra.push_back({DCM_SpacingBetweenSlices, QString::number(spacing)});
     QStringList files;
     for (int k = 0; k < count; ++k) {
         SyntheticImage slice = base;

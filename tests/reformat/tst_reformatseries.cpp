@@ -209,6 +209,10 @@ void TestReformatSeries::builtSeries()
     for (int n = 0; n < 5; ++n) {
         FileImage made;
         QVERIFY(readFileImage(written[n], made));
+        // The source's stack spacing is not the new series' (its positions say what it is).
+        DcmFileFormat file;
+        QVERIFY(file.loadFile(QFile::encodeName(written[n]).constData()).good());
+        QVERIFY(!file.getDataset()->tagExists(DCM_SpacingBetweenSlices));
         NDicomImage plane;
         const Vec at = add(centre, axes[2], 2 * n);
         QVERIFY(v.getDicomImage(plane, at.data(), axes[0].data(), axes[1].data(), 32, 30, 1, 1, 0, RenderMax));
