@@ -124,10 +124,10 @@ QJsonArray json(const Vec& v)
 // Runs the peer on CASES over the volume in RAW; prints its lines.
 void peer(const QString& raw, int n, const QJsonArray& cases, const QString& dir)
 {
-    const QJsonObject spec{{"file", raw}, {"size", QJsonArray{n, n, n}}, {"cases", cases}};
+    const QJsonObject setup{{"file", raw}, {"size", QJsonArray{n, n, n}}, {"cases", cases}};
     QFile f(dir + "/cases.json");
     f.open(QIODevice::WriteOnly);
-    f.write(QJsonDocument(spec).toJson());
+    f.write(QJsonDocument(setup).toJson());
     f.close();
     QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -317,14 +317,14 @@ void seriesOntoSeries(const QString& dir, bool withPeer)
     raw.open(QIODevice::WriteOnly);
     raw.write(v.getData(), qint64(n[0]) * n[1] * n[2] * 2);
     raw.close();
-    // The peer volume is 256 x 256 x 176: its own spec.
-    const QJsonObject spec{{"file", raw.fileName()},
+    // The peer volume is 256 x 256 x 176: its own description.
+    const QJsonObject setup{{"file", raw.fileName()},
                            {"size", QJsonArray{n[0], n[1], n[2]}},
                            {"cases", QJsonArray{QJsonObject{{"name", "the 30 planes (resampling alone)"},
                                                             {"points", f.fileName()}, {"runs", 5}}}}};
     QFile cases(dir + "/series.json");
     cases.open(QIODevice::WriteOnly);
-    cases.write(QJsonDocument(spec).toJson());
+    cases.write(QJsonDocument(setup).toJson());
     cases.close();
     QProcess p;
     p.setProcessChannelMode(QProcess::MergedChannels);

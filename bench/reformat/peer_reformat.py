@@ -58,11 +58,11 @@ def run(volume, case, background):
 
 
 def main():
-    spec = json.load(open(sys.argv[1]))
-    n = spec["size"]
-    volume = np.fromfile(spec["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
+    setup = json.load(open(sys.argv[1]))
+    n = setup["size"]
+    volume = np.fromfile(setup["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
     background = float(volume.min())
-    for case in spec["cases"]:
+    for case in setup["cases"]:
         runs = sorted(run(volume, case, background) * 1e3 for _ in range(case.get("runs", 3)))
         scale = case.get("scale", 1)
         runs = [r * scale for r in runs]

@@ -33,13 +33,13 @@ def one_nifti(folder):
 
 
 def main():
-    spec = json.load(open(sys.argv[1]))
+    setup = json.load(open(sys.argv[1]))
     new_affine, new_values = one_nifti(sys.argv[2])
     ref_affine, ref_values = one_nifti(sys.argv[3])
     tolerance = float(sys.argv[4]) if len(sys.argv) > 4 else 3.0
-    n = spec["size"]
-    voxels = np.fromfile(spec["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
-    slope, intercept = spec["slope"], spec["intercept"]
+    n = setup["size"]
+    voxels = np.fromfile(setup["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
+    slope, intercept = setup["slope"], setup["intercept"]
     tolerance += rounding(voxels)
     same_shape = new_values.shape == ref_values.shape
     affine_error = float(np.max(np.abs(new_affine - ref_affine)))
@@ -48,10 +48,10 @@ def main():
     grid = np.stack(np.meshgrid(*[np.arange(s) for s in shape], indexing="ij"), axis=-1).reshape(-1, 3)
     ras = (new_affine[:3, :3] @ grid.T).T + new_affine[:3, 3]
     lps = ras * np.array([-1.0, -1.0, 1.0])
-    o = np.array(spec["orientation"], dtype=np.float64).reshape(3, 3)
+    o = np.array(setup["orientation"], dtype=np.float64).reshape(3, 3)
     m = np.eye(4)
-    m[:3, :3] = (o * np.array(spec["spacing"])[:, None]).T
-    m[:3, 3] = spec["origin"]
+    m[:3, :3] = (o * np.array(setup["spacing"])[:, None]).T
+    m[:3, 3] = setup["origin"]
     inverse = np.linalg.inv(m)
     ijk = (inverse[:3, :3] @ lps.T).T + inverse[:3, 3]
     upper = np.array(n, dtype=np.float64) - 1

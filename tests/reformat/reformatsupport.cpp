@@ -155,7 +155,7 @@ QString writeVolume(NVolume& v, const QString& dir)
         origin << h->topxyz[a];
         size << n[a];
     }
-    const QJsonObject spec{{"file", raw},
+    const QJsonObject setup{{"file", raw},
                            {"size", size},
                            {"spacing", spacing},
                            {"orientation", orientation},
@@ -165,7 +165,7 @@ QString writeVolume(NVolume& v, const QString& dir)
     const QString json = dir + "/volume.json";
     QFile out(json);
     out.open(QIODevice::WriteOnly);
-    out.write(QJsonDocument(spec).toJson());
+    out.write(QJsonDocument(setup).toJson());
     return json;
 }
 

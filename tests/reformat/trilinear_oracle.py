@@ -29,19 +29,19 @@ def rounding(voxels):
 
 
 def main():
-    spec = json.load(open(sys.argv[1]))
+    setup = json.load(open(sys.argv[1]))
     points = np.fromfile(sys.argv[2], dtype=np.float64).reshape(-1, 3)
     values = np.fromfile(sys.argv[3], dtype=np.int16).astype(np.float64)
     tolerance = float(sys.argv[4]) if len(sys.argv) > 4 else 3.0
     layers = int(sys.argv[5]) if len(sys.argv) > 5 else 1
     rule = sys.argv[6] if len(sys.argv) > 6 else "max"
-    n = spec["size"]
-    voxels = np.fromfile(spec["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
-    o = np.array(spec["orientation"], dtype=np.float64).reshape(3, 3)  # rows: i, j, k directions
-    s = np.array(spec["spacing"], dtype=np.float64)
+    n = setup["size"]
+    voxels = np.fromfile(setup["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
+    o = np.array(setup["orientation"], dtype=np.float64).reshape(3, 3)  # rows: i, j, k directions
+    s = np.array(setup["spacing"], dtype=np.float64)
     m = np.eye(4)
     m[:3, :3] = (o * s[:, None]).T
-    m[:3, 3] = spec["origin"]
+    m[:3, 3] = setup["origin"]
     inverse = np.linalg.inv(m)
     ijk = (inverse[:3, :3] @ points.T).T + inverse[:3, 3]
     # The library counts a point as inside within a millionth of a voxel of the box; points in the
