@@ -115,8 +115,9 @@ public:
     // pixel spacing (setReferencePixelSpace) when one is set, else the volume's smallest. With
     // THICKNESS > 0 each pixel is the slab of that many mm along the normal ROW x COLUMN, sampled
     // every (smallest voxel spacing) mm and reduced by RENDER over the samples inside the volume.
-    // The image states the geometry each pixel was sampled at, the thickness (the voxel spacing
-    // along the normal for a plane) and the volume's rescale and window. False, image untouched,
+    // The image states the geometry each pixel was sampled at, the thickness (the smallest voxel
+    // spacing for a plane, the slab's samples times it for a slab) and the volume's rescale and
+    // window. False, image untouched,
     // for other directions, sizes below 1 or a volume without voxels.
     bool getDicomImage(NDicomImage& image, const double* centre, const double* row, const double* column, int width,
                        int height, double spacingX, double spacingY, double thickness, RenderType render);
