@@ -6,6 +6,7 @@
 // frames; its planes are those of frame N.
 #include "catalog.h"
 #include "command.h"
+#include "derived.h"
 #include "picture.h"
 
 #include "kestrelpaths.h"
@@ -14,9 +15,6 @@
 #include "qinstance.h"
 #include "qseries.h"
 #include "veldatabaseconnection.h"
-
-#include <dcmtk/config/osconfig.h>
-#include <dcmtk/dcmdata/dcuid.h>
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -31,36 +29,6 @@
 #include <vector>
 
 namespace {
-
-// The derived series the planes of one run are written into: a new UID, the source's number plus
-// 1000, "MPR" before its description.
-struct DerivedSeries {
-    QString uid, templateFile, description;
-    int number = 0;
-};
-
-DerivedSeries derivedSeries(QSeries& series)
-{
-    char uid[100];
-    dcmGenerateUniqueIdentifier(uid, SITE_SERIES_UID_ROOT);
-    DerivedSeries derived;
-    derived.uid = QString::fromLatin1(uid);
-    derived.templateFile = series.getInstances().first()->getFilePath();
-    derived.number = 1000 + series.getSeriesNumber();
-    derived.description = QString("MPR %1").arg(series.getSeriesDescription()).trimmed().left(64);
-    return derived;
-}
-
-bool writeDicomPlane(NDicomImage& image, const VolumeHead& head, const DerivedSeries& series, int number,
-                     const QString& file)
-{
-    image.setInstanceNumber(number);
-    image.setSeriesNumber(series.number);
-    image.setSeriesDescription(series.description);
-    image.setWindowWidth(head.WindowWidth);
-    image.setWindowCenter(head.WindowCenter);
-    return image.saveAs(file, series.templateFile, series.uid);
-}
 
 // What a person needs to know about the frames of a series before its volume is built.
 void describeFrames(QTextStream& out, qint64 pk, const SeriesFrames& frames, int group)
@@ -244,7 +212,7 @@ int runVolume(const QStringList& args)
     } views[] = {{"axial", &NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getAxiSliceNum},
                  {"coronal", &NDicomVolume::getDicomImagePlaneCor, &NDicomVolume::getCorSliceNum},
                  {"sagittal", &NDicomVolume::getDicomImagePlaneSag, &NDicomVolume::getSagSliceNum}};
-    const DerivedSeries derived = derivedSeries(series);
+    const app::DerivedSeries derived = app::derivedSeries(series);
     int status = 0;
     int number = 0;
     for (const View& view : views) {
@@ -260,7 +228,7 @@ int runVolume(const QStringList& args)
         if (!parser.isSet("dicom"))
             continue;
         const QString dicom = dir.filePath(QString(view.name) + ".dcm");
-        if (!writeDicomPlane(image, *volume.getHead(), derived, ++number, dicom)) {
+        if (!app::writeDerivedImage(image, *volume.getHead(), derived, ++number, dicom)) {
             status = app::fail("volume", QString("cannot write %1").arg(dicom));
             continue;
         }

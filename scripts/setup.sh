@@ -10,7 +10,7 @@ PACKAGES=(
   libdcmtk-dev dcmtk libnifti2-dev libopenjp2-7-dev libopenjph-dev
   mariadb-server mariadb-client
   libomp-dev
-  python3 python3-numpy python3-pydicom dcm2niix fonts-dejavu-core
+  python3 python3-numpy python3-scipy python3-pydicom dcm2niix fonts-dejavu-core
   libgdcm-tools openssl
   locales
 )

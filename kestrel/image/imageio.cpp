@@ -28,7 +28,7 @@ const DcmTagKey kTemplateOnly[] = {
     DCM_SmallestImagePixelValue, DCM_LargestImagePixelValue, DCM_SmallestPixelValueInSeries,
     DCM_LargestPixelValueInSeries, DCM_PixelPaddingValue, DCM_PixelPaddingRangeLimit, DCM_ModalityLUTSequence,
     DCM_VOILUTSequence, DCM_WindowCenterWidthExplanation, DCM_SliceLocation, DCM_NumberOfFrames,
-    DCM_PlanarConfiguration, DCM_IconImageSequence};
+    DCM_PlanarConfiguration, DCM_IconImageSequence, DCM_SpacingBetweenSlices};
 
 QString decimals(const double* values, int count)
 {

@@ -82,6 +82,8 @@ void NDicomImage::InitImageInfo(const int* size, const double* spacing, const do
         m_orientation[i / 3][i % 3] = orientation[i];
     m_steps[0] = pixStep;
     m_thickness = thickness;
+    m_columnPoints.clear();
+    m_columnSteps.clear();
     m_steps[1] = lineBytes >= 1 ? lineBytes : m_size[0] * pixStep;
     m_steps[2] = totalBytes >= 1 ? totalBytes : m_size[1] * m_steps[1];
     freePixels();
@@ -117,6 +119,8 @@ void NDicomImage::clone(NDicomImage* src)
     m_intercept = src->m_intercept;
     m_windowWidth = src->m_windowWidth;
     m_windowCenter = src->m_windowCenter;
+    m_columnPoints = src->m_columnPoints;
+    m_columnSteps = src->m_columnSteps;
     if (m_pixels && src->m_pixels)
         std::memcpy(m_pixels, src->m_pixels, size_t(m_steps[2]));
 }
@@ -233,6 +237,14 @@ short NDicomImage::getValue16s(int x, int y) const
 
 void NDicomImage::getXYZ(int i, int j, double& x, double& y, double& z) const
 {
+    if (i >= 0 && i < m_size[0] && m_columnPoints.size() == 3 * m_size[0] && m_columnSteps.size() == 3 * m_size[0]) {
+        const double* p = m_columnPoints.constData() + 3 * i;
+        const double* d = m_columnSteps.constData() + 3 * i;
+        x = p[0] + j * d[0];
+        y = p[1] + j * d[1];
+        z = p[2] + j * d[2];
+        return;
+    }
     const double di = i * m_pixelSpacing[0];
     const double dj = j * m_pixelSpacing[1];
     x = m_position[0] + di * m_orientation[0][0] + dj * m_orientation[1][0];

@@ -10,6 +10,7 @@
 #include <QPolygonF>
 #include <QRectF>
 #include <QString>
+#include <QVector>
 
 #include <cstdint>
 #include <memory>
@@ -136,6 +137,25 @@ public:
     double* getTopPointXYZ(int i, int j);
     // imageMidPoint = the point of pixel (width / 2, height / 2).
     void caclulateImageMidPoint();
+
+    // Curved images (NDicomVolume::getCurvedMPRImagePlane...): for each column the patient point of
+    // its row 0 and the step in mm from one row to the next, x, y, z each. While they cover the
+    // image's width, getXYZ and getTopPointXYZ give a pixel's point from them (the plane geometry
+    // then only approximates the image); InitImageInfo and setColumnGeometry({}, {}) drop them.
+    void setColumnGeometry(const QVector<double>& points, const QVector<double>& steps);
+    const QVector<double>& getColumnPoints() const { return m_columnPoints; }
+    const QVector<double>& getColumnSteps() const { return m_columnSteps; }
+
+    // Reference lines. The segment where OTHER's plane cuts this image, in this image's pixel
+    // coordinates (x = column, y = row; pixel centres at whole numbers), clipped to the image's
+    // area [-0.5, width - 0.5] x [-0.5, height - 0.5]. False, LINE untouched, when the planes are
+    // parallel (within a milliradian), when the line misses the image, or when either image is
+    // curved or has no directions.
+    bool getLocationLine(NDicomImage& other, QLineF& line);
+    // Pixel coordinates (fractional) of patient point (X, Y, Z) projected onto this image's
+    // plane along its normal; DISTANCE, when given, receives the signed distance in mm from the
+    // plane (along row x column). NaN for a curved image or one without directions.
+    QPointF getLocationIJ(double x, double y, double z, double* distance = nullptr);
     // Enlarges the canvas so that the old image fills 70% of it and moves the position to the new
     // corner; the new buffer is not filled.
     void expandImageSize();
@@ -214,6 +234,7 @@ private:
     int m_seriesNumber = 0;
     unsigned char* m_pixels = nullptr;
     double m_topPoint[3] = {0, 0, 0};
+    QVector<double> m_columnPoints, m_columnSteps;
 
     // Window table of getGrayImage32, rebuilt only when its inputs change.
     std::unique_ptr<quint32[]> m_table;

@@ -4,7 +4,9 @@
 
 #include <QtGlobal>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 // The library's vector kernels. Each has a plain scalar twin of the same result, which the tests
 // use as the reference. The kernels live in kernels_sse41.cpp (the one file built for SSE4.1),
@@ -55,6 +57,54 @@ static inline FixedPoint fixedPoint(float v)
 {
     const int i = int(v);
     return {i, int(std::lrint(512.0f * v)) - 512 * i};
+}
+
+// --- trilinear samples along a line, for oblique planes, slabs, projections and curves ---
+
+// The voxels a line sampler reads: 16-bit signed voxels with byte strides STEPS (2 along i) and
+// SIZE voxels per axis. An axis of one voxel is given as stride 0 and size 2.
+struct LineSource {
+    const char* data;
+    int steps[3];
+    int size[3];
+};
+
+// Samples N points START + n * STEP (fractional voxel indices i, j, k), each inside [0, size - 1]
+// on every axis (a position rounding past an edge is held at it), into OUT[n * STRIDE]. The value
+// is sampleTrilinearS16's: 9-bit fractions of round(512 * position), three blends of
+// (a * (512 - f) + b * f) >> 9, but the shift is arithmetic, so negative voxels blend as they are
+// (rounded down) instead of giving 32767. Non-negative voxels give the same values.
+KESTREL_TEST_EXPORT void sampleLineS16(const LineSource& source, const double* start, const double* step, int n,
+                                       short* out, qptrdiff stride);
+KESTREL_TEST_EXPORT void sampleLineS16Scalar(const LineSource& source, const double* start, const double* step, int n,
+                                             short* out, qptrdiff stride);
+
+// Sample N of such a line, the twins' common definition. S and D are START and STEP times 512
+// (exact: a power of two), so 512 * (start + n * step) is S + n * D to the last bit.
+static inline short sampleLinePoint(const LineSource& source, const double* S, const double* D, int n)
+{
+    int index[3], fraction[3];
+    for (int a = 0; a < 3; ++a) {
+        const int limit = 512 * (source.size[a] - 1);
+        const int p = std::min(std::max(int(std::lrint(S[a] + double(n) * D[a])), 0), limit);
+        index[a] = std::min(p >> 9, source.size[a] - 2);
+        fraction[a] = p - (index[a] << 9);
+    }
+    const char* base = source.data + qptrdiff(index[0]) * source.steps[0] + qptrdiff(index[1]) * source.steps[1]
+        + qptrdiff(index[2]) * source.steps[2];
+    auto voxel = [](const char* p) {
+        short v;
+        std::memcpy(&v, p, 2);
+        return int(v);
+    };
+    // (a * (512 - f) + b * f) >> 9 = a + ((b - a) * f >> 9): the multiple of 512 leaves the floor alone.
+    auto blend = [](int a, int b, int f) { return a + (((b - a) * f) >> 9); };
+    const int s1 = source.steps[1], s2 = source.steps[2], fx = fraction[0];
+    const int r0 = blend(voxel(base), voxel(base + 2), fx);
+    const int r1 = blend(voxel(base + s1), voxel(base + s1 + 2), fx);
+    const int r2 = blend(voxel(base + s2), voxel(base + s2 + 2), fx);
+    const int r3 = blend(voxel(base + s1 + s2), voxel(base + s1 + s2 + 2), fx);
+    return short(blend(blend(r0, r1, fraction[1]), blend(r2, r3, fraction[1]), fraction[2]));
 }
 
 // --- display kernels of 16-bit images ---

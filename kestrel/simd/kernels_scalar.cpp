@@ -89,6 +89,15 @@ short sampleTrilinearS16Scalar(const char* data, const int* steps, float x, floa
     return blend(row0, row1, fz.f);
 }
 
+void sampleLineS16Scalar(const LineSource& source, const double* start, const double* step, int n, short* out,
+                         qptrdiff stride)
+{
+    const double S[3] = {512.0 * start[0], 512.0 * start[1], 512.0 * start[2]};
+    const double D[3] = {512.0 * step[0], 512.0 * step[1], 512.0 * step[2]};
+    for (int m = 0; m < n; ++m)
+        out[m * stride] = sampleLinePoint(source, S, D, m);
+}
+
 void lookupU16Scalar(quint32* out, const quint16* in, const quint32* table, qint64 n)
 {
     for (qint64 i = 0; i < n; ++i)

@@ -167,6 +167,75 @@ short sampleTrilinearS16(const char* data, const int* steps, float x, float y, f
     return short(_mm_extract_epi16(s, 0));
 }
 
+void sampleLineS16(const LineSource& source, const double* start, const double* step, int n, short* out,
+                   qptrdiff stride)
+{
+    const double S[3] = {512.0 * start[0], 512.0 * start[1], 512.0 * start[2]};
+    const double D[3] = {512.0 * step[0], 512.0 * step[1], 512.0 * step[2]};
+    __m128d s[3], d[3];
+    __m128i limit[3], top[3], strides[3];
+    for (int a = 0; a < 3; ++a) {
+        s[a] = _mm_set1_pd(S[a]);
+        d[a] = _mm_set1_pd(D[a]);
+        limit[a] = _mm_set1_epi32(512 * (source.size[a] - 1));
+        top[a] = _mm_set1_epi32(source.size[a] - 2);
+        strides[a] = _mm_set1_epi32(source.steps[a]);
+    }
+    const __m128i zero = _mm_setzero_si128(), full = _mm_set1_epi32(512);
+    const char* data = source.data;
+    const int s1 = source.steps[1], s2 = source.steps[2];
+    int m = 0;
+    // Four samples per pass: positions, indices and fractions as vectors, then the four pairs of
+    // each sample (this row, next row, next slice, both) read as 32 bits and blended together.
+    for (; m + 4 <= n; m += 4) {
+        const __m128d n01 = _mm_set_pd(m + 1, m), n23 = _mm_set_pd(m + 3, m + 2);
+        __m128i index[3], fraction[3];
+        for (int a = 0; a < 3; ++a) {
+            const __m128i lo = _mm_cvtpd_epi32(_mm_add_pd(s[a], _mm_mul_pd(n01, d[a])));
+            const __m128i hi = _mm_cvtpd_epi32(_mm_add_pd(s[a], _mm_mul_pd(n23, d[a])));
+            const __m128i p = _mm_min_epi32(_mm_max_epi32(_mm_unpacklo_epi64(lo, hi), zero), limit[a]);
+            index[a] = _mm_min_epi32(_mm_srai_epi32(p, 9), top[a]);
+            fraction[a] = _mm_sub_epi32(p, _mm_slli_epi32(index[a], 9));
+        }
+        const __m128i offset = _mm_add_epi32(_mm_add_epi32(_mm_mullo_epi32(index[0], strides[0]),
+                                                           _mm_mullo_epi32(index[1], strides[1])),
+                                             _mm_mullo_epi32(index[2], strides[2]));
+        alignas(16) qint32 o[4];
+        _mm_store_si128(reinterpret_cast<__m128i*>(o), offset);
+        const char* p0 = data + o[0];
+        const char* p1 = data + o[1];
+        const char* p2 = data + o[2];
+        const char* p3 = data + o[3];
+        const __m128i a0 = _mm_set_epi32(read32(p3), read32(p2), read32(p1), read32(p0));
+        const __m128i a1 = _mm_set_epi32(read32(p3 + s1), read32(p2 + s1), read32(p1 + s1), read32(p0 + s1));
+        const __m128i a2 = _mm_set_epi32(read32(p3 + s2), read32(p2 + s2), read32(p1 + s2), read32(p0 + s2));
+        const __m128i a3 = _mm_set_epi32(read32(p3 + s1 + s2), read32(p2 + s1 + s2), read32(p1 + s1 + s2),
+                                         read32(p0 + s1 + s2));
+        // Stage 1: (v(i) * (512 - f) + v(i+1) * f) >> 9 with one multiply-add per pair.
+        const __m128i wx = _mm_or_si128(_mm_slli_epi32(fraction[0], 16), _mm_sub_epi32(full, fraction[0]));
+        const __m128i r0 = _mm_srai_epi32(_mm_madd_epi16(a0, wx), 9);
+        const __m128i r1 = _mm_srai_epi32(_mm_madd_epi16(a1, wx), 9);
+        const __m128i r2 = _mm_srai_epi32(_mm_madd_epi16(a2, wx), 9);
+        const __m128i r3 = _mm_srai_epi32(_mm_madd_epi16(a3, wx), 9);
+        // Stages 2 and 3: a + ((b - a) * f >> 9), the same value.
+        auto blend = [](__m128i a, __m128i b, __m128i f) {
+            return _mm_add_epi32(a, _mm_srai_epi32(_mm_mullo_epi32(_mm_sub_epi32(b, a), f), 9));
+        };
+        const __m128i b0 = blend(r0, r1, fraction[1]), b1 = blend(r2, r3, fraction[1]);
+        const __m128i v = _mm_packs_epi32(blend(b0, b1, fraction[2]), zero);
+        if (stride == 1) {
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + m), v);
+        } else {
+            out[m * stride] = short(_mm_extract_epi16(v, 0));
+            out[(m + 1) * stride] = short(_mm_extract_epi16(v, 1));
+            out[(m + 2) * stride] = short(_mm_extract_epi16(v, 2));
+            out[(m + 3) * stride] = short(_mm_extract_epi16(v, 3));
+        }
+    }
+    for (; m < n; ++m)
+        out[m * stride] = sampleLinePoint(source, S, D, m);
+}
+
 void lookupU16(quint32* out, const quint16* in, const quint32* table, qint64 n)
 {
     // Eight indices per two 64-bit loads, eight entries per two 128-bit stores: the pass is bound

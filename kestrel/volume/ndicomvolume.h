@@ -6,6 +6,7 @@
 #include <QList>
 #include <QPair>
 #include <QString>
+#include <QVector3D>
 #include <QVector>
 
 #include <functional>
@@ -68,6 +69,75 @@ public:
     // Placeholder: sizes the image like a k plane and copies no pixels; always false.
     bool getDicomImagePlaneByIndex(NDicomImage& image, int index);
 
+    // Axis queries. The voxel axis (1 = i, 2 = j, 3 = k) the axial, coronal or sagittal view is
+    // cut across: the one running closest to the patient's z, y or x axis (k when none does, as
+    // the views then fall back to the k planes).
+    int getAxi();
+    int getCor();
+    int getSag();
+    // The plane of that view nearest to patient point (X, Y, Z), clamped to the planes there
+    // are: the index to give getDicomImagePlaneAxi, Cor or Sag for a crosshair.
+    int getAxiIndex(double x, double y, double z);
+    int getCorIndex(double x, double y, double z);
+    int getSagIndex(double x, double y, double z);
+    // +1 when the view's plane index grows towards the head (axial), the back (coronal) or the
+    // patient's left (sagittal), -1 when it grows the other way.
+    int getAxiMainDirection();
+    int getCorMainDirection();
+    int getSagMainDirection();
+    // For voxel axis AXIS (1 = i, 2 = j, 3 = k): the patient axis (0 = x, 1 = y, 2 = z) it runs
+    // closest to, by the rule of the views (|x| > |y| for x, then that one only when larger than
+    // |z|), and +1 or -1 as it runs towards that axis' positive or negative side. -1 and 0 for
+    // other values of AXIS.
+    int getOrinentMaxIdex(int axis);
+    int getMainDirection(int axis);
+
+    // Curved reformats. The smooth curve through POINTS clicked in patient space (at least two):
+    // a centripetal Catmull-Rom spline through every point, sampled every STEP mm of its length
+    // from the first point (the last point ends it). Empty for fewer than two distinct points or a
+    // STEP of 0 or less.
+    static QList<QVector3D> getInterpolationPoints(const QList<QVector3D>& points, double step);
+    // The stretched curved reformat of CURVE (samples of getInterpolationPoints): column c samples
+    // the line through CURVE[c] along DIRECTION, HEIGHT rows SPACING mm apart with the curve in
+    // row (HEIGHT - 1) / 2. Rows of the image thus keep one direction; columns lie the curve's
+    // step apart (its pixel spacing along the row is the mean distance between samples). The
+    // image records each column's point of row 0 and its step (setColumnGeometry), so getXYZ of
+    // any pixel is where it was sampled. False for fewer than two samples, a HEIGHT below 1, a
+    // SPACING of 0 or less, or a DIRECTION of no length.
+    bool getCurvedMPRImagePlane(NDicomImage& image, const QList<QVector3D>& curve, const QVector3D& direction,
+                                int height, double spacing);
+    // The straightened curved reformat: as above, but column c runs perpendicular to the curve's
+    // tangent at CURVE[c], along DIRECTION with its part along the tangent taken away (where the
+    // curve runs along DIRECTION, the column keeps the way of its neighbour).
+    bool getCurvedMPRImagePlaneMethodTwo(NDicomImage& image, const QList<QVector3D>& curve,
+                                         const QVector3D& direction, int height, double spacing);
+
+    // New series from this volume, written into FOLDER as derived DICOM images of one new Series
+    // Instance UID on the first file of the volume's series (its patient, study and Frame of
+    // Reference): Instance Numbers from 1, Series Number 1000 + the source's, the volume's rescale
+    // and window, positions along the stack's normal. With IMPORT the files are catalogued
+    // (QDcmFiles, on the default connection's catalogue). FILES, when given, receives the files
+    // written in instance order; ERROR a one-line reason when the result is false.
+    //
+    // COUNT parallel planes of getDicomImage: the first centred on CENTRE, each next SLICESPACING
+    // mm further along ROW x COLUMN, each WIDTH x HEIGHT pixels of SPACINGX by SPACINGY mm, a
+    // slab of THICKNESS mm reduced by RENDER when THICKNESS > 0.
+    bool createNewSeriesbyManual(const QString& folder, const double* centre, const double* row, const double* column,
+                                 int width, int height, double spacingX, double spacingY, double sliceSpacing,
+                                 int count, double thickness, RenderType render, bool import,
+                                 QStringList* files = nullptr, QString* error = nullptr);
+    // The volume resampled onto the exact geometry of REFERENCE, a catalogued series of the same
+    // Frame of Reference: one image per image of REFERENCE (in its order), each with that image's
+    // position, orientation, matrix and pixel spacing.
+    bool createNewSeriesbyReference(QSeries* reference, const QString& folder, bool import,
+                                    QStringList* files = nullptr, QString* error = nullptr);
+    // Each slice k of the volume (current frame) as it is.
+    bool saveVolumeToImage(const QString& folder, bool import, QStringList* files = nullptr, QString* error = nullptr);
+    // The volume with every voxel whose bit in MASK (of the volume's size) is clear set to the
+    // background (the smallest voxel), the others unchanged, written slice by slice.
+    bool maskDicomVolume(NBitVolume* mask, const QString& folder, bool import, QStringList* files = nullptr,
+                         QString* error = nullptr);
+
 signals:
     void processBar(int value, int maximum);
     void registrationInfo(int state);
@@ -76,6 +146,16 @@ signals:
 private:
     // Voxel axis (1 = i, 2 = j, 3 = k) that the view towards patient axis TARGET is cut across.
     int viewAxis(int target) const;
+    // The plane index of the view towards TARGET nearest to a patient point; its direction sign.
+    int viewIndex(int target, double x, double y, double z);
+    int viewDirection(int target);
+    // The curved reformats: columns through CURVE along DIRECTION, straightened or not.
+    bool curvedImage(NDicomImage& image, const QList<QVector3D>& curve, const QVector3D& direction, int height,
+                     double spacing, bool straightened);
+    // Writes COUNT images made by MAKE (image n of the series, 0 first) as one new derived series
+    // (see createNewSeriesbyManual).
+    bool writeDerivedSeries(int count, const std::function<bool(int, NDicomImage&, QString*)>& make,
+                            const QString& folder, bool import, QStringList* files, QString* error);
     bool planeTowards(NDicomImage& image, int index, int thickness, RenderType render, int target);
     // Loads FILE as fillHead does; null when it cannot be read.
     static DcmFileFormat* loadFile(const QString& file);

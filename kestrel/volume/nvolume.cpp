@@ -57,6 +57,7 @@ char* allocateVoxels(qint64 length)
 
 void NVolume::releaseBuffer()
 {
+    forgetBackground();
     std::free(m_buffer);
     m_buffer = nullptr;
     m_data = nullptr;
@@ -212,6 +213,7 @@ bool NVolume::saveAs(QString path)
 
 void NVolume::updateCal()
 {
+    forgetBackground();
     std::memcpy(m_orientation, m_head.orientation, sizeof m_orientation);
     std::memcpy(m_origin, m_head.topxyz, sizeof m_origin);
     std::memcpy(m_spacing, m_head.voxelspace, sizeof m_spacing);
@@ -295,6 +297,7 @@ unsigned short NVolume::getVoxel(int i, int j, int k)
 
 void NVolume::setVoxelValue16u(int i, int j, int k, unsigned short value)
 {
+    forgetBackground();
     std::memcpy(m_data + qint64(i) * m_head.volumestep[0] + qint64(j) * m_head.volumestep[1]
                     + qint64(k) * m_head.volumestep[2], &value, 2);
 }
@@ -494,6 +497,7 @@ void NVolume::maskVolume(NVolume* volume, NBitVolume* mask)
 {
     if (!volume || !mask || !mask->GetBuffer() || volume->framesAvailable() < 1)
         return;
+    volume->forgetBackground();
     const int* n = volume->m_head.volumesize;
     if (mask->GetSizeX() != n[0] || mask->GetSizeY() != n[1] || mask->GetSizeZ() != n[2])
         return;

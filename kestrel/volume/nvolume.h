@@ -102,6 +102,43 @@ public:
     bool getDicomImagePlaneJ(NDicomImage& image, int index, int thickness, int* view, RenderType render);
     bool getDicomImagePlaneK(NDicomImage& image, int index, int thickness, int* view, RenderType render);
 
+    // Oblique planes and projections. Samples are trilinear between voxel centres in 9-bit fixed
+    // point, as voxel_valued_sse4_s16 gives them for voxels >= 0, and rounded down for negative
+    // ones (where that function gives 32767). A pixel whose samples all lie outside the volume (the
+    // box of its voxel centres) gets the background: the smallest voxel of the current frame,
+    // found on first use and kept until the voxels change through this object; after writing
+    // voxels through getData(), call updateCal().
+    //
+    // The plane through CENTRE (patient mm) along ROW and COLUMN (unit and orthogonal within
+    // 1e-3), WIDTH x HEIGHT pixels SPACINGX mm apart along a row and SPACINGY mm down a column, with
+    // CENTRE at pixel ((WIDTH - 1) / 2, (HEIGHT - 1) / 2). A spacing of 0 or less is the reference
+    // pixel spacing (setReferencePixelSpace) when one is set, else the volume's smallest. With
+    // THICKNESS > 0 each pixel is the slab of that many mm along the normal ROW x COLUMN, sampled
+    // every (smallest voxel spacing) mm and reduced by RENDER over the samples inside the volume.
+    // The image states the geometry each pixel was sampled at, the thickness (the smallest voxel
+    // spacing for a plane, the slab's samples times it for a slab) and the volume's rescale and
+    // window. False, image untouched,
+    // for other directions, sizes below 1 or a volume without voxels.
+    bool getDicomImage(NDicomImage& image, const double* centre, const double* row, const double* column, int width,
+                       int height, double spacingX, double spacingY, double thickness, RenderType render);
+    // The whole volume projected by RENDER as seen from AZIMUTH and ELEVATION (degrees; at 0, 0
+    // from the front, as a coronal image: rows along +x, columns towards the feet, looking along
+    // +y; the azimuth turns the view about the patient's z axis from +x towards +y, the elevation
+    // then lifts the viewer towards the head). The image plane passes through CENTRE (null: the
+    // middle of the volume) square to the view; pixels are SPACING mm (0 or less: the smallest
+    // voxel spacing), and rays are sampled as often. Its size is fixed by the volume's diagonal
+    // and the centre alone, so every direction of a rotating projection gives the same frame.
+    // The image's ijkxyz holds the number of samples per ray, their spacing and the rule.
+    bool getDicomImage3D(NDicomImage& image, double azimuth, double elevation, RenderType render,
+                         const double* centre = nullptr, double spacing = 0);
+    // For pixel (X, Y) of PROJECTION (from getDicomImage3D of this volume): the shift in mm along
+    // the view direction (the image's normal, row x column) from the point the image states for
+    // the pixel (getXYZ) to the sample that gave its value: the brightest of its ray for the
+    // maximum, the darkest for the minimum, the middle of the ray's part inside the volume for the
+    // average. NaN when the ray misses the volume. A host maps a click on a rotating MIP back to
+    // the patient as getXYZ(X, Y) + shift * normal.
+    double getProjectShift(NDicomImage& projection, int x, int y);
+
     // Rotation and standardisation of the 3-D view, handed to the rendering companion; false
     // when the volume has none.
     bool StandardImage(NDicomImage& image, bool flag);
@@ -129,6 +166,9 @@ protected:
     qint64 bufferLength() const { return m_bufferLength; }
     int headerOffset() const { return m_headerOffset; }
     void setVoxelPointer(char* p) { m_data = p; }
+    // Value of points outside the volume in reformats: the current frame's smallest voxel.
+    short backgroundValue();
+    void forgetBackground() { m_backgroundFor = nullptr; }
 
     QVector<unsigned char*> m_layers;
     char* m_data = nullptr;
@@ -152,4 +192,6 @@ protected:
 private:
     qint64 m_bufferLength = 0;
     int m_headerOffset = kVolumeHeaderBlock;
+    const char* m_backgroundFor = nullptr; // frame whose smallest voxel m_background is
+    short m_background = 0;
 };
