@@ -368,6 +368,50 @@ private slots:
         QVERIFY(provider.service->providers().isEmpty());
     }
 
+    // Over-long SOP instance UIDs that agree in their first 64 characters: the request carries the
+    // same truncated UID for both. Different objects keep files of their own, one sent again is
+    // stored once.
+    void collidingInstanceNames()
+    {
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.filePath("recv")));
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+
+        const QString stem = newTestUid() + ".";
+        const QString prefix = stem + QString(64 - stem.size(), '7');
+        SyntheticImage image;
+        image.seriesUid = newTestUid();
+        QStringList files;
+        for (int i = 0; i < 2; ++i) {
+            image.sopUid = prefix + QString("1.%1").arg(i + 1);
+            image.instanceNumber = i + 1;
+            files << dir.filePath(QString("long%1.dcm").arg(i));
+            QVERIFY(writeSyntheticImage(files.last(), image));
+        }
+        QCOMPARE(storescu(provider.port, files), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 2, 10000);
+        const QString first = saved.at(0).at(0).toString(), second = saved.at(1).at(0).toString();
+        QVERIFY(first != second);
+        QFile a(first), b(second);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        QVERIFY(a.readAll() != b.readAll());
+        for (int i = 0; i < 2; ++i) {
+            DcmFileFormat stored;
+            QVERIFY(stored.loadFile(QFile::encodeName(saved.at(i).at(0).toString()).constData()).good());
+            OFString instance;
+            stored.getDataset()->findAndGetOFString(DCM_InstanceNumber, instance);
+            QCOMPARE(QString(instance.c_str()), QString::number(i + 1));
+        }
+
+        // The same objects again, in the other order: each is recognised by its bytes.
+        QCOMPARE(storescu(provider.port, {files.at(1), files.at(0)}), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 4, 10000);
+        QCOMPARE(saved.at(2).at(0).toString(), second);
+        QCOMPARE(saved.at(3).at(0).toString(), first);
+        QCOMPARE(filesBelow(dir.filePath("recv")).size(), 2);
+    }
+
     // The host's commands: listen until SIGTERM (recording the pending series first), a busy
     // port, a fixed run time; send to storescp and to nobody.
     void commandLine()
