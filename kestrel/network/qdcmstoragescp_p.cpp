@@ -89,6 +89,19 @@ OFBool QDcmStorageSCPPrivate::stopAfterConnectionTimeout()
     return m_stop;
 }
 
+OFBool QDcmStorageSCPPrivate::checkCalledAETitleAccepted(const OFString& calledAE)
+{
+    return m_peerRules.calledAccepted(QString::fromLatin1(calledAE.c_str()));
+}
+
+OFBool QDcmStorageSCPPrivate::checkCallingAETitleAccepted(const OFString& callingAE)
+{
+    if (m_peerRules.callingAccepted(QString::fromLatin1(callingAE.c_str())))
+        return OFTrue;
+    qWarning() << "QDcmStorageSCPPrivate: association from" << callingAE.c_str() << "refused";
+    return OFFalse;
+}
+
 void QDcmStorageSCPPrivate::notifyAssociationRequest(const T_ASC_Parameters& params, DcmSCPActionType& desiredAction)
 {
     DcmStorageSCP::notifyAssociationRequest(params, desiredAction);

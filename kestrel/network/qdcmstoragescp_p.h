@@ -1,5 +1,6 @@
 #pragma once
 
+#include "network/dcmnetwork_p.h"
 #include "platform/testexport_p.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -31,6 +32,8 @@ public:
     bool stopRequested() const { return m_stop; }
 
     QString seriesUID() const { return m_seriesUID; }
+    // The titles an association must carry to be taken; set before listen().
+    void setPeerRules(const kestrel::internal::PeerRules& rules) { m_peerRules = rules; }
 
     // File name as DCMTK reports it, with doubled separators folded to one.
     static QString normalizedFileName(const OFString& filename);
@@ -54,6 +57,9 @@ protected:
     void notifyDIMSEError(const OFCondition& cond) override;
     OFBool stopAfterCurrentAssociation() override;
     OFBool stopAfterConnectionTimeout() override;
+    // Refused with DCMTK's A-ASSOCIATE-RJ naming the title that is not taken.
+    OFBool checkCalledAETitleAccepted(const OFString& calledAE) override;
+    OFBool checkCallingAETitleAccepted(const OFString& callingAE) override;
     // Keeps the request's parameters for negotiateAssociation.
     void notifyAssociationRequest(const T_ASC_Parameters& params, DcmSCPActionType& desiredAction) override;
     // The association profile first; then the storage classes it cannot list (DCMTK holds at most
@@ -74,6 +80,7 @@ private:
     Uint16 placeReceived(const T_DIMSE_C_StoreRQ& request, const QString& part, DcmDataset* dataset, QString& placed);
 
     T_ASC_Parameters* m_requestParameters = nullptr;
+    kestrel::internal::PeerRules m_peerRules;
     mutable QString m_seriesUID;
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_abortRequested{false};

@@ -20,6 +20,7 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QSet>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QSqlQuery>
 #include <QtTest>
@@ -366,6 +367,67 @@ private slots:
         QVERIFY(status > 0 || (status == 0 && saved.count() == 2000));
         QVERIFY(!provider.service->isConnected());
         QVERIFY(provider.service->providers().isEmpty());
+    }
+
+    // Who may send, from config/dicomservice.ini: open by default; a sender or called title outside
+    // the lists gets an association rejection naming it, and nothing is stored.
+    void peerRules_data()
+    {
+        QTest::addColumn<QString>("called");
+        QTest::addColumn<QString>("calling");
+        QTest::addColumn<QString>("senderCalls");
+        QTest::addColumn<QString>("senderIs");
+        QTest::addColumn<QString>("refusal");
+        QTest::newRow("open") << "" << "" << "ANY-SCP" << "STORESCU" << "";
+        QTest::newRow("calling listed") << "" << "CT01, STORESCU" << "ANY-SCP" << "STORESCU" << "";
+        QTest::newRow("calling not listed") << "" << "CT01,MR02" << "KESTREL" << "OTHER" << "Calling AE Title Not Recognized";
+        QTest::newRow("one calling title") << "" << "CT01" << "KESTREL" << "CT01" << "";
+        QTest::newRow("called answered") << "KESTREL" << "" << "KESTREL" << "OTHER" << "";
+        QTest::newRow("called other") << "KESTREL" << "" << "ANY-SCP" << "CT01" << "Called AE Title Not Recognized";
+        QTest::newRow("both") << "KESTREL" << "CT01" << "KESTREL" << "STORESCU" << "Calling AE Title Not Recognized";
+    }
+    void peerRules()
+    {
+        QFETCH(QString, called);
+        QFETCH(QString, calling);
+        QFETCH(QString, senderCalls);
+        QFETCH(QString, senderIs);
+        QFETCH(QString, refusal);
+        QTemporaryDir dir;
+        {
+            QSettings ini(dir.filePath("config/dicomservice.ini"), QSettings::IniFormat);
+            ini.setValue("provider/CalledAETitle", called);
+            ini.setValue("provider/CallingAETitles", calling);
+        }
+        QVERIFY(QFile::exists(dir.filePath("config/dicomservice.ini")));
+        Kestrel::setConfigDirectory(dir.filePath("config"));
+        Provider provider;
+        const bool started = provider.start(dir.filePath("recv"));
+        Kestrel::setConfigDirectory(QString());
+        QVERIFY(started);
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+
+        const QStringList files = writeSyntheticSeries(dir.filePath("s"), SyntheticImage(), 1);
+        QProcess sender;
+        sender.setProcessEnvironment(peerEnvironment());
+        sender.setProcessChannelMode(QProcess::MergedChannels);
+        QElapsedTimer clock;
+        clock.start();
+        sender.start("storescu", QStringList{"-aet", senderIs, "-aec", senderCalls, "127.0.0.1",
+                                             QString::number(provider.port)} + files);
+        QVERIFY(sender.waitForFinished(20000));
+        const QString out = QString::fromLocal8Bit(sender.readAll());
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+        if (refusal.isEmpty()) {
+            QCOMPARE(sender.exitCode(), 0);
+            QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 1, 10000);
+            return;
+        }
+        QVERIFY(sender.exitCode() != 0);
+        QVERIFY2(out.contains("Association Rejected") && out.contains(refusal), qPrintable(out));
+        QTest::qWait(200);
+        QCOMPARE(saved.count(), 0);
+        QVERIFY(filesBelow(dir.filePath("recv")).isEmpty());
     }
 
     // Over-long SOP instance UIDs that agree in their first 64 characters: the request carries the
