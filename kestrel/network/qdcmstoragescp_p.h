@@ -10,6 +10,7 @@
 #include <QString>
 
 #include <atomic>
+#include <vector>
 
 // DCMTK's storage provider turned into Qt signals. Lives in the provider's worker thread, where
 // DcmSCP::listen() runs; every signal is emitted from that thread.
@@ -65,6 +66,9 @@ protected:
     // The association profile first; then the storage classes it cannot list (DCMTK holds at most
     // 128 presentation contexts in a profile) are accepted uncompressed or deflated.
     OFCondition negotiateAssociation() override;
+    // Connections are accepted here and wait until their sender speaks; only then does DCMTK
+    // read the request. A connection that stays silent never holds up the others.
+    OFCondition waitForAssociationRQ(T_ASC_Network* network) override;
     // DCMTK declares this const; the series UID it keeps is therefore mutable.
     void notifyInstanceStored(const OFString& filename, const OFString& sopClassUID, const OFString& sopInstanceUID,
                               DcmDataset* dataset = nullptr) const override;
@@ -79,6 +83,15 @@ private:
     // C-STORE status. PLACED gets the final name.
     Uint16 placeReceived(const T_DIMSE_C_StoreRQ& request, const QString& part, DcmDataset* dataset, QString& placed);
 
+    // Accepted connections whose sender has not spoken yet, with when they came.
+    struct Waiting {
+        int fd;
+        qint64 since;
+    };
+    // Accepts what is pending on LISTENER and drops connections silent for too long or beyond
+    // the bound; the first connection with something to read, or -1 after a second.
+    int nextSpeakingConnection(int listener);
+    std::vector<Waiting> m_waiting;
     T_ASC_Parameters* m_requestParameters = nullptr;
     kestrel::internal::PeerRules m_peerRules;
     mutable QString m_seriesUID;

@@ -430,6 +430,38 @@ private slots:
         QVERIFY(filesBelow(dir.filePath("recv")).isEmpty());
     }
 
+    // Peers that hold the provider: a request with an empty AE title is rejected at once, and
+    // connections that never speak do not keep a real sender waiting.
+    void heldByOnePeer()
+    {
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.filePath("recv")));
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+
+        const QList<QPair<QByteArray, QByteArray>> titles{{"", "STORESCU"}, {"KESTREL", ""}, {"", ""},
+                                                          {"  ", "STORESCU"}};
+        for (const auto& [called, calling] : titles) {
+            QElapsedTimer clock;
+            clock.start();
+            const QByteArray answer = exchangeRaw(provider.port, associateRequest(called, calling), 5000);
+            QVERIFY2(answer.startsWith('\x03'), qPrintable(answer.toHex()));
+            QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+        }
+        QVERIFY(exchangeRaw(provider.port, associateRequest("KESTREL", "STORESCU"), 1000).startsWith('\x02'));
+
+        std::vector<std::unique_ptr<SilentPeer>> silent;
+        for (int i = 0; i < 3; ++i) {
+            silent.push_back(std::make_unique<SilentPeer>(provider.port));
+            QVERIFY(silent.back()->fd >= 0);
+        }
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("s"), SyntheticImage(), 2)), 0);
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 2, 5000);
+    }
+
     // Over-long SOP instance UIDs that agree in their first 64 characters: the request carries the
     // same truncated UID for both. Different objects keep files of their own, one sent again is
     // stored once.
