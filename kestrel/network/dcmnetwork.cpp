@@ -5,7 +5,10 @@
 #include <dcmtk/dcmnet/assoc.h>
 #include <dcmtk/dcmnet/diutil.h>
 
+#include "kestrelpaths.h"
+
 #include <QByteArray>
+#include <QSettings>
 #include <QtGlobal>
 
 #include <cstring>
@@ -57,6 +60,33 @@ QString storeStatusText(quint16 status)
 {
     return QStringLiteral("%1 (0x%2)").arg(QString::fromLatin1(DU_cstoreStatusString(status)))
         .arg(status, 4, 16, QLatin1Char('0'));
+}
+
+bool PeerRules::calledAccepted(const QString& title) const
+{
+    const QString called = title.trimmed();
+    return !called.isEmpty() && (calledAETitle.isEmpty() || called == calledAETitle);
+}
+
+bool PeerRules::callingAccepted(const QString& title) const
+{
+    const QString calling = title.trimmed();
+    return !calling.isEmpty() && (callingAETitles.isEmpty() || callingAETitles.contains(calling));
+}
+
+PeerRules readPeerRules()
+{
+    const QSettings settings(Kestrel::configFilePath(QStringLiteral("dicomservice.ini")), QSettings::IniFormat);
+    PeerRules rules;
+    rules.calledAETitle = settings.value(QStringLiteral("provider/CalledAETitle")).toString().trimmed();
+    // QSettings splits an unquoted list at its commas; a single title comes as a string.
+    for (const QString& entry : settings.value(QStringLiteral("provider/CallingAETitles")).toStringList()) {
+        for (const QString& title : entry.split(QLatin1Char(','))) {
+            if (!title.trimmed().isEmpty())
+                rules.callingAETitles << title.trimmed();
+        }
+    }
+    return rules;
 }
 
 } // namespace kestrel::internal

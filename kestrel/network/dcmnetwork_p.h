@@ -3,6 +3,7 @@
 #include "platform/testexport_p.h"
 
 #include <QString>
+#include <QStringList>
 #include <QtGlobal>
 
 struct T_ASC_Parameters;
@@ -26,5 +27,17 @@ enum class StoreAnswer { Success, Warning, Failure };
 KESTREL_TEST_EXPORT StoreAnswer storeAnswer(quint16 status);
 // The status as DCMTK names it, with its code: "Refused: Out of Resources (0xa700)".
 KESTREL_TEST_EXPORT QString storeStatusText(quint16 status);
+
+// Who may open an association with the storage provider, from the [provider] group of
+// config/dicomservice.ini: CalledAETitle, the one title the provider answers to, and
+// CallingAETitles, the senders it takes (comma separated). Either left empty takes any title;
+// an empty title is never taken. Titles compare without their padding spaces.
+struct PeerRules {
+    QString calledAETitle;
+    QStringList callingAETitles;
+    bool calledAccepted(const QString& title) const;
+    bool callingAccepted(const QString& title) const;
+};
+KESTREL_TEST_EXPORT PeerRules readPeerRules();
 
 } // namespace kestrel::internal

@@ -97,6 +97,7 @@ int QDcmStorageSCP::listen()
     d->setAETitle(OFString(m_aeTitle.toUtf8().constData()));
     d->setOutputDirectory(OFString(m_outputDirectory.toUtf8().constData()));
     d->setDirectoryGenerationMode(DcmStorageSCP::DGM_SeriesDate);
+    d->setPeerRules(kestrel::internal::readPeerRules());
     // Wait for connections a second at a time so that a stop is noticed while no sender is there.
     d->setConnectionBlockingMode(DUL_NOBLOCK);
     d->setConnectionTimeout(1);

@@ -7,16 +7,28 @@
 #include <dcmtk/dcmdata/dcdatset.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
+#include <dcmtk/dcmnet/dul.h>
 
+#include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QMutex>
+#include <QMutexLocker>
 
+#include <algorithm>
+
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 QDcmStorageSCPPrivate::QDcmStorageSCPPrivate(QObject* parent) : QObject(parent) {}
 
-QDcmStorageSCPPrivate::~QDcmStorageSCPPrivate() = default;
+QDcmStorageSCPPrivate::~QDcmStorageSCPPrivate()
+{
+    for (const Waiting& waiting : m_waiting)
+        ::close(waiting.fd);
+}
 
 OFCondition QDcmStorageSCPPrivate::abortAssociation()
 {
@@ -89,6 +101,19 @@ OFBool QDcmStorageSCPPrivate::stopAfterConnectionTimeout()
     return m_stop;
 }
 
+OFBool QDcmStorageSCPPrivate::checkCalledAETitleAccepted(const OFString& calledAE)
+{
+    return m_peerRules.calledAccepted(QString::fromLatin1(calledAE.c_str()));
+}
+
+OFBool QDcmStorageSCPPrivate::checkCallingAETitleAccepted(const OFString& callingAE)
+{
+    if (m_peerRules.callingAccepted(QString::fromLatin1(callingAE.c_str())))
+        return OFTrue;
+    qWarning() << "QDcmStorageSCPPrivate: association from" << callingAE.c_str() << "refused";
+    return OFFalse;
+}
+
 void QDcmStorageSCPPrivate::notifyAssociationRequest(const T_ASC_Parameters& params, DcmSCPActionType& desiredAction)
 {
     DcmStorageSCP::notifyAssociationRequest(params, desiredAction);
@@ -102,6 +127,66 @@ OFCondition QDcmStorageSCPPrivate::negotiateAssociation()
     if (cond.good() && m_requestParameters)
         kestrel::internal::acceptRemainingStorageContexts(m_requestParameters);
     m_requestParameters = nullptr;
+    return cond;
+}
+
+int QDcmStorageSCPPrivate::nextSpeakingConnection(int listener)
+{
+    // As many silent connections as a busy sender site opens at once; the oldest goes first.
+    constexpr size_t maxWaiting = 32;
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    const qint64 patience = qint64(getACSETimeout()) * 1000;
+    for (auto it = m_waiting.begin(); it != m_waiting.end();) {
+        if (now - it->since > patience) {
+            ::close(it->fd);
+            it = m_waiting.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    std::vector<pollfd> watched{{listener, POLLIN, 0}};
+    for (const Waiting& waiting : m_waiting)
+        watched.push_back({waiting.fd, POLLIN, 0});
+    if (::poll(watched.data(), nfds_t(watched.size()), 1000) <= 0)
+        return -1;
+    if (watched.front().revents & POLLIN) {
+        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) {
+            if (m_waiting.size() >= maxWaiting) {
+                ::close(m_waiting.front().fd);
+                m_waiting.erase(m_waiting.begin());
+            }
+            m_waiting.push_back({fd, now});
+        }
+    }
+    for (size_t i = 1; i < watched.size(); ++i) {
+        if (!watched[i].revents)
+            continue;
+        const int fd = watched[i].fd;
+        m_waiting.erase(std::find_if(m_waiting.begin(), m_waiting.end(),
+                                     [fd](const Waiting& waiting) { return waiting.fd == fd; }));
+        // A connection closed before it said anything is not a request.
+        char first = 0;
+        if (::recv(fd, &first, 1, MSG_PEEK | MSG_DONTWAIT) == 1)
+            return fd;
+        ::close(fd);
+        return -1;
+    }
+    return -1;
+}
+
+OFCondition QDcmStorageSCPPrivate::waitForAssociationRQ(T_ASC_Network* network)
+{
+    const int fd = nextSpeakingConnection(int(DUL_networkSocket(network->network)));
+    if (fd < 0)
+        return DUL_NOASSOCIATIONREQUEST;
+    // DCMTK reads the request from this connection instead of accepting one; it owns it from here.
+    // The handle is process-wide: providers of one process take turns (the request is already there).
+    static QMutex handover;
+    QMutexLocker locker(&handover);
+    dcmExternalSocketHandle.set(fd);
+    const OFCondition cond = DcmStorageSCP::waitForAssociationRQ(network);
+    dcmExternalSocketHandle.set(DCMNET_INVALID_SOCKET);
     return cond;
 }
 

@@ -20,6 +20,7 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QSet>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QSqlQuery>
 #include <QtTest>
@@ -366,6 +367,143 @@ private slots:
         QVERIFY(status > 0 || (status == 0 && saved.count() == 2000));
         QVERIFY(!provider.service->isConnected());
         QVERIFY(provider.service->providers().isEmpty());
+    }
+
+    // Who may send, from config/dicomservice.ini: open by default; a sender or called title outside
+    // the lists gets an association rejection naming it, and nothing is stored.
+    void peerRules_data()
+    {
+        QTest::addColumn<QString>("called");
+        QTest::addColumn<QString>("calling");
+        QTest::addColumn<QString>("senderCalls");
+        QTest::addColumn<QString>("senderIs");
+        QTest::addColumn<QString>("refusal");
+        QTest::newRow("open") << "" << "" << "ANY-SCP" << "STORESCU" << "";
+        QTest::newRow("calling listed") << "" << "CT01, STORESCU" << "ANY-SCP" << "STORESCU" << "";
+        QTest::newRow("calling not listed") << "" << "CT01,MR02" << "KESTREL" << "OTHER" << "Calling AE Title Not Recognized";
+        QTest::newRow("one calling title") << "" << "CT01" << "KESTREL" << "CT01" << "";
+        QTest::newRow("called answered") << "KESTREL" << "" << "KESTREL" << "OTHER" << "";
+        QTest::newRow("called other") << "KESTREL" << "" << "ANY-SCP" << "CT01" << "Called AE Title Not Recognized";
+        QTest::newRow("both") << "KESTREL" << "CT01" << "KESTREL" << "STORESCU" << "Calling AE Title Not Recognized";
+    }
+    void peerRules()
+    {
+        QFETCH(QString, called);
+        QFETCH(QString, calling);
+        QFETCH(QString, senderCalls);
+        QFETCH(QString, senderIs);
+        QFETCH(QString, refusal);
+        QTemporaryDir dir;
+        {
+            QSettings ini(dir.filePath("config/dicomservice.ini"), QSettings::IniFormat);
+            ini.setValue("provider/CalledAETitle", called);
+            ini.setValue("provider/CallingAETitles", calling);
+        }
+        QVERIFY(QFile::exists(dir.filePath("config/dicomservice.ini")));
+        Kestrel::setConfigDirectory(dir.filePath("config"));
+        Provider provider;
+        const bool started = provider.start(dir.filePath("recv"));
+        Kestrel::setConfigDirectory(QString());
+        QVERIFY(started);
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+
+        const QStringList files = writeSyntheticSeries(dir.filePath("s"), SyntheticImage(), 1);
+        QProcess sender;
+        sender.setProcessEnvironment(peerEnvironment());
+        sender.setProcessChannelMode(QProcess::MergedChannels);
+        QElapsedTimer clock;
+        clock.start();
+        sender.start("storescu", QStringList{"-aet", senderIs, "-aec", senderCalls, "127.0.0.1",
+                                             QString::number(provider.port)} + files);
+        QVERIFY(sender.waitForFinished(20000));
+        const QString out = QString::fromLocal8Bit(sender.readAll());
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+        if (refusal.isEmpty()) {
+            QCOMPARE(sender.exitCode(), 0);
+            QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 1, 10000);
+            return;
+        }
+        QVERIFY(sender.exitCode() != 0);
+        QVERIFY2(out.contains("Association Rejected") && out.contains(refusal), qPrintable(out));
+        QTest::qWait(200);
+        QCOMPARE(saved.count(), 0);
+        QVERIFY(filesBelow(dir.filePath("recv")).isEmpty());
+    }
+
+    // Peers that hold the provider: a request with an empty AE title is rejected at once, and
+    // connections that never speak do not keep a real sender waiting.
+    void heldByOnePeer()
+    {
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.filePath("recv")));
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+
+        const QList<QPair<QByteArray, QByteArray>> titles{{"", "STORESCU"}, {"KESTREL", ""}, {"", ""},
+                                                          {"  ", "STORESCU"}};
+        for (const auto& [called, calling] : titles) {
+            QElapsedTimer clock;
+            clock.start();
+            const QByteArray answer = exchangeRaw(provider.port, associateRequest(called, calling), 5000);
+            QVERIFY2(answer.startsWith('\x03'), qPrintable(answer.toHex()));
+            QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+        }
+        QVERIFY(exchangeRaw(provider.port, associateRequest("KESTREL", "STORESCU"), 1000).startsWith('\x02'));
+
+        std::vector<std::unique_ptr<SilentPeer>> silent;
+        for (int i = 0; i < 3; ++i) {
+            silent.push_back(std::make_unique<SilentPeer>(provider.port));
+            QVERIFY(silent.back()->fd >= 0);
+        }
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("s"), SyntheticImage(), 2)), 0);
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 2, 5000);
+    }
+
+    // Over-long SOP instance UIDs that agree in their first 64 characters: the request carries the
+    // same truncated UID for both. Different objects keep files of their own, one sent again is
+    // stored once.
+    void collidingInstanceNames()
+    {
+        QTemporaryDir dir;
+        Provider provider;
+        QVERIFY(provider.start(dir.filePath("recv")));
+        QSignalSpy saved(provider.scp, &QDcmStorageSCP::notifyInstanceSaved);
+
+        const QString stem = newTestUid() + ".";
+        const QString prefix = stem + QString(64 - stem.size(), '7');
+        SyntheticImage image;
+        image.seriesUid = newTestUid();
+        QStringList files;
+        for (int i = 0; i < 2; ++i) {
+            image.sopUid = prefix + QString("1.%1").arg(i + 1);
+            image.instanceNumber = i + 1;
+            files << dir.filePath(QString("long%1.dcm").arg(i));
+            QVERIFY(writeSyntheticImage(files.last(), image));
+        }
+        QCOMPARE(storescu(provider.port, files), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 2, 10000);
+        const QString first = saved.at(0).at(0).toString(), second = saved.at(1).at(0).toString();
+        QVERIFY(first != second);
+        QFile a(first), b(second);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        QVERIFY(a.readAll() != b.readAll());
+        for (int i = 0; i < 2; ++i) {
+            DcmFileFormat stored;
+            QVERIFY(stored.loadFile(QFile::encodeName(saved.at(i).at(0).toString()).constData()).good());
+            OFString instance;
+            stored.getDataset()->findAndGetOFString(DCM_InstanceNumber, instance);
+            QCOMPARE(QString(instance.c_str()), QString::number(i + 1));
+        }
+
+        // The same objects again, in the other order: each is recognised by its bytes.
+        QCOMPARE(storescu(provider.port, {files.at(1), files.at(0)}), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 4, 10000);
+        QCOMPARE(saved.at(2).at(0).toString(), second);
+        QCOMPARE(saved.at(3).at(0).toString(), first);
+        QCOMPARE(filesBelow(dir.filePath("recv")).size(), 2);
     }
 
     // The host's commands: listen until SIGTERM (recording the pending series first), a busy

@@ -9,10 +9,12 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QElapsedTimer>
+#include <QtEndian>
 #include <QtTest>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,6 +51,69 @@ bool pokePort(int port, const QByteArray& bytes)
         (void)!::write(fd, bytes.constData(), size_t(bytes.size()));
     ::close(fd);
     return ok;
+}
+
+SilentPeer::SilentPeer(int port)
+{
+    fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in addr = loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+SilentPeer::~SilentPeer()
+{
+    if (fd >= 0)
+        ::close(fd);
+}
+
+QByteArray associateRequest(const QByteArray& called, const QByteArray& calling)
+{
+    auto item = [](char type, const QByteArray& value) {
+        QByteArray out;
+        out.append(type).append('\0');
+        out.append(char(value.size() >> 8)).append(char(value.size() & 0xff));
+        return out + value;
+    };
+    const QByteArray context = QByteArray::fromHex("01000000") + item('\x30', "1.2.840.10008.1.1")
+                               + item('\x40', "1.2.840.10008.1.2");
+    const QByteArray body = QByteArray::fromHex("00010000") + called.leftJustified(16, ' ', true)
+                            + calling.leftJustified(16, ' ', true) + QByteArray(32, '\0')
+                            + item('\x10', "1.2.840.10008.3.1.1.1") + item('\x20', context)
+                            + item('\x50', item('\x51', QByteArray::fromHex("00004000")));
+    QByteArray pdu = QByteArray::fromHex("0100");
+    for (int shift = 24; shift >= 0; shift -= 8)
+        pdu.append(char((body.size() >> shift) & 0xff));
+    return pdu + body;
+}
+
+QByteArray exchangeRaw(int port, const QByteArray& bytes, int timeoutMs)
+{
+    SilentPeer peer(port);
+    QByteArray answer;
+    if (peer.fd < 0 || ::write(peer.fd, bytes.constData(), size_t(bytes.size())) != bytes.size())
+        return answer;
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < timeoutMs) {
+        pollfd readable{peer.fd, POLLIN, 0};
+        if (::poll(&readable, 1, 50) <= 0)
+            continue;
+        char buffer[256];
+        const ssize_t n = ::read(peer.fd, buffer, sizeof buffer);
+        if (n <= 0)
+            break;
+        answer.append(buffer, int(n));
+        // One whole PDU is the answer.
+        if (answer.size() >= 6) {
+            const auto* head = reinterpret_cast<const uchar*>(answer.constData());
+            if (answer.size() >= 6 + int(qFromBigEndian<quint32>(head + 2)))
+                break;
+        }
+    }
+    return answer;
 }
 
 QProcessEnvironment peerEnvironment()

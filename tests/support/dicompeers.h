@@ -21,6 +21,19 @@ int freePort();
 // Opens a TCP connection to PORT and writes BYTES (nothing when empty); true when it connected.
 bool pokePort(int port, const QByteArray& bytes = QByteArray());
 
+// A TCP connection to PORT that stays open and says nothing until the object goes.
+struct SilentPeer {
+    explicit SilentPeer(int port);
+    ~SilentPeer();
+    int fd = -1;
+};
+
+// An A-ASSOCIATE-RQ from CALLING to CALLED proposing Verification.
+QByteArray associateRequest(const QByteArray& called, const QByteArray& calling);
+// Writes BYTES to PORT and returns the PDU that comes back within TIMEOUTMS (less when the peer
+// closes first or the time is up).
+QByteArray exchangeRaw(int port, const QByteArray& bytes, int timeoutMs);
+
 // The environment of the peers: Nagle off, so small exchanges are not held back.
 QProcessEnvironment peerEnvironment();
 
