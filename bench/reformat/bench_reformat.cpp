@@ -9,6 +9,8 @@
 #include "qinstance.h"
 #include "qseries.h"
 
+#include "../timing.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -44,15 +46,7 @@ struct Figures {
 // RUNS timed runs after one to warm up (the background value, the caches), in milliseconds.
 Figures measure(int runs, const std::function<void()>& body)
 {
-    body();
-    std::vector<double> ms;
-    for (int r = 0; r < runs; ++r) {
-        QElapsedTimer timer;
-        timer.start();
-        body();
-        ms.push_back(timer.nsecsElapsed() / 1e6);
-    }
-    std::sort(ms.begin(), ms.end());
+    const std::vector<double> ms = sortedRunTimes(runs, body);
     return {ms.front(), ms[ms.size() / 2], ms.front(), ms.back()};
 }
 

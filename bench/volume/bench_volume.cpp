@@ -8,6 +8,8 @@
 #include "qinstance.h"
 #include "qseries.h"
 
+#include "../timing.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -170,18 +172,7 @@ void framesOfSeries(const QString& folder, const QString& tmp, int runs)
         instance->setFilePath(QDir(folder).filePath(file));
         series.addInstance(instance);
     }
-    auto measure = [&](const std::function<void()>& body) {
-        body();
-        std::vector<double> ms;
-        for (int r = 0; r < runs; ++r) {
-            QElapsedTimer timer;
-            timer.start();
-            body();
-            ms.push_back(timer.nsecsElapsed() / 1e6);
-        }
-        std::sort(ms.begin(), ms.end());
-        return ms;
-    };
+    auto measure = [&](const std::function<void()>& body) { return sortedRunTimes(runs, body); };
     int frames = 0;
     const std::vector<double> headers = measure([&] { getSeriesFrames(&series); });
     const std::vector<double> ours = measure([&] {
