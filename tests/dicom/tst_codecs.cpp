@@ -206,17 +206,17 @@ private slots:
         QFETCH(bool, decodes);
         const QByteArray codestream = firstFragment(transferSyntaxFile(9));
         QVERIFY(codestream.startsWith("\xff\x4f\xff\x51"));
-        Encapsulated spec;
+        Encapsulated layout;
         for (int f = 0; f < frames; ++f)
-            spec.frames << codestream;
-        spec.pieces = pieces;
-        spec.offsetTable = offsetTable;
+            layout.frames << codestream;
+        layout.pieces = pieces;
+        layout.offsetTable = offsetTable;
         if (!decodes)
-            spec.frames.removeLast(); // NumberOfFrames stays as written below
+            layout.frames.removeLast(); // NumberOfFrames stays as written below
         if (!decodes)
-            spec.changes.insert(DCM_NumberOfFrames, QString::number(frames));
+            layout.changes.insert(DCM_NumberOfFrames, QString::number(frames));
         const QString file = m_dir.filePath(QString("frames-%1-%2-%3.dcm").arg(frames).arg(pieces).arg(offsetTable));
-        QVERIFY(writeEncapsulated(transferSyntaxFile(1), file, spec));
+        QVERIFY(writeEncapsulated(transferSyntaxFile(1), file, layout));
         const QByteArray pixels = decodedPixelData(file);
         if (!decodes) {
             QVERIFY(pixels.isEmpty());
@@ -235,11 +235,11 @@ private slots:
         const QByteArray ht = encodeOpenJph(m_reference, 384, 384, true);
         QVERIFY(isHighThroughputCodestream(reinterpret_cast<const unsigned char*>(ht.constData()), std::size_t(ht.size())));
         QVERIFY(!isHighThroughputCodestream(reinterpret_cast<const unsigned char*>(firstFragment(transferSyntaxFile(9)).constData()), 64));
-        Encapsulated spec;
-        spec.frames << ht;
-        spec.tsUid = kHtj2kLosslessUid;
+        Encapsulated layout;
+        layout.frames << ht;
+        layout.tsUid = kHtj2kLosslessUid;
         const QString htFile = m_dir.filePath("htj2k.dcm");
-        QVERIFY(writeEncapsulated(transferSyntaxFile(1), htFile, spec));
+        QVERIFY(writeEncapsulated(transferSyntaxFile(1), htFile, layout));
         QString note = "unset";
         QCOMPARE(imagePixels(htFile, &note), m_reference);
         QCOMPARE(note, QString());
@@ -253,20 +253,20 @@ private slots:
                 error += std::fabs(double(pixels[i]) - m_reference[i]);
             return error / pixels.size() < 8.0 && pixels != m_reference;
         };
-        spec.frames = {encodeOpenJph(m_reference, 384, 384, false)};
-        spec.tsUid = kHtj2kUid;
-        spec.xfer = EXS_JPEG2000;
-        QVERIFY(writeEncapsulated(transferSyntaxFile(1), htFile, spec));
+        layout.frames = {encodeOpenJph(m_reference, 384, 384, false)};
+        layout.tsUid = kHtj2kUid;
+        layout.xfer = EXS_JPEG2000;
+        QVERIFY(writeEncapsulated(transferSyntaxFile(1), htFile, layout));
         QVERIFY(closeTo(imagePixels(htFile, &note)));
         QCOMPARE(note, QString("lossy compressed"));
-        spec.frames = {encodeOpenJpeg(m_reference, 384, 384, 1, true)};
-        spec.tsUid.clear();
+        layout.frames = {encodeOpenJpeg(m_reference, 384, 384, 1, true)};
+        layout.tsUid.clear();
         const QString j2kFile = m_dir.filePath("j2k-lossy.dcm");
-        QVERIFY(writeEncapsulated(transferSyntaxFile(1), j2kFile, spec));
+        QVERIFY(writeEncapsulated(transferSyntaxFile(1), j2kFile, layout));
         QVERIFY(closeTo(imagePixels(j2kFile, &note)));
         QCOMPARE(note, QString("lossy compressed"));
-        spec.frames = {encodeOpenJpeg(m_reference, 384, 384, 1, false)};
-        QVERIFY(writeEncapsulated(transferSyntaxFile(1), j2kFile, spec));
+        layout.frames = {encodeOpenJpeg(m_reference, 384, 384, 1, false)};
+        QVERIFY(writeEncapsulated(transferSyntaxFile(1), j2kFile, layout));
         QCOMPARE(imagePixels(j2kFile, &note), m_reference);
         QCOMPARE(note, QString());
 
@@ -274,11 +274,11 @@ private slots:
         QVector<quint16> rgb;
         for (quint16 v : qAsConst(m_reference))
             rgb << v << quint16(4095 - (v & 4095)) << quint16(v / 2);
-        spec.frames = {encodeOpenJpeg(rgb, 384, 384, 3, false)};
-        spec.changes = {{DCM_SamplesPerPixel, "3"}, {DCM_PhotometricInterpretation, "YBR_RCT"},
+        layout.frames = {encodeOpenJpeg(rgb, 384, 384, 3, false)};
+        layout.changes = {{DCM_SamplesPerPixel, "3"}, {DCM_PhotometricInterpretation, "YBR_RCT"},
                         {DCM_PlanarConfiguration, "0"}};
         const QString colourFile = m_dir.filePath("j2k-colour.dcm");
-        QVERIFY(writeEncapsulated(transferSyntaxFile(1), colourFile, spec));
+        QVERIFY(writeEncapsulated(transferSyntaxFile(1), colourFile, layout));
         QString photometric;
         QCOMPARE(wordsOf(decodedPixelData(colourFile, &photometric)), rgb);
         QCOMPARE(photometric, QString("RGB"));

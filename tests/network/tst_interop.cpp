@@ -225,13 +225,13 @@ QString TestInterop::htj2kFile(bool reversible)
     if (format.loadFile(QFile::encodeName(source).constData()).bad()
         || format.getDataset()->findAndGetUint16Array(DCM_PixelData, words, &count).bad() || count != 384 * 384)
         return {};
-    Encapsulated spec;
-    spec.frames << encodeOpenJph(QVector<quint16>(words, words + count), 384, 384, reversible);
-    spec.xfer = reversible ? EXS_JPEG2000LosslessOnly : EXS_JPEG2000;
-    spec.tsUid = reversible ? kestrel::internal::kHtj2kLosslessUid : kestrel::internal::kHtj2kUid;
-    spec.changes.insert(DCM_SOPInstanceUID, QString("1.2.826.0.1.3680043.10.543.6.%1").arg(reversible));
+    Encapsulated layout;
+    layout.frames << encodeOpenJph(QVector<quint16>(words, words + count), 384, 384, reversible);
+    layout.xfer = reversible ? EXS_JPEG2000LosslessOnly : EXS_JPEG2000;
+    layout.tsUid = reversible ? kestrel::internal::kHtj2kLosslessUid : kestrel::internal::kHtj2kUid;
+    layout.changes.insert(DCM_SOPInstanceUID, QString("1.2.826.0.1.3680043.10.543.6.%1").arg(reversible));
     const QString target = m_dir.filePath(QString("htj2k-%1.dcm").arg(reversible));
-    return writeEncapsulated(source, target, spec) ? target : QString();
+    return writeEncapsulated(source, target, layout) ? target : QString();
 }
 
 void TestInterop::initTestCase()

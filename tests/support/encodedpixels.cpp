@@ -127,27 +127,27 @@ QByteArray encodeOpenJph(const QVector<quint16>& samples, int width, int height,
     return bytes;
 }
 
-bool writeEncapsulated(const QString& templateFile, const QString& target, const Encapsulated& spec)
+bool writeEncapsulated(const QString& templateFile, const QString& target, const Encapsulated& layout)
 {
     DcmFileFormat format;
     if (format.loadFile(QFile::encodeName(templateFile).constData()).bad())
         return false;
     DcmDataset* ds = format.getDataset();
     ds->loadAllDataIntoMemory();
-    if (spec.frames.size() > 1)
-        ds->putAndInsertString(DCM_NumberOfFrames, QByteArray::number(spec.frames.size()).constData());
-    for (auto it = spec.changes.constBegin(); it != spec.changes.constEnd(); ++it)
+    if (layout.frames.size() > 1)
+        ds->putAndInsertString(DCM_NumberOfFrames, QByteArray::number(layout.frames.size()).constData());
+    for (auto it = layout.changes.constBegin(); it != layout.changes.constEnd(); ++it)
         ds->putAndInsertString(it.key(), it.value().toLatin1().constData());
     auto* sequence = new DcmPixelSequence(DCM_PixelSequenceTag);
     auto* table = new DcmPixelItem(DCM_PixelItemTag);
     sequence->insert(table);
     QByteArray offsets;
     quint32 position = 0;
-    for (QByteArray frame : spec.frames) {
+    for (QByteArray frame : layout.frames) {
         if (frame.size() % 2)
             frame.append('\0');
         offsets.append(reinterpret_cast<const char*>(&position), 4);
-        const int step = (frame.size() / spec.pieces + 1) & ~1;
+        const int step = (frame.size() / layout.pieces + 1) & ~1;
         for (int at = 0; at < frame.size(); at += step) {
             const QByteArray piece = frame.mid(at, step);
             auto* item = new DcmPixelItem(DCM_PixelItemTag);
@@ -156,20 +156,20 @@ bool writeEncapsulated(const QString& templateFile, const QString& target, const
             position += 8 + quint32(piece.size());
         }
     }
-    if (spec.offsetTable)
+    if (layout.offsetTable)
         table->putUint8Array(reinterpret_cast<const Uint8*>(offsets.constData()), Uint32(offsets.size()));
     auto* pixelData = new DcmPixelData(DCM_PixelData);
-    pixelData->putOriginalRepresentation(spec.xfer, nullptr, sequence);
+    pixelData->putOriginalRepresentation(layout.xfer, nullptr, sequence);
     ds->insert(pixelData, true);
-    if (spec.tsUid.isEmpty())
-        return format.saveFile(QFile::encodeName(target).constData(), spec.xfer).good();
+    if (layout.tsUid.isEmpty())
+        return format.saveFile(QFile::encodeName(target).constData(), layout.xfer).good();
     // A transfer syntax DCMTK has no name for: its UID goes into the meta header as it is.
     DcmMetaInfo* meta = format.getMetaInfo();
-    if (format.saveFile(QFile::encodeName(target).constData(), spec.xfer).bad())
+    if (format.saveFile(QFile::encodeName(target).constData(), layout.xfer).bad())
         return false;
-    meta->putAndInsertString(DCM_TransferSyntaxUID, spec.tsUid.toLatin1().constData());
+    meta->putAndInsertString(DCM_TransferSyntaxUID, layout.tsUid.toLatin1().constData());
     meta->findAndDeleteElement(DCM_FileMetaInformationGroupLength);
-    return format.saveFile(QFile::encodeName(target).constData(), spec.xfer, EET_ExplicitLength, EGL_recalcGL,
+    return format.saveFile(QFile::encodeName(target).constData(), layout.xfer, EET_ExplicitLength, EGL_recalcGL,
                            EPD_noChange, 0, 0, EWM_dontUpdateMeta)
         .good();
 }

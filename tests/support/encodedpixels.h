@@ -32,4 +32,4 @@ struct Encapsulated {
 };
 
 // A copy of the uncompressed TEMPLATEFILE with that pixel data, as TARGET.
-bool writeEncapsulated(const QString& templateFile, const QString& target, const Encapsulated& spec);
+bool writeEncapsulated(const QString& templateFile, const QString& target, const Encapsulated& layout);
