@@ -63,10 +63,7 @@ private slots:
 
 void TestReformat::initTestCase()
 {
-    QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE");
-    db.setDatabaseName(":memory:");
-    QVERIFY(db.open());
-    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+    QVERIFY(openEmptyCatalogue());
 }
 
 void TestReformat::lineSampler_data()

@@ -44,10 +44,7 @@ private slots:
 
 void TestReformatSeries::initTestCase()
 {
-    QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE");
-    db.setDatabaseName(":memory:");
-    QVERIFY(db.open());
-    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+    QVERIFY(openEmptyCatalogue());
 }
 
 // The volume resampled onto its own series gives that series' pixels back; a series of another

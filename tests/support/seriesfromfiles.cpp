@@ -1,5 +1,10 @@
 #include "seriesfromfiles.h"
 
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/oflog/oflog.h>
+
+#include <QSqlDatabase>
+
 #include "dicom/dcmvalues_p.h"
 #include "qinstance.h"
 #include "qseries.h"
@@ -50,3 +55,11 @@ QStringList seriesFiles(const QString& folder, const QString& pattern)
     return byNumber.values();
 }
 
+
+bool openEmptyCatalogue()
+{
+    QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE");
+    db.setDatabaseName(":memory:");
+    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+    return db.open();
+}

@@ -272,11 +272,7 @@ private slots:
 
 void TestFrames::initTestCase()
 {
-    // Series built from files need no catalogue; an empty one keeps the instances' lookups quiet.
-    QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE");
-    db.setDatabaseName(":memory:");
-    QVERIFY(db.open());
-    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+    QVERIFY(openEmptyCatalogue());
 }
 
 void TestFrames::syntheticFrames_data()

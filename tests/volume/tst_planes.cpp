@@ -312,12 +312,7 @@ private slots:
 
 void TestPlanes::initTestCase()
 {
-    // The series are built from files, not from a catalogue: an empty one keeps the instances'
-    // lookups quiet. DCMTK's remarks on rescaled MR images are not news here.
-    QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE");
-    db.setDatabaseName(":memory:");
-    QVERIFY(db.open());
-    OFLog::configure(OFLogger::ERROR_LOG_LEVEL);
+    QVERIFY(openEmptyCatalogue());
 }
 
 void TestPlanes::realSeries_data()
