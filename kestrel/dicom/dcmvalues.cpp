@@ -10,7 +10,6 @@
 
 #include <QStringList>
 
-#include <algorithm>
 
 namespace kestrel::internal {
 
@@ -114,11 +113,8 @@ QString dcmCharacterSet(DcmItem* item)
 QString dcmDecodedString(DcmItem* item, const DcmTagKey& tag)
 {
     const QByteArray bytes = dcmBytes(item, tag);
-    // Plain ASCII without escapes reads the same in every character set (as the decoder itself
-    // has it): most values of most files, read without looking the set up.
-    const bool ascii = std::all_of(bytes.cbegin(), bytes.cend(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\x1b'; });
-    if (ascii)
+    // Most values of most files are plain ASCII: read without looking the character set up.
+    if (DicomCharset::isPlainAscii(bytes.constData(), bytes.size()))
         return QString::fromLatin1(bytes);
     return decodeDicomText(bytes, dcmCharacterSet(item), dcmIsPersonName(tag));
 }

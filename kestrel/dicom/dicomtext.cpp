@@ -244,13 +244,18 @@ QString DicomCharset::decode(const QByteArray& bytes, bool personName) const
     return decode(bytes.constData(), bytes.size(), personName);
 }
 
+bool DicomCharset::isPlainAscii(const char* data, int size)
+{
+    for (int i = 0; i < size; ++i)
+        if (uchar(data[i]) >= 0x80 || data[i] == 0x1b)
+            return false;
+    return true;
+}
+
 QString DicomCharset::decode(const char* data, int size, bool personName) const
 {
-    bool ascii = true;
-    for (int i = 0; i < size && ascii; ++i)
-        ascii = uchar(data[i]) < 0x80 && data[i] != 0x1b;
     // Plain ASCII reads the same in every set here.
-    if (ascii)
+    if (isPlainAscii(data, size))
         return QString::fromLatin1(data, size);
 
     switch (m_mode) {

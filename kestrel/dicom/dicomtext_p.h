@@ -31,6 +31,10 @@ public:
     QString decode(const char* data, int size, bool personName = false) const;
     QString decode(const QByteArray& bytes, bool personName = false) const;
 
+    // True when DATA is plain ASCII without escape sequences: the same text in every set here
+    // (decode() gives it as Latin-1 whatever the set), so the set need not be looked up.
+    static bool isPlainAscii(const char* data, int size);
+
     // TEXT in the character set, escape sequences where needed: decode() of the result gives
     // TEXT back. Characters none of the sets holds become "?"; where decode() reads Latin-1
     // (unknown set, no set), so does this.
