@@ -10,7 +10,6 @@
 
 #include <QStringList>
 
-
 namespace kestrel::internal {
 
 bool dcmHas(DcmItem* item, const DcmTagKey& tag)
