@@ -160,8 +160,6 @@ private slots:
     void signedAndOddSeries();
     void cacheCycle_data() { TestCatalog::addBackendRows(); }
     void cacheCycle();
-    void realSeries_data();
-    void realSeries();
 };
 
 void TestVolume::headText()
@@ -861,49 +859,6 @@ void TestVolume::cacheCycle()
             built = volume;
         QCOMPARE(volume, built);
     }
-}
-
-void TestVolume::realSeries_data()
-{
-    QTest::addColumn<QString>("folder");
-    QTest::addColumn<bool>("axialOnly");
-    QTest::newRow("siemens_t1_sag") << "siemens_t1_sag" << false;
-    QTest::newRow("ct_ge_3slice") << "ct_ge_3slice" << false;
-    QTest::newRow("ge_localizer_3plane axial") << "ge_localizer_3plane" << true;
-}
-
-void TestVolume::realSeries()
-{
-    QFETCH(QString, folder);
-    QFETCH(bool, axialOnly);
-    const QString path = sharedDataPath(folder);
-    if (path.isEmpty())
-        QSKIP("the shared DICOM data is not present");
-    QStringList files;
-    for (const QString& name : QDir(path).entryList(QDir::Files, QDir::Name)) {
-        const QString file = QDir(path).filePath(name);
-        DcmFileFormat format;
-        if (axialOnly) { // the localizer's axial images only
-            if (format.loadFile(QFile::encodeName(file).constData()).bad())
-                continue;
-            const QVector<double> iop = dcmDoubles(format.getDataset(), DCM_ImageOrientationPatient);
-            if (iop.size() < 6 || std::fabs(iop[0]) < 0.9 || std::fabs(iop[4]) < 0.9)
-                continue;
-        }
-        files << file;
-    }
-    QObject owner;
-    auto v = volumeOf(files, &owner);
-    QVERIFY(v->isValid());
-    checkSlicePositions(*v);
-    for (auto cut : {&NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getDicomImagePlaneCor,
-                     &NDicomVolume::getDicomImagePlaneSag}) {
-        NDicomImage image;
-        QVERIFY((v.get()->*cut)(image, 1, 1, RenderMax));
-        QVERIFY(image.width() > 1 && image.height() > 1);
-    }
-    if (folder == "ct_ge_3slice")
-        QVERIFY(v->getHead()->RescaleIntercept < 0);
 }
 
 QTEST_GUILESS_MAIN(TestVolume)
