@@ -55,14 +55,14 @@ int QDcmStorageSCP::setOutputDirectoryAndRun(QString dir)
     m_outputDirectory = dir;
     QMutexLocker locker(&m_lock);
     if (d)
-        d->setOutputDirectory(OFString(dir.toUtf8().constData()));
+        d->setReceivingFolder(dir);
     return 0;
 }
 
 bool QDcmStorageSCP::isConnected()
 {
     QMutexLocker locker(&m_lock);
-    return d && d->isConnected();
+    return d && d->associationOpen();
 }
 
 void QDcmStorageSCP::onStartService()
@@ -81,10 +81,14 @@ int QDcmStorageSCP::listen()
         }
         if (!d) {
             d = new QDcmStorageSCPPrivate;
-            connect(d, SIGNAL(notifyInstanceSaved(QString, QString, QString, QString)), this,
-                    SIGNAL(notifyInstanceSaved(QString, QString, QString, QString)));
-            connect(d, SIGNAL(notifyStartReceveSeriesFiles()), this, SIGNAL(notifyStartReceveSeriesFiles()));
-            connect(d, SIGNAL(notifyRecvedSeriesFiles(QString)), this, SIGNAL(notifyRecvedSeriesFiles(QString)));
+            // Emitted in the thread serving the association while this object's thread is inside
+            // listen(): passed on there and then, each receiver decides how it takes them.
+            connect(d, &QDcmStorageSCPPrivate::notifyInstanceSaved, this, &QDcmStorageSCP::notifyInstanceSaved,
+                    Qt::DirectConnection);
+            connect(d, &QDcmStorageSCPPrivate::notifyStartReceveSeriesFiles, this,
+                    &QDcmStorageSCP::notifyStartReceveSeriesFiles, Qt::DirectConnection);
+            connect(d, &QDcmStorageSCPPrivate::notifyRecvedSeriesFiles, this, &QDcmStorageSCP::notifyRecvedSeriesFiles,
+                    Qt::DirectConnection);
             connect(d, &QDcmStorageSCPPrivate::notifyListening, this, [this] {
                 m_accepting = true;
                 emit notifyListening();
@@ -95,7 +99,7 @@ int QDcmStorageSCP::listen()
 
     d->setPort(Uint16(m_port));
     d->setAETitle(OFString(m_aeTitle.toUtf8().constData()));
-    d->setOutputDirectory(OFString(m_outputDirectory.toUtf8().constData()));
+    d->setReceivingFolder(m_outputDirectory);
     d->setDirectoryGenerationMode(DcmStorageSCP::DGM_SeriesDate);
     d->setPeerRules(kestrel::internal::readPeerRules());
     // Wait for connections a second at a time so that a stop is noticed while no sender is there.
@@ -134,12 +138,8 @@ void QDcmStorageSCP::onStopService()
     QMutexLocker locker(&m_lock);
     if (!d)
         return;
-    if (d->isConnected()) {
-        if (QThread::currentThread() == d->thread())
-            d->abortAssociation();
-        else
-            d->requestAbort();
-    }
+    // Every open association is aborted; the listening loop ends within a second.
+    d->requestAbort();
     d->setStop(true);
 }
 
@@ -155,7 +155,7 @@ void QDcmStorageSCP::onReleaseInternal()
             // A provider that was not stopped keeps listening: nothing to release yet.
             if (m_running && !m_stopped)
                 return;
-            if (!m_running && !d->isConnected()) {
+            if (!m_running && !d->associationOpen()) {
                 delete d;
                 d = nullptr;
                 return;

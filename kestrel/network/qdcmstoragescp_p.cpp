@@ -13,8 +13,6 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
-#include <QMutex>
-#include <QMutexLocker>
 
 #include <algorithm>
 
@@ -26,6 +24,8 @@ QDcmStorageSCPPrivate::QDcmStorageSCPPrivate(QObject* parent) : QObject(parent) 
 
 QDcmStorageSCPPrivate::~QDcmStorageSCPPrivate()
 {
+    requestAbort();
+    reapAssociations(true);
     for (const Waiting& waiting : m_waiting)
         ::close(waiting.fd);
 }
@@ -33,6 +33,139 @@ QDcmStorageSCPPrivate::~QDcmStorageSCPPrivate()
 OFCondition QDcmStorageSCPPrivate::abortAssociation()
 {
     return DcmStorageSCP::abortAssociation();
+}
+
+OFCondition QDcmStorageSCPPrivate::listen()
+{
+    const OFCondition cond = DcmStorageSCP::listen();
+    // A stop aborts the open associations; an ended loop waits for the rest to finish.
+    if (m_stop)
+        requestAbort();
+    reapAssociations(true);
+    return cond;
+}
+
+bool QDcmStorageSCPPrivate::associationOpen() const
+{
+    if (isConnected())
+        return true;
+    std::lock_guard<std::mutex> locker(m_associationsLock);
+    return std::any_of(m_associations.begin(), m_associations.end(),
+                       [](const std::unique_ptr<Association>& association) { return !association->done; });
+}
+
+void QDcmStorageSCPPrivate::setReceivingFolder(const QString& folder)
+{
+    std::lock_guard<std::mutex> locker(m_folderLock);
+    m_folder = folder;
+    setOutputDirectory(OFString(QFile::encodeName(folder).constData()));
+}
+
+void QDcmStorageSCPPrivate::requestAbort()
+{
+    m_abortRequested = true;
+    {
+        // The sender may be silent: shutting the connection down ends the wait for its next message.
+        std::lock_guard<std::mutex> locker(m_connectionLock);
+        if (m_connection >= 0)
+            ::shutdown(m_connection, SHUT_RDWR);
+    }
+    std::lock_guard<std::mutex> locker(m_associationsLock);
+    for (const std::unique_ptr<Association>& association : m_associations)
+        if (!association->done)
+            association->scp->requestAbort();
+}
+
+void QDcmStorageSCPPrivate::startAssociation(int fd, T_ASC_Network* network)
+{
+    auto association = std::make_unique<Association>();
+    association->scp = std::make_unique<QDcmStorageSCPPrivate>();
+    QDcmStorageSCPPrivate* scp = association->scp.get();
+    scp->setConfig(getConfig());
+    // DCMTK's copy of the configuration leaves its transport layer undefined; ours is plain TCP.
+    scp->getConfig().setTransportLayer(getConfig().getTransportLayer());
+    scp->setDirectoryGenerationMode(getDirectoryGenerationMode());
+    scp->setFilenameGenerationMode(getFilenameGenerationMode());
+    scp->setFilenameExtension(getFilenameExtension());
+    scp->setPeerRules(m_peerRules);
+    {
+        std::lock_guard<std::mutex> locker(m_folderLock);
+        scp->setReceivingFolder(m_folder);
+    }
+    // The association's signals become this provider's, one at a time.
+    connect(scp, &QDcmStorageSCPPrivate::notifyInstanceSaved, this,
+            [this](const QString& file, const QString& sopClass, const QString& sopInstance, const QString& series) {
+                std::lock_guard<std::mutex> locker(m_emitLock);
+                emit notifyInstanceSaved(file, sopClass, sopInstance, series);
+            }, Qt::DirectConnection);
+    connect(scp, &QDcmStorageSCPPrivate::notifyStartReceveSeriesFiles, this, [this] {
+        std::lock_guard<std::mutex> locker(m_emitLock);
+        emit notifyStartReceveSeriesFiles();
+    }, Qt::DirectConnection);
+    connect(scp, &QDcmStorageSCPPrivate::notifyRecvedSeriesFiles, this, [this](const QString& series) {
+        std::lock_guard<std::mutex> locker(m_emitLock);
+        emit notifyRecvedSeriesFiles(series);
+    }, Qt::DirectConnection);
+    Association* started = association.get();
+    {
+        std::lock_guard<std::mutex> locker(m_associationsLock);
+        m_associations.push_back(std::move(association));
+    }
+    started->thread = std::thread([started, fd, network] {
+        started->scp->serveConnection(fd, network);
+        started->done = true;
+    });
+}
+
+void QDcmStorageSCPPrivate::reapAssociations(bool all)
+{
+    for (;;) {
+        std::unique_ptr<Association> ended;
+        {
+            std::lock_guard<std::mutex> locker(m_associationsLock);
+            auto it = std::find_if(m_associations.begin(), m_associations.end(),
+                                   [all](const std::unique_ptr<Association>& association) {
+                                       return all || association->done;
+                                   });
+            if (it == m_associations.end())
+                return;
+            ended = std::move(*it);
+            m_associations.erase(it);
+        }
+        if (ended->thread.joinable())
+            ended->thread.join();
+    }
+}
+
+void QDcmStorageSCPPrivate::serveConnection(int fd, T_ASC_Network* network)
+{
+    {
+        std::lock_guard<std::mutex> locker(m_connectionLock);
+        m_connection = ::dup(fd);
+    }
+    if (m_abortRequested)
+        ::shutdown(fd, SHUT_RDWR);
+    // DCMTK reads the request from this connection instead of accepting one and owns it from
+    // here. The handle is process-wide: associations take turns until their request is read.
+    static std::mutex handover;
+    m_handover = std::unique_lock<std::mutex>(handover);
+    dcmExternalSocketHandle.set(fd);
+    // An object that makes DCMTK's parser throw ends this association, not the program.
+    const OFCondition cond = kestrel::internal::guardedRead([&] { return DcmStorageSCP::waitForAssociationRQ(network); });
+    releaseHandover();
+    if (cond.bad() && cond != DUL_NOASSOCIATIONREQUEST)
+        qWarning() << "QDcmStorageSCPPrivate: association ended:" << cond.text();
+    std::lock_guard<std::mutex> locker(m_connectionLock);
+    ::close(m_connection);
+    m_connection = -1;
+}
+
+void QDcmStorageSCPPrivate::releaseHandover()
+{
+    if (!m_handover.owns_lock())
+        return;
+    dcmExternalSocketHandle.set(DCMNET_INVALID_SOCKET);
+    m_handover.unlock();
 }
 
 QString QDcmStorageSCPPrivate::normalizedFileName(const OFString& filename)
@@ -116,6 +249,8 @@ OFBool QDcmStorageSCPPrivate::checkCallingAETitleAccepted(const OFString& callin
 
 void QDcmStorageSCPPrivate::notifyAssociationRequest(const T_ASC_Parameters& params, DcmSCPActionType& desiredAction)
 {
+    // The request has been read from the connection: the next association may be handed over.
+    releaseHandover();
     DcmStorageSCP::notifyAssociationRequest(params, desiredAction);
     // DCMTK hands the association's own parameters, which negotiation fills in.
     m_requestParameters = const_cast<T_ASC_Parameters*>(&params);
@@ -130,7 +265,7 @@ OFCondition QDcmStorageSCPPrivate::negotiateAssociation()
     return cond;
 }
 
-int QDcmStorageSCPPrivate::nextSpeakingConnection(int listener)
+int QDcmStorageSCPPrivate::nextSpeakingConnection(int listener, bool take)
 {
     // As many silent connections as a busy sender site opens at once; the oldest goes first.
     constexpr size_t maxWaiting = 32;
@@ -145,9 +280,10 @@ int QDcmStorageSCPPrivate::nextSpeakingConnection(int listener)
         }
     }
     std::vector<pollfd> watched{{listener, POLLIN, 0}};
-    for (const Waiting& waiting : m_waiting)
-        watched.push_back({waiting.fd, POLLIN, 0});
-    if (::poll(watched.data(), nfds_t(watched.size()), 1000) <= 0)
+    if (take)
+        for (const Waiting& waiting : m_waiting)
+            watched.push_back({waiting.fd, POLLIN, 0});
+    if (::poll(watched.data(), nfds_t(watched.size()), take ? 1000 : 50) <= 0)
         return -1;
     if (watched.front().revents & POLLIN) {
         const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
@@ -177,22 +313,27 @@ int QDcmStorageSCPPrivate::nextSpeakingConnection(int listener)
 
 OFCondition QDcmStorageSCPPrivate::waitForAssociationRQ(T_ASC_Network* network)
 {
-    const int fd = nextSpeakingConnection(int(DUL_networkSocket(network->network)));
+    reapAssociations(false);
+    bool free = false;
+    {
+        std::lock_guard<std::mutex> locker(m_associationsLock);
+        free = m_associations.size() < maxAssociations;
+    }
+    const int fd = nextSpeakingConnection(int(DUL_networkSocket(network->network)), free);
     if (fd < 0)
         return DUL_NOASSOCIATIONREQUEST;
-    // DCMTK reads the request from this connection instead of accepting one; it owns it from here.
-    // The handle is process-wide: providers of one process take turns (the request is already there).
-    static QMutex handover;
-    QMutexLocker locker(&handover);
-    dcmExternalSocketHandle.set(fd);
-    const OFCondition cond = DcmStorageSCP::waitForAssociationRQ(network);
-    dcmExternalSocketHandle.set(DCMNET_INVALID_SOCKET);
-    return cond;
+    startAssociation(fd, network);
+    // Served elsewhere; to DCMTK's loop this turn ended without a request.
+    return DUL_NOASSOCIATIONREQUEST;
 }
 
 OFCondition QDcmStorageSCPPrivate::storeObject(T_DIMSE_C_StoreRQ& request, T_ASC_PresentationContextID presentationContext)
 {
-    const QString folder = QFile::decodeName(getOutputDirectory().c_str());
+    QString folder;
+    {
+        std::lock_guard<std::mutex> locker(m_folderLock);
+        folder = m_folder;
+    }
     const QString part = kestrel::internal::partName(QDir(folder).filePath(QStringLiteral(".received")));
     OFCondition cond = receiveSTORERequest(request, presentationContext, OFString(QFile::encodeName(part).constData()));
     if (cond.bad()) {

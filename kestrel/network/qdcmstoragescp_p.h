@@ -10,10 +10,17 @@
 #include <QString>
 
 #include <atomic>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
-// DCMTK's storage provider turned into Qt signals. Lives in the provider's worker thread, where
-// DcmSCP::listen() runs; every signal is emitted from that thread.
+// DCMTK's storage provider turned into Qt signals. The listening object lives in the provider's
+// thread, where DcmSCP::listen() runs; each association is served by an object of its own in a
+// thread of its own (at most maxAssociations at once), so one slow or silent peer holds up nobody.
+// Signals come from the thread serving the association, one at a time; those of one association
+// keep their order.
 class KESTREL_TEST_EXPORT QDcmStorageSCPPrivate : public QObject, public DcmStorageSCP
 {
     Q_OBJECT
@@ -25,11 +32,21 @@ public:
     // DcmSCP keeps this protected; the provider aborts an open association when it is stopped.
     OFCondition abortAssociation() override;
 
+    // Listens until stopped; returns once every association it took has ended.
+    OFCondition listen() override;
+
+    // Associations served at once; further senders wait for a free one.
+    static constexpr size_t maxAssociations = 8;
+    // An association open on this provider.
+    bool associationOpen() const;
+    // The receiving folder, also for the associations that begin from now on.
+    void setReceivingFolder(const QString& folder);
+
     // Ends the listen loop after the current association (or within a second when idle).
     void setStop(bool stop) { m_stop = stop; }
     // Aborts the open association from the worker thread at its next message; DCMTK's
     // association object must not be torn down under the thread that is reading from it.
-    void requestAbort() { m_abortRequested = true; }
+    void requestAbort();
     bool stopRequested() const { return m_stop; }
 
     QString seriesUID() const { return m_seriesUID; }
@@ -89,9 +106,35 @@ private:
         qint64 since;
     };
     // Accepts what is pending on LISTENER and drops connections silent for too long or beyond
-    // the bound; the first connection with something to read, or -1 after a second.
-    int nextSpeakingConnection(int listener);
+    // the bound; the first connection with something to read (when TAKE), or -1 after a while.
+    int nextSpeakingConnection(int listener, bool take);
     std::vector<Waiting> m_waiting;
+
+    // One association's server and its thread.
+    struct Association {
+        std::unique_ptr<QDcmStorageSCPPrivate> scp;
+        std::thread thread;
+        std::atomic<bool> done{false};
+    };
+    // Hands the speaking connection FD to an association object of its own.
+    void startAssociation(int fd, T_ASC_Network* network);
+    // Joins the associations that have ended (all of them when ALL, waiting for each).
+    void reapAssociations(bool all);
+    // In the association's thread: receives the request on FD and serves it to the end.
+    void serveConnection(int fd, T_ASC_Network* network);
+    // DCMTK takes the connection through a process-wide handle; it is held from the hand-over
+    // until the request has been read.
+    void releaseHandover();
+    std::list<std::unique_ptr<Association>> m_associations;
+    mutable std::mutex m_associationsLock;
+    std::unique_lock<std::mutex> m_handover;
+    // A second handle on the association's connection, so that a stop can shut it down at once.
+    std::mutex m_connectionLock;
+    int m_connection = -1;
+    // Keeps the signals of concurrent associations apart.
+    std::mutex m_emitLock;
+    mutable std::mutex m_folderLock;
+    QString m_folder;
     T_ASC_Parameters* m_requestParameters = nullptr;
     kestrel::internal::PeerRules m_peerRules;
     mutable QString m_seriesUID;

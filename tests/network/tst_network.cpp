@@ -27,6 +27,9 @@
 
 #include <cstring>
 
+#include <poll.h>
+#include <unistd.h>
+
 class TestNetwork : public QObject
 {
     Q_OBJECT
@@ -450,16 +453,31 @@ private slots:
         }
         QVERIFY(exchangeRaw(provider.port, associateRequest("KESTREL", "STORESCU"), 1000).startsWith('\x02'));
 
+        // Three connections that never speak, and two peers that stall inside an accepted association.
         std::vector<std::unique_ptr<SilentPeer>> silent;
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < 5; ++i) {
             silent.push_back(std::make_unique<SilentPeer>(provider.port));
             QVERIFY(silent.back()->fd >= 0);
+        }
+        for (int i = 3; i < 5; ++i) {
+            const QByteArray request = associateRequest("KESTREL", "STALLING");
+            QCOMPARE(::write(silent[i]->fd, request.constData(), size_t(request.size())), ssize_t(request.size()));
+            char accepted = 0;
+            pollfd readable{silent[i]->fd, POLLIN, 0};
+            QVERIFY(::poll(&readable, 1, 5000) == 1 && ::read(silent[i]->fd, &accepted, 1) == 1);
+            QCOMPARE(accepted, '\x02');
         }
         QElapsedTimer clock;
         clock.start();
         QCOMPARE(storescu(provider.port, writeSyntheticSeries(dir.filePath("s"), SyntheticImage(), 2)), 0);
         QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
         QTRY_COMPARE_WITH_TIMEOUT(saved.count(), 2, 5000);
+        QVERIFY(provider.scp->isConnected());
+
+        // Stopping does not wait for the stalled peers.
+        clock.restart();
+        provider.service->destroyAllstoreScp();
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
     }
 
     // Over-long SOP instance UIDs that agree in their first 64 characters: the request carries the
