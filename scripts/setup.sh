@@ -8,7 +8,7 @@ PACKAGES=(
   build-essential cmake ninja-build ccache pkg-config
   qtbase5-dev libqt5sql5-sqlite libqt5sql5-mysql libsqlite3-dev
   libdcmtk-dev dcmtk libnifti2-dev libopenjp2-7-dev libopenjph-dev
-  mariadb-server mariadb-client
+  mariadb-server mariadb-client libmariadb-dev
   libomp-dev
   python3 python3-numpy python3-scipy python3-pydicom dcm2niix fonts-dejavu-core
   libgdcm-tools openssl

@@ -4,10 +4,13 @@
 #include "catalog/statement_p.h"
 
 #include <QSqlDriver>
+#include <QSqlError>
 
+#include <mysql.h>
 #include <sqlite3.h>
 
 #include <memory>
+#include <vector>
 
 namespace kestrel::internal {
 
@@ -100,6 +103,159 @@ Status insertRowsSqlite(sqlite3* handle, const QString& table, int columns, cons
     return status;
 }
 
+// The MariaDB/MySQL client handle behind DB, or null for other drivers.
+MYSQL* mysqlHandle(const QSqlDatabase& db)
+{
+    const QVariant handle = db.driver() ? db.driver()->handle() : QVariant();
+    if (!handle.isValid() || qstrcmp(handle.typeName(), "MYSQL*") != 0)
+        return nullptr;
+    return *static_cast<MYSQL* const*>(handle.constData());
+}
+
+// One column of a bulk statement: its values side by side, in the type Qt's driver would have
+// sent them (text, bytes, integer or double), nulls marked.
+struct BulkColumn {
+    enum Kind { Unset, Text, Bytes, Integer, Real, Mixed };
+    Kind kind = Unset;
+    std::vector<QByteArray> text;
+    std::vector<const char*> pointers;
+    std::vector<unsigned long> lengths;
+    std::vector<long long> integers;
+    std::vector<double> reals;
+    std::vector<char> indicators;
+};
+
+BulkColumn::Kind bulkKind(const QVariant& value)
+{
+    switch (value.userType()) {
+    case QMetaType::QString:
+        return BulkColumn::Text;
+    case QMetaType::QByteArray:
+        return BulkColumn::Bytes;
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::Bool:
+        return BulkColumn::Integer;
+    case QMetaType::Double:
+        return BulkColumn::Real;
+    default:
+        return BulkColumn::Mixed;
+    }
+}
+
+// Fills COLUMN with the values at INDEX of ROWS; false when they are not of one kind.
+bool fillBulkColumn(BulkColumn& column, int index, const QVector<const QVector<QVariant>*>& rows)
+{
+    const size_t n = size_t(rows.size());
+    column.indicators.assign(n, STMT_INDICATOR_NONE);
+    for (size_t r = 0; r < n; ++r) {
+        const QVariant& value = rows.at(int(r))->at(index);
+        if (value.isNull()) {
+            column.indicators[r] = STMT_INDICATOR_NULL;
+            continue;
+        }
+        const BulkColumn::Kind kind = bulkKind(value);
+        if (kind == BulkColumn::Mixed || (column.kind != BulkColumn::Unset && column.kind != kind))
+            return false;
+        column.kind = kind;
+    }
+    if (column.kind == BulkColumn::Unset)
+        column.kind = BulkColumn::Text;
+    if (column.kind == BulkColumn::Integer)
+        column.integers.assign(n, 0);
+    else if (column.kind == BulkColumn::Real)
+        column.reals.assign(n, 0.0);
+    else {
+        column.text.resize(n);
+        column.pointers.assign(n, "");
+        column.lengths.assign(n, 0);
+    }
+    for (size_t r = 0; r < n; ++r) {
+        if (column.indicators[r] == STMT_INDICATOR_NULL)
+            continue;
+        const QVariant& value = rows.at(int(r))->at(index);
+        switch (column.kind) {
+        case BulkColumn::Integer:
+            column.integers[r] = value.toLongLong();
+            break;
+        case BulkColumn::Real:
+            column.reals[r] = value.toDouble();
+            break;
+        default:
+            column.text[r] = column.kind == BulkColumn::Bytes ? value.toByteArray() : value.toString().toUtf8();
+            column.pointers[r] = column.text[r].constData();
+            column.lengths[r] = static_cast<unsigned long>(column.text[r].size());
+        }
+    }
+    return true;
+}
+
+// MariaDB: the rows go to the server in one bulk execution of a single-row statement (the client
+// library's array binding), values bound column by column. False when the driver or the values
+// do not allow it (nothing was sent then); otherwise *STATUS tells how it went.
+bool insertRowsBulk(QSqlDatabase db, const QString& table, int columns, const QVector<const QVector<QVariant>*>& rows,
+                    bool ignoreTaken, int* inserted, Status* status)
+{
+    MYSQL* handle = mysqlHandle(db);
+    if (!handle || !(mysql_get_server_version(handle) >= 100200 && mariadb_connection(handle)))
+        return false;
+    std::vector<BulkColumn> values(static_cast<size_t>(columns));
+    for (const QVector<QVariant>* row : rows)
+        if (row->size() != columns)
+            return false;
+    for (int c = 0; c < columns; ++c)
+        if (!fillBulkColumn(values[size_t(c)], c, rows))
+            return false;
+    std::vector<MYSQL_BIND> binds(static_cast<size_t>(columns));
+    for (size_t c = 0; c < binds.size(); ++c) {
+        BulkColumn& column = values[c];
+        MYSQL_BIND& bind = binds[c];
+        bind = MYSQL_BIND();
+        bind.u.indicator = column.indicators.data();
+        switch (column.kind) {
+        case BulkColumn::Integer:
+            bind.buffer_type = MYSQL_TYPE_LONGLONG;
+            bind.buffer = column.integers.data();
+            break;
+        case BulkColumn::Real:
+            bind.buffer_type = MYSQL_TYPE_DOUBLE;
+            bind.buffer = column.reals.data();
+            break;
+        default:
+            bind.buffer_type = column.kind == BulkColumn::Bytes ? MYSQL_TYPE_BLOB : MYSQL_TYPE_STRING;
+            bind.buffer = column.pointers.data();
+            bind.length = column.lengths.data();
+        }
+    }
+    QString sql = schema::insertHead(table) + schema::placeholders(columns);
+    if (ignoreTaken)
+        sql.replace(0, 6, QStringLiteral("INSERT IGNORE"));
+    const QByteArray text = sql.toUtf8();
+    MYSQL_STMT* statement = mysql_stmt_init(handle);
+    if (!statement)
+        return false;
+    unsigned int size = static_cast<unsigned int>(rows.size());
+    bool done = mysql_stmt_prepare(statement, text.constData(), text.size()) == 0
+                && mysql_stmt_attr_set(statement, STMT_ATTR_ARRAY_SIZE, &size) == 0
+                && mysql_stmt_bind_param(statement, binds.data()) == 0 && mysql_stmt_execute(statement) == 0;
+    if (done) {
+        if (inserted)
+            *inserted += int(mysql_stmt_affected_rows(statement));
+    } else {
+        // The server said no (a lost connection, a lock wait): the caller's transaction decides,
+        // as it would for the same error through Qt's driver.
+        const QSqlError error(QStringLiteral("QMYSQL3: Unable to execute statement"),
+                              QString::fromUtf8(mysql_stmt_error(statement)), QSqlError::StatementError,
+                              QString::number(mysql_stmt_errno(statement)));
+        logSqlFailure(sql, error.text());
+        *status = sqlStatus(error);
+        done = true;
+    }
+    mysql_stmt_close(statement);
+    return done;
+}
+
 // MySQL: a series' rows go through one short multi-row statement, prepared once and run over the
 // batch: MariaDB's bind buffers are rebuilt per statement, and about 256 values per statement
 // measured fastest.
@@ -154,6 +310,9 @@ Status insertRows(QSqlDatabase db, const QString& table, const QVector<const QVe
     const int columns = qMax(1, schema::columns(table).size());
     if (sqlite3* handle = sqliteHandle(db))
         return insertRowsSqlite(handle, table, columns, rows, ignoreTaken, inserted);
+    Status status;
+    if (insertRowsBulk(db, table, columns, rows, ignoreTaken, inserted, &status))
+        return status;
     return insertRowsMultiRow(db, table, columns, rows, ignoreTaken, inserted);
 }
 
