@@ -11,6 +11,7 @@
 #include "dicom/dcmvalues_p.h"
 #include "import/headerread_p.h"
 #include "import/imagerecordfill_p.h"
+#include "import/importparents_p.h"
 #include "import/importrecords_p.h"
 #include "import/importstate_p.h"
 #include "import/storagetree_p.h"
@@ -44,46 +45,6 @@ constexpr int kRetries = 8;
 // Rows wait at most half a second, so what was read is soon in the catalogue for everyone.
 constexpr int kImagesPerUnit = 1000;
 constexpr qint64 kUnitMs = 500;
-
-// The rows of TABLE whose COLUMN is KEY: the key of the one there is, -1 without one.
-Status lookUp(QSqlDatabase db, const QString& table, const QString& column, const QVariant& key, qint64* pk,
-              qint64* parent = nullptr, const QString& parentColumn = QString())
-{
-    const QString columns = parent ? QStringLiteral("pk,%1").arg(parentColumn) : QStringLiteral("pk");
-    Statement query(db, QStringLiteral("SELECT %1 FROM %2 WHERE %3 = ?").arg(columns, table, column));
-    const Status status = query.bind(key).run();
-    *pk = -1;
-    if (status && query.next()) {
-        *pk = query.get<qint64>(0);
-        if (parent)
-            *parent = query.get<qint64>(1);
-    }
-    return status;
-}
-
-// Inserts VALUES as a row of TABLE unless another row (of this or another process) holds its
-// unique key, then looks the row up: the one row that won.
-Status insertOrLookUp(QSqlDatabase db, const QString& table, const QVector<QVariant>& values, const QString& column,
-                      const QVariant& key, qint64* pk, int* inserted)
-{
-    const Status written = insertRows(db, table, {&values}, true, inserted);
-    if (!written)
-        return written;
-    return lookUp(db, table, column, key, pk);
-}
-
-// The row that FIND sets *PK to, or else the one CREATE makes, in a unit of work that looks again
-// first (another process may have made it meanwhile). A row that exists, as on every repeated
-// import, costs one read and no transaction.
-Status findOrCreate(QSqlDatabase db, const qint64* pk, const std::function<Status()>& find, const std::function<Status()>& create)
-{
-    if (const Status found = find(); !found || *pk >= 0)
-        return found;
-    return runWrite(db, [&](Transaction&) {
-        const Status found = find();
-        return !found || *pk >= 0 ? found : create();
-    }, kRetries);
-}
 
 // The row of a study or series read from ITEM: its time of day, its parent's key and the status.
 QVector<QVariant> parentRow(const QString& table, const char* timeColumn, const char* fkColumn, qint64 fk, DcmItem* item)
@@ -138,47 +99,28 @@ bool QDcmFiles::importPass(bool copy)
     }
 
     QSqlDatabase db = database();
-    for (const PlannedPatient& patient : plan.patients) {
-        qint64 patientPk = -1;
-        int inserted = 0;
-        const auto find = [&] { return lookUp(db, QStringLiteral("patient"), QStringLiteral("PatientKey"), patient.key, &patientPk); };
-        const Status status = findOrCreate(db, &patientPk, find, [&] {
-            inserted = 0;
-            if (!loadWithParser(facts[size_t(patient.firstFile)].path, kSortReadLength))
-                return Status::failed(tr("cannot read %1").arg(facts[size_t(patient.firstFile)].path));
-            QVector<QVariant> values = records::readColumns(QStringLiteral("patient"), m_fileFormat->getDataset());
-            values[records::columnIndex("patient", "Status")] = records::notUploadedStatus();
-            values[records::columnIndex("patient", "PatientKey")] = patient.key;
-            return insertOrLookUp(db, QStringLiteral("patient"), values, QStringLiteral("PatientKey"), patient.key,
-                                  &patientPk, &inserted);
-        });
-        if (!status || patientPk < 0) {
+    // Every patient, study and series row the plan needs, found or made at once.
+    ParentKeys& keys = m_state->parents;
+    const Status parents = findOrCreateParents(db, plan, [&](ParentTable table, int index, QVector<QVariant>* values) {
+        return readParentRow(int(table), index, values);
+    }, kRetries, &keys);
+    for (const QString& problem : qAsConst(keys.problems))
+        emit errorInfo(problem);
+    for (size_t p = 0; p < plan.patients.size(); ++p) {
+        const PlannedPatient& patient = plan.patients[p];
+        const qint64 patientPk = keys.patient[p];
+        if (patientPk < 0) {
             writePendingImages();
             m_prefetched.clear();
             m_lastError = tr("cannot find or create the patient %1 (%2): %3")
                               .arg(patient.patientID, facts[size_t(patient.firstFile)].path,
-                                   status ? tr("the row is missing after it was written") : status.text());
+                                   !parents ? parents.text() : tr("the row is missing after it was written"));
             emit errorInfo(m_lastError);
             return false;
         }
-        if (inserted > 0) {
+        if (keys.patientAdded[p]) {
             ++m_counts.patientsAdded;
-            // One ID, several people: kept apart, and said.
-            if (!m_state->notedPatientIDs.contains(patient.patientID)) {
-                const int others = selectValue<int>(
-                    db, QStringLiteral("SELECT COUNT(*) FROM patient WHERE PatientID = ? AND pk <> ?"),
-                    {patient.patientID, patientPk}, 0);
-                if (others > 0) {
-                    m_state->notedPatientIDs.insert(patient.patientID);
-                    const QString note = tr("patient ID %1 also names %2 other person(s) in the catalogue: %3 is "
-                                            "catalogued as a patient of its own")
-                                             .arg(patient.patientID)
-                                             .arg(others)
-                                             .arg(patient.name);
-                    m_counts.notes << note;
-                    emit readInfo(note);
-                }
-            }
+            notePatientIDShared(int(p), patientPk);
         }
         const QString patientDir = copy ? storage::subFolder(m_dayPath, patient.patientID) : QString();
         for (int study : patient.studies)
@@ -190,29 +132,65 @@ bool QDcmFiles::importPass(bool copy)
     return true;
 }
 
+bool QDcmFiles::readParentRow(int table, int index, QVector<QVariant>* values)
+{
+    const ImportPlan& plan = m_state->plan;
+    const ParentTable which = ParentTable(table);
+    const int file = which == ParentTable::Patient ? plan.patients[size_t(index)].firstFile
+                     : which == ParentTable::Study ? plan.studies[size_t(index)].firstFile
+                                                   : plan.series[size_t(index)].files.value(0, -1);
+    if (file < 0 || !loadWithParser(m_state->facts[size_t(file)].path, kSortReadLength))
+        return false;
+    DcmItem* item = m_fileFormat->getDataset();
+    switch (which) {
+    case ParentTable::Patient:
+        *values = records::readColumns(QStringLiteral("patient"), item);
+        (*values)[records::columnIndex("patient", "Status")] = records::notUploadedStatus();
+        (*values)[records::columnIndex("patient", "PatientKey")] = plan.patients[size_t(index)].key;
+        break;
+    case ParentTable::Study:
+        *values = parentRow(QStringLiteral("generalstudy"), "StudyTime", "patient_fk", -1, item);
+        break;
+    case ParentTable::Series:
+        *values = parentRow(QStringLiteral("generalseries"), "SeriesTime", "study_fk", -1, item);
+        (*values)[records::columnIndex("generalseries", "SeriesBase")] = plan.series[size_t(index)].key;
+        break;
+    }
+    return true;
+}
+
+void QDcmFiles::notePatientIDShared(int patientIndex, qint64 patientPk)
+{
+    const PlannedPatient& patient = m_state->plan.patients[size_t(patientIndex)];
+    // One ID, several people: kept apart, and said.
+    if (m_state->notedPatientIDs.contains(patient.patientID))
+        return;
+    const int others = selectValue<int>(database(), QStringLiteral("SELECT COUNT(*) FROM patient WHERE PatientID = ? AND pk <> ?"),
+                                        {patient.patientID, patientPk}, 0);
+    if (others <= 0)
+        return;
+    m_state->notedPatientIDs.insert(patient.patientID);
+    const QString note = tr("patient ID %1 also names %2 other person(s) in the catalogue: %3 is "
+                            "catalogued as a patient of its own")
+                             .arg(patient.patientID)
+                             .arg(others)
+                             .arg(patient.name);
+    m_counts.notes << note;
+    emit readInfo(note);
+}
+
 void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& patientDir, bool copy)
 {
     const ImportPlan& plan = m_state->plan;
     const PlannedStudy& study = plan.studies[size_t(studyIndex)];
-    const QString firstFile = m_state->facts[size_t(study.firstFile)].path;
+    const ParentKeys& keys = m_state->parents;
     QSqlDatabase db = database();
-    qint64 studyPk = -1, owner = -1;
-    int inserted = 0;
-    const QString table = QStringLiteral("generalstudy");
-    const auto find = [&] { return lookUp(db, table, QStringLiteral("StudyInstanceUID"), study.uid, &studyPk, &owner, "patient_fk"); };
-    const Status status = findOrCreate(db, &studyPk, find, [&] {
-        inserted = 0;
-        if (!loadWithParser(firstFile, kSortReadLength))
-            return Status::failed(tr("cannot read %1").arg(firstFile));
-        const QVector<QVariant> values = parentRow(table, "StudyTime", "patient_fk", patientPk, m_fileFormat->getDataset());
-        const Status written = insertRows(db, table, {&values}, true, &inserted);
-        return written ? find() : written;
-    });
-    if (!status || studyPk < 0) {
-        emit errorInfo(tr("cannot create the study %1: %2").arg(study.uid, status.text()));
+    const qint64 studyPk = keys.study[size_t(studyIndex)], owner = keys.studyOwner[size_t(studyIndex)];
+    if (studyPk < 0) {
+        emit errorInfo(tr("cannot create the study %1: %2").arg(study.uid, tr("the row is missing")));
         return;
     }
-    m_counts.studiesAdded += inserted > 0;
+    m_counts.studiesAdded += keys.studyAdded[size_t(studyIndex)] ? 1 : 0;
     // A study filed under another patient (catalogues that merged patients on their ID alone) goes
     // to the patient its files name.
     if (owner != patientPk) {
@@ -232,24 +210,12 @@ void QDcmFiles::importStudy(int studyIndex, qint64 patientPk, const QString& pat
         QElapsedTimer timer;
         timer.start();
         const PlannedSeries& series = plan.series[size_t(seriesIndex)];
-        const QString seriesFile = m_state->facts[size_t(series.files.first())].path;
-        qint64 seriesPk = -1;
-        int added = 0;
-        const QString seriesTable = QStringLiteral("generalseries");
-        const auto find = [&] { return lookUp(db, seriesTable, QStringLiteral("SeriesBase"), series.key, &seriesPk); };
-        const Status written = findOrCreate(db, &seriesPk, find, [&] {
-            added = 0;
-            if (!loadWithParser(seriesFile, kSortReadLength))
-                return Status::failed(tr("cannot read %1").arg(seriesFile));
-            QVector<QVariant> values = parentRow(seriesTable, "SeriesTime", "study_fk", studyPk, m_fileFormat->getDataset());
-            values[records::columnIndex(seriesTable, "SeriesBase")] = series.key;
-            return insertOrLookUp(db, seriesTable, values, QStringLiteral("SeriesBase"), series.key, &seriesPk, &added);
-        });
-        if (!written || seriesPk < 0) {
-            emit errorInfo(tr("cannot create the series %1: %2").arg(series.key, written.text()));
+        const qint64 seriesPk = keys.series[size_t(seriesIndex)];
+        if (seriesPk < 0) {
+            emit errorInfo(tr("cannot create the series %1: %2").arg(series.key, tr("the row is missing")));
             continue;
         }
-        m_counts.seriesAdded += added > 0;
+        m_counts.seriesAdded += keys.seriesAdded[size_t(seriesIndex)] ? 1 : 0;
         const QString seriesDir = copy ? storage::subFolder(studyDir, series.key) : QString();
         importSeries(seriesIndex, seriesPk, seriesDir);
         emit readInfo(QStringLiteral("time %1 add data base:%2/%3").arg(timer.elapsed()).arg(m_processed).arg(m_total));
@@ -268,7 +234,12 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
     auto fact = [&](int i) -> const FileFacts& { return facts[size_t(series.files.at(i))]; };
 
     QSet<QString> knownFormat, knownPix, knownMR;
-    loadStoredImages(seriesPk, &knownPix, &knownMR);
+    // A series this run made holds no images yet (another process adding some now is met by the
+    // inserts, which skip what is taken).
+    if (m_state->parents.seriesAdded[size_t(seriesIndex)])
+        m_state->storedImages.clear();
+    else
+        loadStoredImages(seriesPk, &knownPix, &knownMR);
     for (auto it = m_state->storedImages.cbegin(); it != m_state->storedImages.cend(); ++it)
         knownFormat.insert(it.key());
 

@@ -2,6 +2,7 @@
 
 #include "qdcmfiles.h"
 
+#include "import/importparents_p.h"
 #include "import/importplan_p.h"
 
 #include <QElapsedTimer>
@@ -16,6 +17,7 @@ struct QDcmFiles::ImportState {
     QHash<QString, int> factIndex; // path -> index in facts
     kestrel::internal::import::ImportPlan plan;
     QSet<QString> notedPatientIDs; // IDs already reported as naming several people
+    kestrel::internal::import::ParentKeys parents; // the rows the plan's images go under
     // The catalogued images of the series being imported, by SOP Instance UID: their file and
     // storage marker (IrradiationEventUID), read in one query.
     struct StoredImage {

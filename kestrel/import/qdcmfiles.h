@@ -210,6 +210,10 @@ protected:
     // unit of work of its own that is retried while another process holds the catalogue.
     bool importPass(bool copy);
     void importStudy(int study, qint64 patientPk, const QString& patientDir, bool copy);
+    // The values of a new patient (0), study (1) or series (2) row of the plan's entry INDEX.
+    bool readParentRow(int table, int index, QVector<QVariant>* values);
+    // Says when the new patient PATIENTINDEX shares its ID with other people of the catalogue.
+    void notePatientIDShared(int patientIndex, qint64 patientPk);
     // Records of one series: read (in parallel), de-duplicate, copy when asked, queue for writing.
     void importSeries(int series, qint64 seriesPk, const QString& seriesDir);
     // Writes the queued image rows in one unit of work.
