@@ -15,7 +15,8 @@ BUILD_DIR=${BUILD_DIR:-build}
 server_dir=$(mktemp -d /tmp/kestrel-bench-mariadb.XXXXXX)
 cleanup() { "$ROOT"/scripts/mariadb-test-server.sh stop "$server_dir" || true; rm -rf "$server_dir"; }
 trap cleanup EXIT
-KESTREL_TEST_MYSQL_SOCKET=$(scripts/mariadb-test-server.sh start "$server_dir")
+# The benchmark's server commits durably (innodb_flush_log_at_trx_commit=1, MariaDB's default).
+KESTREL_TEST_MYSQL_SOCKET=$(KESTREL_MARIADB_DURABLE=1 scripts/mariadb-test-server.sh start "$server_dir")
 export KESTREL_TEST_MYSQL_SOCKET MYSQL_UNIX_PORT=$KESTREL_TEST_MYSQL_SOCKET TCP_NODELAY=1 QT_QPA_PLATFORM=offscreen
 benches=("$@")
 [ ${#benches[@]} -gt 0 ] || benches=(image import volume network reformat)
