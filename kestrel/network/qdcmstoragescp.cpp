@@ -105,9 +105,13 @@ int QDcmStorageSCP::listen()
     // Wait for connections a second at a time so that a stop is noticed while no sender is there.
     d->setConnectionBlockingMode(DUL_NOBLOCK);
     d->setConnectionTimeout(1);
-    // A sender that stays silent inside an association is dropped after a minute, so that a
-    // stop requested meanwhile is not held up forever.
-    d->setDIMSEBlockingMode(DIMSE_NONBLOCKING);
+    // Inside an association DCMTK reads without polling first: a sender that stays silent is
+    // dropped by the connection's own receive timeout (a minute), and a stop shuts the
+    // connection down at once.
+    d->setDIMSEBlockingMode(DIMSE_BLOCKING);
+    // Senders cut objects into pieces no larger than this: the largest DCMTK takes means fewer
+    // reads and writes per received object.
+    d->setMaxReceivePDULength(ASC_MAXIMUMPDUSIZE);
     d->setDIMSETimeout(60);
 
     // The profile is kept for the caller; DCMTK's default profile name matches "Default".

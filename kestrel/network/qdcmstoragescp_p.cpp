@@ -377,21 +377,24 @@ Uint16 QDcmStorageSCPPrivate::placeReceived(const T_DIMSE_C_StoreRQ& request, co
         return STATUS_STORE_Error_CannotUnderstand;
     // Another provider may be making the same folder at this moment: what counts is that it is there.
     const QString folder = QFile::decodeName(directory.c_str());
-    if (!QDir().mkpath(folder)) {
+    if (folder != m_madeFolder && !QDir().mkpath(folder)) {
         qWarning() << "QDcmStorageSCPPrivate: cannot create" << folder;
         return STATUS_STORE_Refused_OutOfResources;
     }
+    m_madeFolder = folder;
     const QString target = normalizedFileName(filename);
     placed = target;
     for (int attempt = 1;; ++attempt) {
-        // placeFile consumes the part it is given; the received file stays until it is in place.
-        const QString copy = kestrel::internal::partName(placed);
-        if (::link(QFile::encodeName(part).constData(), QFile::encodeName(copy).constData()) != 0
-            && !QFile::copy(part, copy))
-            return STATUS_STORE_Refused_OutOfResources;
-        const kestrel::internal::Placement result = kestrel::internal::placeFile(copy, placed);
+        // The received file stays until it is in place.
+        const kestrel::internal::Placement result = kestrel::internal::placeFile(part, placed, true);
         if (result == kestrel::internal::Placement::Placed || result == kestrel::internal::Placement::AlreadyThere)
             break;
+        if (result == kestrel::internal::Placement::Failed && attempt == 1 && !QDir(folder).exists()) {
+            // The folder went away since the last object: made again.
+            if (!QDir().mkpath(folder))
+                return STATUS_STORE_Refused_OutOfResources;
+            continue;
+        }
         if (result == kestrel::internal::Placement::Failed || attempt >= 100)
             return STATUS_STORE_Refused_OutOfResources;
         // Another object holds the name (UIDs that differ only past what a file name keeps):

@@ -135,6 +135,8 @@ private:
     std::mutex m_emitLock;
     mutable std::mutex m_folderLock;
     QString m_folder;
+    // The last folder received files went to, known to be there.
+    QString m_madeFolder;
     T_ASC_Parameters* m_requestParameters = nullptr;
     kestrel::internal::PeerRules m_peerRules;
     mutable QString m_seriesUID;

@@ -30,14 +30,17 @@ QString partName(const QString& target)
     return QStringLiteral("%1.part-%2-%3").arg(target).arg(QCoreApplication::applicationPid()).arg(serial++);
 }
 
-Placement placeFile(const QString& part, const QString& target)
+Placement placeFile(const QString& part, const QString& target, bool keepPart)
 {
     const QByteArray from = QFile::encodeName(part), to = QFile::encodeName(target);
     // link() succeeds only where nothing is: whoever comes first stays.
     const bool linked = ::link(from.constData(), to.constData()) == 0;
     const int error = errno;
     if (!linked && error != EEXIST && !QFileInfo::exists(target)) {
-        // A file system without hard links: moved into place where nothing was a moment ago.
+        // A file system without hard links: moved (or copied, when the part is to stay) into place
+        // where nothing was a moment ago.
+        if (keepPart)
+            return QFile::copy(part, target) ? Placement::Placed : Placement::Failed;
         const bool moved = std::rename(from.constData(), to.constData()) == 0;
         QFile::remove(part);
         return moved ? Placement::Placed : Placement::Failed;
@@ -47,7 +50,8 @@ Placement placeFile(const QString& part, const QString& target)
         result = QFileInfo(target).isFile() && sameContent(part, target) ? Placement::AlreadyThere
                  : QFileInfo::exists(target)                             ? Placement::OtherContent
                                                                          : Placement::Failed;
-    QFile::remove(part);
+    if (!keepPart)
+        QFile::remove(part);
     return result;
 }
 
