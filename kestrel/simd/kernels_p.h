@@ -23,6 +23,16 @@ KESTREL_TEST_EXPORT void accumulateS16(qint32* acc, const short* src, qint64 n);
 // dst[n] = acc[n] / count, truncated toward zero, stored as 16 bits.
 KESTREL_TEST_EXPORT void divideToS16(short* dst, const qint32* acc, qint64 n, int count);
 
+// The rules a slab is folded by.
+enum SlabRule { SlabMax = 0, SlabMin = 1, SlabAverage = 2 };
+
+// out[r] = the maximum, minimum or average (32-bit sum divided by COUNT, truncated toward zero) of
+// the COUNT (> 0) contiguous values at FIRST + r * STRIDE bytes, for r < RUNS: the runs across a
+// slab when the slab's axis is the contiguous one. Nothing outside the runs is read.
+KESTREL_TEST_EXPORT void reduceRunsS16(short* out, const char* first, qint64 stride, qint64 runs, int count, SlabRule rule);
+KESTREL_TEST_EXPORT void reduceRunsS16Scalar(short* out, const char* first, qint64 stride, qint64 runs, int count,
+                                             SlabRule rule);
+
 // Maximum, minimum and 32-bit sum of N (> 0) contiguous values.
 KESTREL_TEST_EXPORT short reduceMaxS16(const short* src, qint64 n);
 KESTREL_TEST_EXPORT short reduceMinS16(const short* src, qint64 n);
