@@ -9,8 +9,9 @@
 #include <cstring>
 
 // The library's vector kernels. Each has a plain scalar twin of the same result, which the tests
-// use as the reference. The kernels live in kernels_sse41.cpp (the one file built for SSE4.1),
-// the twins in kernels_scalar.cpp.
+// use as the reference. The kernels live in kernels_sse41.cpp (the one file built for SSE4.1; the
+// few that gain from AVX2 hand over to kernels_avx2.cpp where the processor has it), the twins in
+// kernels_scalar.cpp.
 namespace kestrel::internal {
 
 // --- reductions of the plane and slab cutters over signed 16-bit voxels ---
@@ -122,6 +123,8 @@ static inline short sampleLinePoint(const LineSource& source, const double* S, c
 // out[n] = table[in[n]] for N values: the window lookup of the grey images.
 KESTREL_TEST_EXPORT void lookupU16(quint32* out, const quint16* in, const quint32* table, qint64 n);
 KESTREL_TEST_EXPORT void lookupU16Scalar(quint32* out, const quint16* in, const quint32* table, qint64 n);
+// The same with AVX2 gathers (kernels_avx2.cpp); lookupU16 calls it where the processor has AVX2.
+void lookupU16Avx2(quint32* out, const quint16* in, const quint32* table, qint64 n);
 
 // Reverses [first, last) in place.
 KESTREL_TEST_EXPORT void reverseU16(quint16* first, quint16* last);

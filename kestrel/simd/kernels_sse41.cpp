@@ -349,6 +349,11 @@ void sampleLineS16(const LineSource& source, const double* start, const double* 
 
 void lookupU16(quint32* out, const quint16* in, const quint32* table, qint64 n)
 {
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    if (avx2) {
+        lookupU16Avx2(out, in, table, n);
+        return;
+    }
     // Eight indices per two 64-bit loads, eight entries per two 128-bit stores: the pass is bound
     // by the table loads alone.
     qint64 i = 0;
