@@ -192,7 +192,8 @@ void reduceRunsS16(short* out, const char* first, qint64 stride, qint64 runs, in
     // How many runs ahead the passes fetch: enough to cover the memory's latency.
     constexpr int kAhead = 32;
     qint64 r = 0;
-    if (count >= 8) {
+    // The vector sums and their division hold for runs under 2^16 values (divide4).
+    if (count >= 8 && count < 65536) {
         const auto max = [](__m128i a, __m128i b) { return _mm_max_epi16(a, b); };
         const auto min = [](__m128i a, __m128i b) { return _mm_min_epi16(a, b); };
         const __m128d c = _mm_set1_pd(count);
