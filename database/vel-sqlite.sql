@@ -62,6 +62,7 @@ CREATE TABLE IF NOT EXISTS generalstudy (
 );#
 CREATE UNIQUE INDEX IF NOT EXISTS uq_generalstudy_StudyInstanceUID ON generalstudy (StudyInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_generalstudy_patient_fk ON generalstudy (patient_fk);#
+CREATE INDEX IF NOT EXISTS idx_generalstudy_StudyDate ON generalstudy (StudyDate);#
 CREATE TABLE IF NOT EXISTS generalseries (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,
   Modality TEXT,
@@ -94,6 +95,8 @@ CREATE TABLE IF NOT EXISTS generalseries (
 CREATE INDEX IF NOT EXISTS idx_generalseries_SeriesInstanceUID ON generalseries (SeriesInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_generalseries_StudyInstanceUID ON generalseries (StudyInstanceUID);#
 CREATE INDEX IF NOT EXISTS idx_generalseries_study_fk ON generalseries (study_fk);#
+CREATE INDEX IF NOT EXISTS idx_generalseries_SeriesDescription ON generalseries (SeriesDescription);#
+CREATE INDEX IF NOT EXISTS idx_generalseries_Modality ON generalseries (Modality);#
 CREATE UNIQUE INDEX IF NOT EXISTS uq_generalseries_SeriesBase ON generalseries (SeriesBase);#
 CREATE TABLE IF NOT EXISTS imageformat (
   pk INTEGER PRIMARY KEY AUTOINCREMENT,

@@ -67,6 +67,7 @@ CREATE TABLE IF NOT EXISTS `generalstudy` (
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 CREATE UNIQUE INDEX `uq_generalstudy_StudyInstanceUID` ON `generalstudy` (`StudyInstanceUID`(255));
 CREATE INDEX `idx_generalstudy_patient_fk` ON `generalstudy` (`patient_fk`);
+CREATE INDEX `idx_generalstudy_StudyDate` ON `generalstudy` (`StudyDate`(64));
 
 CREATE TABLE IF NOT EXISTS `generalseries` (
   `pk` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
@@ -100,6 +101,8 @@ CREATE TABLE IF NOT EXISTS `generalseries` (
 CREATE INDEX `idx_generalseries_SeriesInstanceUID` ON `generalseries` (`SeriesInstanceUID`(64));
 CREATE INDEX `idx_generalseries_StudyInstanceUID` ON `generalseries` (`StudyInstanceUID`(64));
 CREATE INDEX `idx_generalseries_study_fk` ON `generalseries` (`study_fk`);
+CREATE INDEX `idx_generalseries_SeriesDescription` ON `generalseries` (`SeriesDescription`(64));
+CREATE INDEX `idx_generalseries_Modality` ON `generalseries` (`Modality`(64));
 CREATE UNIQUE INDEX `uq_generalseries_SeriesBase` ON `generalseries` (`SeriesBase`(255));
 
 CREATE TABLE IF NOT EXISTS `imageformat` (

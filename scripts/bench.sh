@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Benchmarks, each printing its figures side by side with a peer or a limit: image windowing,
-# import (SQLite and MariaDB), volumes and slabs (with dcm2niix as the peer), network receive and
-# send (with DCMTK's storescp/storescu), reformats (with scipy's map_coordinates as the peer).
-# Installs and builds first; starts a private MariaDB server.
+# import (SQLite and MariaDB, then into catalogues already holding many images), volumes and slabs
+# (with dcm2niix as the peer), network receive and send (with DCMTK's storescp/storescu), reformats
+# (with scipy's map_coordinates as the peer). Installs and builds first; starts a private MariaDB
+# server.
 #   scripts/bench.sh [image|import|volume|network|reformat]...   (default: all)
+#   KESTREL_BENCH_GROW=100000,1000000   catalogue sizes of the import's growth table (0: none)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
@@ -22,5 +24,7 @@ benches=("$@")
 [ ${#benches[@]} -gt 0 ] || benches=(image import volume network reformat)
 for b in "${benches[@]}"; do
   echo "== bench_$b"
-  "$BUILD_DIR/bin/bench_$b"
+  args=()
+  [ "$b" != import ] || args=(--grow "${KESTREL_BENCH_GROW:-100000,1000000}")
+  "$BUILD_DIR/bin/bench_$b" "${args[@]}"
 done

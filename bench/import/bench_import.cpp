@@ -5,6 +5,8 @@
 //   bench_import [--files N] [--corpus DIR] [--mysql-socket PATH] [--repeat R]
 //
 // MariaDB runs when a socket is given (or KESTREL_TEST_MYSQL_SOCKET is set).
+#include "benchcatalogue.h"
+#include "growth.h"
 #include "kestrelpaths.h"
 #include "qdcmfiles.h"
 #include "veldatabaseconnection.h"
@@ -32,11 +34,12 @@
 #include <memory>
 #include <vector>
 
+// The importer's own timing lines: reading pass, grouping, import pass (milliseconds).
+static QList<qint64> g_phases;
+
 namespace {
 
 QTextStream out(stdout);
-// The importer's own timing lines: reading pass, grouping, import pass (milliseconds).
-QList<qint64> g_phases;
 
 QString uid()
 {
@@ -164,6 +167,23 @@ qint64 headerReadLimit(const QStringList& files)
     return timer.elapsed();
 }
 
+struct Row {
+    QString name;
+    qint64 ms;
+    int images;
+    QString phases;
+};
+
+void messageFilter(QtMsgType type, const QMessageLogContext&, const QString& text)
+{
+    if (text.startsWith("time elapsed:") || text.startsWith("add DB time elapsed:"))
+        g_phases << text.section(':', 1).trimmed().toLongLong();
+    if (type == QtCriticalMsg || type == QtFatalMsg)
+        QTextStream(stderr) << text << '\n';
+}
+
+} // namespace
+
 // A fresh catalogue on the default connection: SQLite under TMP, or a new MariaDB schema.
 bool openCatalogue(const QString& configDir, const QString& tmp, const QString& socket, QString* schema)
 {
@@ -202,13 +222,6 @@ void closeCatalogue(const QString& schema)
     QSqlDatabase::removeDatabase(QLatin1String(QSqlDatabase::defaultConnection));
 }
 
-struct Row {
-    QString name;
-    qint64 ms;
-    int images;
-    QString phases;
-};
-
 qint64 importOnce(const QString& folder, int* imagesAdded, QString* phases)
 {
     g_phases.clear();
@@ -226,16 +239,6 @@ qint64 importOnce(const QString& folder, int* imagesAdded, QString* phases)
     return ms;
 }
 
-void messageFilter(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (text.startsWith("time elapsed:") || text.startsWith("add DB time elapsed:"))
-        g_phases << text.section(':', 1).trimmed().toLongLong();
-    if (type == QtCriticalMsg || type == QtFatalMsg)
-        QTextStream(stderr) << text << '\n';
-}
-
-} // namespace
-
 int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
@@ -245,6 +248,9 @@ int main(int argc, char* argv[])
     parser.addOption({"corpus", "Corpus folder (reused when complete).", "DIR"});
     parser.addOption({"mysql-socket", "MariaDB socket (default: KESTREL_TEST_MYSQL_SOCKET).", "PATH"});
     parser.addOption({"repeat", "Rounds; each figure is the best round (default 2).", "R", "2"});
+    parser.addOption({"grow", "Catalogue sizes (images, comma-separated) of the growth table; 0 leaves it out "
+                              "(default 100000,1000000).", "SIZES", "100000,1000000"});
+    parser.addOption({"grow-only", "Only the growth table."});
     parser.process(app);
     qInstallMessageHandler(messageFilter);
     OFLog::configure(OFLogger::FATAL_LOG_LEVEL);
@@ -269,6 +275,15 @@ int main(int argc, char* argv[])
     // The machine is shared: every figure is the best of REPEAT rounds, each round measuring the
     // limit and both imports into fresh catalogues.
     headerReadLimit(list); // warms the page cache
+    QTemporaryDir tmp;
+    QList<qint64> sizes;
+    for (const QString& size : parser.value("grow").split(',', Qt::SkipEmptyParts))
+        if (size.toLongLong() > 0)
+            sizes << size.toLongLong();
+    if (parser.isSet("grow-only")) {
+        growthTable(corpus, list.size(), sizes, socket, tmp.path());
+        return 0;
+    }
     QList<Row> rows;
     auto keep = [&rows](const Row& row) {
         for (Row& known : rows) {
@@ -280,7 +295,6 @@ int main(int argc, char* argv[])
         }
         rows.append(row);
     };
-    QTemporaryDir tmp;
     for (int round = 0; round < repeat; ++round) {
         keep({"header-read limit (DCMTK, 1024 B)", headerReadLimit(list), list.size(), QString()});
         for (const QString& backend : {QString("SQLite"), QString("MariaDB")}) {
@@ -320,5 +334,7 @@ int main(int argc, char* argv[])
             << QString::number(row.images).rightJustified(8) << "  " << row.phases << '\n';
     }
     out << "goal: first import >= 70% of the limit, repeated import >= 90%" << Qt::endl;
+    if (!sizes.isEmpty())
+        growthTable(corpus, list.size(), sizes, socket, tmp.path());
     return 0;
 }

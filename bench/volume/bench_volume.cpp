@@ -1,7 +1,7 @@
 // Volume benchmarks: building from files, the cache file, the slab reductions, and the 4-D volume
 // of a real multi-echo series, each printed next to its peer or limit (dcm2niix, a plain read,
 // memcpy of the bytes touched, numpy).
-//   bench_volume [--small-only] [--no-series] [--frames-only]
+//   bench_volume [--small-only] [--no-series] [--frames-only] [--slabs-only]
 #include "syntheticdicom.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
@@ -76,7 +76,7 @@ void reductions(NDicomVolume& v, const QString& rawFile)
     }
     // numpy as a peer for the whole-volume maximum along each axis.
     const QString python = QStandardPaths::findExecutable("python3", {"/usr/bin"});
-    if (python.isEmpty())
+    if (python.isEmpty() || rawFile.isEmpty())
         return;
     const QString script = QString(
         "import numpy as np,time\n"
@@ -91,7 +91,8 @@ void reductions(NDicomVolume& v, const QString& rawFile)
         std::printf("%s", p.readAllStandardOutput().constData());
 }
 
-void run(int x, int y, int z, bool withSeries, const QString& tmp)
+// SLABSONLY: the slab reductions of a volume made in memory, nothing else.
+void run(int x, int y, int z, bool withSeries, const QString& tmp, bool slabsOnly = false)
 {
     std::printf("\n== %d x %d x %d, 16-bit\n", x, y, z);
     const QString folder = tmp + QString("/%1x%2x%3").arg(x).arg(y).arg(z);
@@ -143,6 +144,10 @@ void run(int x, int y, int z, bool withSeries, const QString& tmp)
             s = short(int(rng() & 0xffff) - 32768);
         NDicomVolume made(&head, reinterpret_cast<char*>(data.data()), qint64(data.size()) * 2);
         v.clone(&made);
+    }
+    if (slabsOnly) {
+        reductions(v, QString());
+        return;
     }
     const QString cache = folder + "/volume.data";
     v.saveAs(cache);
@@ -224,6 +229,12 @@ int main(int argc, char** argv)
     QTemporaryDir tmp;
     const bool series = !args.contains("--no-series");
     const QString data = qEnvironmentVariable("KESTREL_SHARED_DATA", KESTREL_BENCH_DATA);
+    if (args.contains("--slabs-only")) {
+        run(256, 256, 250, false, tmp.path(), true);
+        if (!args.contains("--small-only"))
+            run(512, 512, 300, false, tmp.path(), true);
+        return 0;
+    }
     if (args.contains("--frames-only")) {
         framesOfSeries(data + "/siemens_gre_2echo", tmp.path(), 15);
         return 0;

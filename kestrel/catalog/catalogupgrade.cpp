@@ -6,6 +6,7 @@
 #include "catalog/transaction_p.h"
 
 #include <QDebug>
+#include <QSet>
 #include <QSqlField>
 #include <QSqlRecord>
 
@@ -31,15 +32,40 @@ const char* const kBinaryColumns[][2] = {
     {"anonymouspatient", "PatientID"}, {"anonymouspatient", "PatientName"},
 };
 
-bool hasUniqueIndex(QSqlDatabase db, const UniqueKey& key)
+QString indexName(const ReadIndex& index)
 {
-    if (isMySql(db))
-        return selectValue<int>(db,
-                                QStringLiteral("SELECT COUNT(*) FROM information_schema.STATISTICS WHERE TABLE_SCHEMA = "
-                                               "DATABASE() AND TABLE_NAME = ? AND INDEX_NAME = ?"),
-                                {QLatin1String(key.table), indexName(key)}, 0) > 0;
-    return selectValue<int>(db, QStringLiteral("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name = ?"),
-                            {indexName(key)}, 0) > 0;
+    return QStringLiteral("idx_%1_%2").arg(QLatin1String(index.table), QLatin1String(index.column));
+}
+
+// The names of the catalogue's indexes, read in one statement; empty when the read fails.
+QSet<QString> indexNames(QSqlDatabase db)
+{
+    Statement read(db, isMySql(db) ? QStringLiteral("SELECT DISTINCT INDEX_NAME FROM information_schema.STATISTICS WHERE "
+                                                    "TABLE_SCHEMA = DATABASE()")
+                                   : QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'index'"));
+    QSet<QString> names;
+    if (read.run())
+        while (read.next())
+            names.insert(read.get<QString>(0));
+    return names;
+}
+
+// The read indexes the catalogue lacks, created (on tables it has).
+Status addReadIndexes(QSqlDatabase db, const QSet<QString>& present, QStringList* report)
+{
+    for (const ReadIndex& index : readIndexes()) {
+        if (present.contains(indexName(index)) || !db.record(QLatin1String(index.table)).contains(QLatin1String(index.column)))
+            continue;
+        const QString prefix = index.text && isMySql(db) ? QStringLiteral("(64)") : QString();
+        const Status made = execute(db, QStringLiteral("CREATE INDEX %1 ON %2 (%3%4)")
+                                            .arg(indexName(index), QLatin1String(index.table),
+                                                 schema::quotedColumns({QLatin1String(index.column)}), prefix));
+        if (!made)
+            return made.context(QStringLiteral("adding the index %1: ").arg(indexName(index)));
+        if (report)
+            *report << QStringLiteral("added the index %1").arg(indexName(index));
+    }
+    return Status::ok();
 }
 
 // Columns of the schema's lists that TABLE lacks, added as text.
@@ -218,6 +244,24 @@ Status mergeDuplicates(QSqlDatabase db, const UniqueKey& key, QStringList* repor
 
 } // namespace
 
+const QList<ReadIndex>& readIndexes()
+{
+    static const QList<ReadIndex> indexes{
+        {"patient", "PatientID", true},
+        {"generalstudy", "patient_fk", false},
+        {"generalstudy", "StudyDate", true},
+        {"generalseries", "study_fk", false},
+        {"generalseries", "SeriesInstanceUID", true},
+        {"generalseries", "SeriesDescription", true},
+        {"generalseries", "Modality", true},
+        {"imageformat", "series_fk", false},
+        {"imagepixel", "series_fk", false},
+        {"mrimageinfo", "series_fk", false},
+        {"registration", "SeriesBase", true},
+    };
+    return indexes;
+}
+
 const QList<UniqueKey>& uniqueKeys()
 {
     static const QList<UniqueKey> keys{
@@ -245,9 +289,12 @@ const QList<UniqueKey>& uniqueKeys()
 
 Status upgradeCatalog(QSqlDatabase db, QStringList* merged)
 {
+    const QSet<QString> present = indexNames(db);
     bool complete = db.record(QStringLiteral("patient")).contains(QStringLiteral("PatientKey"));
     for (int i = 0; complete && i < uniqueKeys().size(); ++i)
-        complete = hasUniqueIndex(db, uniqueKeys().at(i));
+        complete = present.contains(indexName(uniqueKeys().at(i)));
+    for (int i = 0; complete && i < readIndexes().size(); ++i)
+        complete = present.contains(indexName(readIndexes().at(i)));
     if (complete)
         return Status::ok();
 
@@ -261,7 +308,7 @@ Status upgradeCatalog(QSqlDatabase db, QStringList* merged)
         status = binaryCollations(db);
     for (int i = 0; status && i < uniqueKeys().size(); ++i) {
         const UniqueKey& key = uniqueKeys().at(i);
-        if (hasUniqueIndex(db, key) || db.record(QLatin1String(key.table)).isEmpty())
+        if (present.contains(indexName(key)) || db.record(QLatin1String(key.table)).isEmpty())
             continue;
         status = mergeDuplicates(db, key, &report);
         // MariaDB indexes long text by a prefix: 255 characters, far beyond any valid UID.
@@ -271,6 +318,8 @@ Status upgradeCatalog(QSqlDatabase db, QStringList* merged)
                                      .arg(indexName(key), QLatin1String(key.table), schema::quotedColumns({QLatin1String(key.column)}),
                                           prefix ? QStringLiteral("(255)") : QString()));
     }
+    if (status)
+        status = addReadIndexes(db, present, &report);
     for (const QString& line : report)
         qWarning().noquote() << "catalogue upgrade:" << line;
     if (merged)

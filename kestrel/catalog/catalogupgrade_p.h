@@ -21,10 +21,22 @@ struct UniqueKey {
 // Every unique key the catalogue enforces, parents before their children.
 KESTREL_TEST_EXPORT const QList<UniqueKey>& uniqueKeys();
 
+// A plain index (idx_TABLE_COLUMN) that keeps a read's cost from growing with the catalogue: the
+// hierarchy's lookups by parent key, and the columns stored searches commonly ask for. TEXT marks
+// a text column, which MariaDB indexes by its first 64 characters.
+struct ReadIndex {
+    const char* table;
+    const char* column;
+    bool text;
+};
+
+KESTREL_TEST_EXPORT const QList<ReadIndex>& readIndexes();
+
 // Brings DB up to the current schema: missing columns added, patient identity keys filled in,
 // identifying columns compared byte for byte (MariaDB), rows that repeat a unique key merged
 // (the row with the lowest key stays, what pointed to the others points to it), then the unique
-// indexes created. Each merge is described in *MERGED. Cheap when nothing is missing.
+// indexes created, and the read indexes a catalogue lacks. Each merge and each index added is
+// described in *MERGED. Cheap when nothing is missing.
 KESTREL_TEST_EXPORT Status upgradeCatalog(QSqlDatabase db, QStringList* merged = nullptr);
 
 } // namespace kestrel::internal

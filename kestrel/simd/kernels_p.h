@@ -9,8 +9,9 @@
 #include <cstring>
 
 // The library's vector kernels. Each has a plain scalar twin of the same result, which the tests
-// use as the reference. The kernels live in kernels_sse41.cpp (the one file built for SSE4.1),
-// the twins in kernels_scalar.cpp.
+// use as the reference. The kernels live in kernels_sse41.cpp (the one file built for SSE4.1; the
+// few that gain from AVX2 hand over to kernels_avx2.cpp where the processor has it), the twins in
+// kernels_scalar.cpp.
 namespace kestrel::internal {
 
 // --- reductions of the plane and slab cutters over signed 16-bit voxels ---
@@ -22,6 +23,16 @@ KESTREL_TEST_EXPORT void minInPlaceS16(short* dst, const short* src, qint64 n);
 KESTREL_TEST_EXPORT void accumulateS16(qint32* acc, const short* src, qint64 n);
 // dst[n] = acc[n] / count, truncated toward zero, stored as 16 bits.
 KESTREL_TEST_EXPORT void divideToS16(short* dst, const qint32* acc, qint64 n, int count);
+
+// The rules a slab is folded by.
+enum SlabRule { SlabMax = 0, SlabMin = 1, SlabAverage = 2 };
+
+// out[r] = the maximum, minimum or average (32-bit sum divided by COUNT, truncated toward zero) of
+// the COUNT (> 0) contiguous values at FIRST + r * STRIDE bytes, for r < RUNS: the runs across a
+// slab when the slab's axis is the contiguous one. Nothing outside the runs is read.
+KESTREL_TEST_EXPORT void reduceRunsS16(short* out, const char* first, qint64 stride, qint64 runs, int count, SlabRule rule);
+KESTREL_TEST_EXPORT void reduceRunsS16Scalar(short* out, const char* first, qint64 stride, qint64 runs, int count,
+                                             SlabRule rule);
 
 // Maximum, minimum and 32-bit sum of N (> 0) contiguous values.
 KESTREL_TEST_EXPORT short reduceMaxS16(const short* src, qint64 n);
@@ -112,6 +123,8 @@ static inline short sampleLinePoint(const LineSource& source, const double* S, c
 // out[n] = table[in[n]] for N values: the window lookup of the grey images.
 KESTREL_TEST_EXPORT void lookupU16(quint32* out, const quint16* in, const quint32* table, qint64 n);
 KESTREL_TEST_EXPORT void lookupU16Scalar(quint32* out, const quint16* in, const quint32* table, qint64 n);
+// The same with AVX2 gathers (kernels_avx2.cpp); lookupU16 calls it where the processor has AVX2.
+void lookupU16Avx2(quint32* out, const quint16* in, const quint32* table, qint64 n);
 
 // Reverses [first, last) in place.
 KESTREL_TEST_EXPORT void reverseU16(quint16* first, quint16* last);

@@ -54,6 +54,23 @@ qint32 reduceSumS16Scalar(const short* src, qint64 n)
     return sum;
 }
 
+void reduceRunsS16Scalar(short* out, const char* first, qint64 stride, qint64 runs, int count, SlabRule rule)
+{
+    for (qint64 r = 0; r < runs; ++r) {
+        const char* p = first + r * stride;
+        qint32 sum = 0;
+        short v;
+        std::memcpy(&v, p, 2);
+        for (int i = 0; i < count; ++i) {
+            short x;
+            std::memcpy(&x, p + 2 * i, 2);
+            sum += x;
+            v = rule == SlabMin ? std::min(v, x) : std::max(v, x);
+        }
+        out[r] = rule == SlabAverage ? short(sum / count) : v;
+    }
+}
+
 namespace {
 
 // One blend stage: (a * (512 - f) + b * f) shifted right by 9 as unsigned, saturated to 16 bits.

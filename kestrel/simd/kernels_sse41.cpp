@@ -48,10 +48,34 @@ void accumulateS16(qint32* acc, const short* src, qint64 n)
         acc[i] += src[i];
 }
 
+namespace {
+
+// Four 32-bit sums divided by COUNT, truncated toward zero. In doubles the quotient of a 32-bit
+// sum by a count under 2^16 lies at least 2^-16 from the next whole number, far more than its
+// rounding error, so the truncation is that of the integer division.
+inline __m128i divide4(__m128i sums, __m128d count)
+{
+    const __m128d lo = _mm_div_pd(_mm_cvtepi32_pd(sums), count);
+    const __m128d hi = _mm_div_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(sums, _MM_SHUFFLE(1, 0, 3, 2))), count);
+    return _mm_unpacklo_epi64(_mm_cvttpd_epi32(lo), _mm_cvttpd_epi32(hi));
+}
+
+} // namespace
+
 void divideToS16(short* dst, const qint32* acc, qint64 n, int count)
 {
-    // Integer division has no packed form; the compiler turns this into a reciprocal multiply.
-    for (qint64 i = 0; i < n; ++i)
+    qint64 i = 0;
+    if (count < 65536) {
+        const __m128d c = _mm_set1_pd(count);
+        for (; i + 8 <= n; i += 8) {
+            const __m128i a = divide4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(acc + i)), c);
+            const __m128i b = divide4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(acc + i + 4)), c);
+            // Each quotient wraps to 16 bits as the plain cast does.
+            const __m128i mask = _mm_set1_epi32(0xFFFF);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), _mm_packus_epi32(_mm_and_si128(a, mask), _mm_and_si128(b, mask)));
+        }
+    }
+    for (; i < n; ++i)
         dst[i] = short(acc[i] / count);
 }
 
@@ -106,6 +130,94 @@ qint32 reduceSumS16(const short* src, qint64 n)
     for (; i < n; ++i)
         sum += src[i];
     return sum;
+}
+
+namespace {
+
+// The eight rows' 16-bit partial results (one vector a row) folded lane by lane into one vector,
+// row r in lane r, by FOLD (max or min).
+template <typename Fold>
+inline __m128i foldEight(const __m128i* v, Fold fold)
+{
+    const __m128i a = fold(_mm_unpacklo_epi16(v[0], v[1]), _mm_unpackhi_epi16(v[0], v[1]));
+    const __m128i b = fold(_mm_unpacklo_epi16(v[2], v[3]), _mm_unpackhi_epi16(v[2], v[3]));
+    const __m128i c = fold(_mm_unpacklo_epi16(v[4], v[5]), _mm_unpackhi_epi16(v[4], v[5]));
+    const __m128i d = fold(_mm_unpacklo_epi16(v[6], v[7]), _mm_unpackhi_epi16(v[6], v[7]));
+    // a holds rows 0,1 interleaved in 16-bit pairs; fold the pairs of 32 bits, then of 64.
+    const __m128i ab = fold(_mm_unpacklo_epi32(a, b), _mm_unpackhi_epi32(a, b));
+    const __m128i cd = fold(_mm_unpacklo_epi32(c, d), _mm_unpackhi_epi32(c, d));
+    return fold(_mm_unpacklo_epi64(ab, cd), _mm_unpackhi_epi64(ab, cd));
+}
+
+// Eight runs of COUNT (>= 8) values at P + r * STRIDE reduced to eight values (max or min): whole
+// vectors from the run's start, then one vector ending at its end (overlapping is harmless here).
+template <typename Fold>
+inline __m128i extremeOfEight(const char* p, qint64 stride, int count, Fold fold)
+{
+    __m128i v[8];
+    for (int r = 0; r < 8; ++r) {
+        const short* run = reinterpret_cast<const short*>(p + r * stride);
+        __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(run + count - 8));
+        for (int i = 0; i + 8 < count; i += 8)
+            m = fold(m, _mm_loadu_si128(reinterpret_cast<const __m128i*>(run + i)));
+        v[r] = m;
+    }
+    return foldEight(v, fold);
+}
+
+// The 32-bit sums of eight runs of COUNT (>= 8) values, rows 0-3 in LO and 4-7 in HI. The last
+// vector ends at the run's end with the lanes already counted masked off.
+inline void sumsOfEight(const char* p, qint64 stride, int count, __m128i* lo, __m128i* hi)
+{
+    const __m128i ones = _mm_set1_epi16(1);
+    const int whole = count / 8 * 8, rest = count - whole;
+    // Lanes 8 - REST .. 7 of the last vector are the run's last REST values.
+    const __m128i keep = _mm_cmpgt_epi16(_mm_setr_epi16(1, 2, 3, 4, 5, 6, 7, 8), _mm_set1_epi16(short(8 - rest)));
+    __m128i s[8];
+    for (int r = 0; r < 8; ++r) {
+        const short* run = reinterpret_cast<const short*>(p + r * stride);
+        __m128i acc = _mm_madd_epi16(_mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(run + count - 8)), keep), ones);
+        for (int i = 0; i < whole; i += 8)
+            acc = _mm_add_epi32(acc, _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(run + i)), ones));
+        s[r] = acc;
+    }
+    *lo = _mm_hadd_epi32(_mm_hadd_epi32(s[0], s[1]), _mm_hadd_epi32(s[2], s[3]));
+    *hi = _mm_hadd_epi32(_mm_hadd_epi32(s[4], s[5]), _mm_hadd_epi32(s[6], s[7]));
+}
+
+} // namespace
+
+void reduceRunsS16(short* out, const char* first, qint64 stride, qint64 runs, int count, SlabRule rule)
+{
+    // How many runs ahead the passes fetch: enough to cover the memory's latency.
+    constexpr int kAhead = 32;
+    qint64 r = 0;
+    // The vector sums and their division hold for runs under 2^16 values (divide4).
+    if (count >= 8 && count < 65536) {
+        const auto max = [](__m128i a, __m128i b) { return _mm_max_epi16(a, b); };
+        const auto min = [](__m128i a, __m128i b) { return _mm_min_epi16(a, b); };
+        const __m128d c = _mm_set1_pd(count);
+        const __m128i mask = _mm_set1_epi32(0xFFFF);
+        for (; r + 8 <= runs; r += 8) {
+            const char* p = first + r * stride;
+            // Rows far apart and short: fetch those of the next passes, the hardware does not guess them.
+            for (int a = kAhead; a < kAhead + 8; ++a) {
+                __builtin_prefetch(p + a * stride);
+                __builtin_prefetch(p + a * stride + 2 * count - 2);
+            }
+            __m128i result;
+            if (rule == SlabAverage) {
+                __m128i lo, hi;
+                sumsOfEight(p, stride, count, &lo, &hi);
+                result = _mm_packus_epi32(_mm_and_si128(divide4(lo, c), mask), _mm_and_si128(divide4(hi, c), mask));
+            } else {
+                result = rule == SlabMin ? extremeOfEight(p, stride, count, min) : extremeOfEight(p, stride, count, max);
+            }
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + r), result);
+        }
+    }
+    if (r < runs)
+        reduceRunsS16Scalar(out + r, first + r * stride, stride, runs - r, count, rule);
 }
 
 namespace {
@@ -238,6 +350,11 @@ void sampleLineS16(const LineSource& source, const double* start, const double* 
 
 void lookupU16(quint32* out, const quint16* in, const quint32* table, qint64 n)
 {
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    if (avx2) {
+        lookupU16Avx2(out, in, table, n);
+        return;
+    }
     // Eight indices per two 64-bit loads, eight entries per two 128-bit stores: the pass is bound
     // by the table loads alone.
     qint64 i = 0;

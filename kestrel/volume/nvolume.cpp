@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -545,6 +546,48 @@ inline short voxelAt(const char* p)
 // the others up at the end of the loop.
 constexpr qint64 kParallelVoxels = qint64(1) << 25;
 
+// Folds ROWS rows of N values, FIRST + r * STRIDE bytes apart, into OUT by RULE, a tile of columns
+// at a time so that the tile's sums and results stay in the first-level cache.
+void foldRows(short* out, const char* first, qint64 stride, int rows, qint64 n, SlabRule rule)
+{
+    constexpr qint64 kTile = 2048;
+    qint32 acc[kTile];
+    for (qint64 lo = 0; lo < n; lo += kTile) {
+        const qint64 len = qMin(kTile, n - lo);
+        auto row = [&](int r) { return reinterpret_cast<const short*>(first + r * stride) + lo; };
+        if (rule == SlabAverage) {
+            std::fill(acc, acc + len, 0);
+            for (int r = 0; r < rows; ++r)
+                accumulateS16(acc, row(r), len);
+            divideToS16(out + lo, acc, len, rows);
+            continue;
+        }
+        std::memcpy(out + lo, row(0), size_t(len) * 2);
+        for (int r = 1; r < rows; ++r) {
+            if (rule == SlabMin)
+                minInPlaceS16(out + lo, row(r), len);
+            else
+                maxInPlaceS16(out + lo, row(r), len);
+        }
+    }
+}
+
+// N pixels, STEP bytes apart from FIRST, each folded from COUNT voxels SLAB bytes apart.
+void foldOneByOne(short* out, const char* first, qint64 step, int n, qint64 slab, int count, SlabRule rule)
+{
+    for (int x = 0; x < n; ++x) {
+        const char* p = first + x * step;
+        short v = voxelAt(p);
+        qint32 sum = 0;
+        for (int t = 0; t < count; ++t) {
+            const short value = voxelAt(p + t * slab);
+            sum += value;
+            v = rule == SlabMin ? qMin(v, value) : qMax(v, value);
+        }
+        out[x] = rule == SlabAverage ? short(sum / count) : v;
+    }
+}
+
 } // namespace
 
 bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, EMainAxis axis, RenderType render)
@@ -597,118 +640,54 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
     if (!m_data || framesAvailable() < 1 || !image.data() || w <= 0 || h <= 0)
         return false;
 
-    const int mode = render == RenderMin ? 1 : (render == RenderAverage ? 2 : 0);
+    const SlabRule rule = render == RenderMin ? SlabMin : (render == RenderAverage ? SlabAverage : SlabMax);
     const int count = end - first;
     const qint64 st0 = m_head.volumestep[0], st1 = m_head.volumestep[1], st2 = m_head.volumestep[2];
     short* out = reinterpret_cast<short*>(image.data());
     const char* data = m_data;
     const bool parallel = qint64(w) * h * count >= kParallelVoxels;
 
-    if (axis == AxisK) {
-        const qint64 pixels = qint64(w) * h;
-        std::vector<qint32> acc(mode == 2 ? size_t(pixels) : 0, 0);
-        if (st0 == 2 && st1 == 2 * qint64(w)) {
-            // Whole slices are contiguous: fold them in chunks, eight voxels per instruction.
-            const qint64 chunk = 16384;
-            const qint64 chunks = (pixels + chunk - 1) / chunk;
+    // Maximum and minimum start from the slab's first plane on every axis, so a one-plane slab is
+    // that plane whatever its values.
+    if (st0 != 2) {
+        // Voxels not packed along rows: pixel (x, y) is folded from its own voxels one by one.
+        const qint64 across[3][3] = {{st1, st2, st0}, {st0, st2, st1}, {st0, st1, st2}}; // x, y, slab steps
+        const qint64* step = across[axis - 1];
+        const char* base = data + first * step[2];
 #pragma omp parallel for schedule(dynamic) if (parallel)
-            for (qint64 c = 0; c < chunks; ++c) {
-                const qint64 lo = c * chunk, len = qMin(chunk, pixels - lo);
-                auto slice = [&](int k) { return reinterpret_cast<const short*>(data + k * st2) + lo; };
-                if (mode == 2) {
-                    for (int k = first; k < end; ++k)
-                        kestrel::internal::accumulateS16(acc.data() + lo, slice(k), len);
-                    kestrel::internal::divideToS16(out + lo, acc.data() + lo, len, count);
-                } else {
-                    std::memcpy(out + lo, slice(first), size_t(len) * 2);
-                    for (int k = first + 1; k < end; ++k) {
-                        if (mode == 1)
-                            kestrel::internal::minInPlaceS16(out + lo, slice(k), len);
-                        else
-                            kestrel::internal::maxInPlaceS16(out + lo, slice(k), len);
-                    }
-                }
-            }
+        for (int y = 0; y < h; ++y)
+            foldOneByOne(out + qint64(y) * w, base + y * step[1], step[0], w, step[2], count, rule);
+        return true;
+    }
+    if (axis == AxisK) {
+        // Slices folded in chunks of pixels, each chunk's rows read one after the other.
+        const char* base = data + first * st2;
+        if (st1 != 2 * qint64(w)) {
+#pragma omp parallel for schedule(dynamic) if (parallel)
+            for (int j = 0; j < h; ++j)
+                foldRows(out + qint64(j) * w, base + j * st1, st2, count, w, rule);
             return true;
         }
+        const qint64 pixels = qint64(w) * h;
+        const qint64 chunk = 16384;
+        const qint64 chunks = (pixels + chunk - 1) / chunk;
 #pragma omp parallel for schedule(dynamic) if (parallel)
-        for (int j = 0; j < h; ++j)
-            for (int i = 0; i < w; ++i) {
-                const char* p = data + i * st0 + j * st1;
-                qint32 sum = 0;
-                short v = voxelAt(p + first * st2);
-                for (int k = first; k < end; ++k) {
-                    const short x = voxelAt(p + k * st2);
-                    sum += x;
-                    v = mode == 1 ? qMin(v, x) : qMax(v, x);
-                }
-                out[qint64(j) * w + i] = mode == 2 ? short(sum / count) : v;
-            }
+        for (qint64 c = 0; c < chunks; ++c)
+            foldRows(out + c * chunk, base + 2 * c * chunk, st2, count, qMin(chunk, pixels - c * chunk), rule);
         return true;
     }
-
     if (axis == AxisJ) {
-        // Output row r is slice k = r, column c is voxel i = c.
+        // Output row r is slice k = r, column c is voxel i = c: the slab's rows of a slice lie
+        // one after the other.
 #pragma omp parallel for schedule(dynamic) if (parallel)
-        for (int k = 0; k < h; ++k) {
-            short* row = out + qint64(k) * w;
-            std::vector<qint32> acc(mode == 2 ? size_t(w) : 0, 0);
-            // Maximum and minimum start from the slab's first plane, as on the other axes, so a
-            // one-plane slab is that plane whatever its values.
-            if (mode != 2)
-                for (int i = 0; i < w; ++i)
-                    row[i] = voxelAt(data + k * st2 + qint64(first) * st1 + i * st0);
-            for (int j = mode == 2 ? first : first + 1; j < end; ++j) {
-                const char* src = data + k * st2 + j * st1;
-                if (st0 == 2) {
-                    const short* line = reinterpret_cast<const short*>(src);
-                    if (mode == 2)
-                        kestrel::internal::accumulateS16(acc.data(), line, w);
-                    else if (mode == 1)
-                        kestrel::internal::minInPlaceS16(row, line, w);
-                    else
-                        kestrel::internal::maxInPlaceS16(row, line, w);
-                } else {
-                    for (int i = 0; i < w; ++i) {
-                        const short x = voxelAt(src + i * st0);
-                        if (mode == 2)
-                            acc[size_t(i)] += x;
-                        else
-                            row[i] = mode == 1 ? qMin(row[i], x) : qMax(row[i], x);
-                    }
-                }
-            }
-            if (mode == 2)
-                kestrel::internal::divideToS16(row, acc.data(), w, count);
-        }
+        for (int k = 0; k < h; ++k)
+            foldRows(out + qint64(k) * w, data + k * st2 + first * st1, st1, count, w, rule);
         return true;
     }
-
-    // Axis i: output row r is slice k = r, column c is row j = c.
+    // Axis i: output row r is slice k = r, column c is row j = c; each pixel folds a short run.
 #pragma omp parallel for schedule(dynamic) if (parallel)
     for (int k = 0; k < h; ++k)
-        for (int j = 0; j < w; ++j) {
-            const char* p = data + k * st2 + j * st1;
-            if (st0 == 2) {
-                const short* run = reinterpret_cast<const short*>(p) + first;
-                // Short runs far apart: fetch the rows ahead, the hardware does not guess them.
-                const char* ahead = p + 8 * st1 + first * 2;
-                __builtin_prefetch(ahead);
-                __builtin_prefetch(ahead + 2 * qint64(count) - 1);
-                out[qint64(k) * w + j] = mode == 2 ? short(kestrel::internal::reduceSumS16(run, count) / count)
-                    : mode == 1                    ? kestrel::internal::reduceMinS16(run, count)
-                                                   : kestrel::internal::reduceMaxS16(run, count);
-                continue;
-            }
-            short v = voxelAt(p + first * st0);
-            qint32 sum = 0;
-            for (int i = first; i < end; ++i) {
-                const short x = voxelAt(p + i * st0);
-                sum += x;
-                v = mode == 1 ? qMin(v, x) : qMax(v, x);
-            }
-            out[qint64(k) * w + j] = mode == 2 ? short(sum / count) : v;
-        }
+        reduceRunsS16(out + qint64(k) * w, data + k * st2 + first * st0, st1, w, count, rule);
     return true;
 }
 

@@ -178,6 +178,43 @@ private slots:
         QCOMPARE(merged, QStringList());
     }
 
+    // A catalogue made before the read indexes: opening it adds each one the reads use (its planner
+    // then finds a series' images and a stored search's series without scanning), once.
+    void olderCatalogueGainsItsReadIndexes_data() { TestCatalog::addBackendRows(); }
+    void olderCatalogueGainsItsReadIndexes()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QSqlDatabase db = QSqlDatabase::database();
+        QSqlQuery sql(db);
+        QStringList expected;
+        for (const ReadIndex& index : readIndexes()) {
+            const QString name = QString("idx_%1_%2").arg(index.table, index.column);
+            QVERIFY2(sql.exec(catalog.isMariaDb() ? QString("DROP INDEX %1 ON %2").arg(name, index.table) : "DROP INDEX " + name),
+                     qPrintable(name + ": " + sql.lastError().text()));
+            expected << "added the index " + name;
+        }
+        QStringList report;
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^catalogue upgrade: added the index .*"));
+        QVERIFY(upgradeCatalog(db, &report));
+        QCOMPARE(report, expected);
+        for (const ReadIndex& index : readIndexes()) {
+            const QString name = QString("idx_%1_%2").arg(index.table, index.column);
+            const QString count = catalog.isMariaDb()
+                ? QString("SELECT COUNT(*) FROM information_schema.STATISTICS WHERE TABLE_SCHEMA = DATABASE() AND INDEX_NAME = '%1'")
+                      .arg(name)
+                : QString("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND name = '%1'").arg(name);
+            QCOMPARE(TestCatalog::value(count), QString("1"));
+        }
+        const QString plan = catalog.isMariaDb() ? "EXPLAIN SELECT pk FROM generalseries WHERE SeriesDescription = 'x'"
+                                                 : "EXPLAIN QUERY PLAN SELECT pk FROM generalseries WHERE SeriesDescription = 'x'";
+        QVERIFY2(TestCatalog::values(plan).join(' ').contains("idx_generalseries_SeriesDescription"),
+                 qPrintable(TestCatalog::values(plan).join(' ')));
+        report.clear();
+        QVERIFY(upgradeCatalog(db, &report));
+        QCOMPARE(report, QStringList());
+    }
+
     // Whatever the profile is called and wherever the file lies; a schema a database administrator
     // made empty gets the server's tables; a failure names its cause.
     void openingNamesItsCause()

@@ -61,6 +61,8 @@ class TestSimd : public QObject
 private slots:
     void reductions_data() { addLengthRows(); }
     void reductions();
+    void runs_data();
+    void runs();
     void lookup_data() { addLengthRows(); }
     void lookup();
     void reverse_data() { addLengthRows(); }
@@ -114,6 +116,41 @@ void TestSimd::reductions()
         QCOMPARE(reduceMaxS16(a.constData(), n), short(32767));
         if (n >= 2)
             QCOMPARE(reduceMinS16(a.constData(), n), short(-32768));
+    }
+}
+
+void TestSimd::runs_data()
+{
+    QTest::addColumn<int>("count");
+    QTest::addColumn<int>("runs");
+    QTest::addColumn<int>("fill");
+    const char* names[] = {"random", "extremes", "ends at extremes"};
+    // Runs shorter than, equal to and past the vector width, with every remainder that matters;
+    // run counts with and without a tail past the groups of eight.
+    for (int count : {1, 7, 8, 9, 15, 16, 17, 20, 33, 300})
+        for (int runs : {1, 8, 13, 67})
+            for (int fill : {Random, Extremes, EndsAtExtremes})
+                QTest::addRow("%d values x %d runs, %s", count, runs, names[fill]) << count << runs << fill;
+}
+
+void TestSimd::runs()
+{
+    QFETCH(int, count);
+    QFETCH(int, runs);
+    QFETCH(int, fill);
+    // Runs an odd number of values apart, so that they start at every alignment; the gaps hold
+    // the extremes, which a kernel reading past a run would pick up.
+    const int gap = 3, stride = count + gap;
+    QVector<short> voxels = values16(runs * stride, Fill(fill), unsigned(count * 131 + runs * 7 + fill));
+    for (int r = 0; r < runs; ++r)
+        for (int g = 0; g < gap; ++g)
+            voxels[r * stride + count + g] = g % 2 ? short(-32768) : short(32767);
+    const char* first = reinterpret_cast<const char*>(voxels.constData());
+    for (SlabRule rule : {SlabMax, SlabMin, SlabAverage}) {
+        QVector<short> simd(runs + kGuard, kSentinel), scalar(runs + kGuard, kSentinel);
+        reduceRunsS16(simd.data(), first, 2 * stride, runs, count, rule);
+        reduceRunsS16Scalar(scalar.data(), first, 2 * stride, runs, count, rule);
+        QVERIFY2(simd == scalar, qPrintable(QString("rule %1").arg(int(rule))));
     }
 }
 

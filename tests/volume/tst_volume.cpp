@@ -502,8 +502,10 @@ void TestVolume::slabReductions()
         NDicomVolume v(&h, voxels.data(), voxels.size());
         for (int axis = 1; axis <= 3; ++axis) {
             const int n = size[axis - 1];
-            const std::array<int, 2> cases[] = {{0, 1}, {0, 4}, {n - 1, 4}, {n / 2, 1}, {n / 2, 7},
-                                                {n - 2, 0}, {1, n}, {n / 2, 2 * n}};
+            // Slabs under, at and past a vector of voxels (8, 9, 17, 20), which the runs across
+            // the contiguous axis fold differently.
+            const std::array<int, 2> cases[] = {{0, 1}, {0, 4}, {n - 1, 4}, {n / 2, 1}, {n / 2, 7}, {n / 2, 8},
+                                                {n / 2, 9}, {n / 2, 17}, {n / 2, 20}, {n - 2, 0}, {1, n}, {n / 2, 2 * n}};
             for (const auto& c : cases)
                 for (int render : {0, 1, 2}) {
                     if (large && c[1] != 2 * n)
