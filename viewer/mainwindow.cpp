@@ -26,6 +26,7 @@ MainWindow::MainWindow(QWidget* parent)
     m_series = new SeriesView(split);
     split->setStretchFactor(0, 1);
     split->setStretchFactor(1, 3);
+    split->setSizes({440, 960});
     setCentralWidget(split);
 
     m_status = new QLabel(this);

@@ -12,14 +12,6 @@
 Receiver::Receiver(QObject* parent)
     : QObject(parent)
 {
-    QDcmRecvFile* recv = QDcmRecvFile::instance();
-    connect(recv, &QDcmRecvFile::notifyUploadDB, this, [this](const QString& uid) {
-        if (!m_importer)
-            return;
-        m_importer->onNotifyUploadDB(uid);
-        emit message(QString("received series %1: %2 images in the catalogue").arg(uid).arg(getImportedImageCount(uid)));
-        emit seriesImported(uid);
-    });
 }
 
 Receiver::~Receiver()
@@ -38,8 +30,17 @@ bool Receiver::start(QString* error)
     }
     if (!folder.endsWith('/'))
         folder += '/';
+    // The bookkeeper and the importer clone the catalogue's connection when made: both are made
+    // here and dropped on stop, so they follow the catalogue open now.
     QDcmRecvFile* recv = QDcmRecvFile::instance();
     recv->setUserOption(true, false, false);
+    connect(recv, &QDcmRecvFile::notifyUploadDB, this, [this](const QString& uid) {
+        if (!m_importer)
+            return;
+        m_importer->onNotifyUploadDB(uid);
+        emit message(QString("received series %1: %2 images in the catalogue").arg(uid).arg(getImportedImageCount(uid)));
+        emit seriesImported(uid);
+    });
     m_importer = std::make_unique<QDcmFiles>();
     connect(m_importer.get(), &QDcmFiles::errorInfo, this, &Receiver::message);
 
@@ -50,6 +51,7 @@ bool Receiver::start(QString* error)
     m_provider = service->listen();
     if (!m_provider) {
         *error = "the storage provider could not be started";
+        delete recv;
         m_importer.reset();
         return false;
     }
@@ -84,5 +86,6 @@ void Receiver::stop()
     QDcmRecvFile* recv = QDcmRecvFile::instance();
     if (recv->isToDataBase())
         recv->onTimerSlot();
+    delete recv;
     m_importer.reset();
 }
