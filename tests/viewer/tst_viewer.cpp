@@ -22,8 +22,11 @@
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
 #include <QScopeGuard>
 #include <QSlider>
+#include <QSqlError>
+#include <QSqlQuery>
 #include <QProgressBar>
 #include <QSpinBox>
 #include <QTest>
@@ -147,6 +150,22 @@ void TestViewer::demoStudy()
         search->setText(row.text);
         QCOMPARE(s.browser()->seriesCount(), row.series);
     }
+
+    // A stored search of the catalogue fills the browser with what it finds.
+    QSqlQuery store;
+    QVERIFY(store.prepare("INSERT INTO andvancequiry (InquiryName, TableName, ColumnName, Operator, Value, Connector, "
+                          "MatchKind) VALUES ('Sagittal only', 'generalseries', 'SeriesDescription', '=', "
+                          "'T1 sagittal', 'and', 'Precise')"));
+    QVERIFY2(store.exec(), qPrintable(store.lastError().text()));
+    s.browser()->refresh();
+    QListWidget* stored = s.browser()->storedSearches();
+    const QList<QListWidgetItem*> named = stored->findItems("Sagittal only", Qt::MatchExactly);
+    QCOMPARE(named.size(), 1);
+    QTest::mouseClick(stored->viewport(), Qt::LeftButton, Qt::NoModifier, stored->visualItemRect(named.first()).center());
+    QCOMPARE(s.browser()->seriesCount(), 1);
+    QVERIFY(seriesNamed(s.browser(), "T1 sagittal"));
+    QTest::mouseClick(stored->viewport(), Qt::LeftButton, Qt::NoModifier, stored->visualItemRect(stored->item(0)).center());
+    QCOMPARE(s.browser()->seriesCount(), 2);
 
     // Double-click opens the series in three planes.
     QTreeWidgetItem* axialItem = seriesNamed(s.browser(), "T1 axial");
