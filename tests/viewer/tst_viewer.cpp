@@ -20,7 +20,9 @@
 #include <QAction>
 #include <QComboBox>
 #include <QDir>
+#include <QDropEvent>
 #include <QLabel>
+#include <QMimeData>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QScopeGuard>
@@ -399,8 +401,17 @@ void TestViewer::realSeries()
     QVERIFY(s.show());
     QCOMPARE(s.browser()->seriesCount(), 0);
 
-    // The import runs beside the window, with progress, and the browser shows the series after it.
-    QVERIFY(s.window->importPaths({folder}));
+    // The folder dropped on the window is imported beside it, with progress, and the browser shows
+    // the series after it.
+    QMimeData dropped;
+    dropped.setUrls({QUrl::fromLocalFile(folder)});
+    QDragEnterEvent enter(QPoint(300, 300), Qt::CopyAction, &dropped, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(s.window.get(), &enter);
+    QVERIFY(enter.isAccepted());
+    QDropEvent drop(QPointF(300, 300), Qt::CopyAction, &dropped, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(s.window.get(), &drop);
+    QVERIFY(drop.isAccepted());
+    QVERIFY(s.window->importJob()->isRunning());
     QVERIFY(s.window->findChild<QProgressBar*>("progress")->isVisible());
     QVERIFY(!s.window->importPaths({folder}));
     QCOMPARE(s.window->statusText(), QString("an import is still running"));
