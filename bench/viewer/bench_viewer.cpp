@@ -63,10 +63,11 @@ bool openCatalogue(const QString& tmp)
     return (createConnection() || createConnection()) && QSqlDatabase::database().isOpen();
 }
 
-// Series of synthetic images written once into DIR (kept for the next run); the folder.
+// Series of synthetic images written once into DIR (kept for the next run, marked complete by a
+// file beside it, not in it, so that the import finds only images); the folder.
 QString corpus(const QString& dir, int series, int perSeries, int size)
 {
-    if (QFile::exists(dir + "/.complete"))
+    if (QFile::exists(dir + ".complete"))
         return dir;
     QDir(dir).removeRecursively();
     out << "writing " << series * perSeries << " files of " << size << " x " << size << " into " << dir << " ..."
@@ -82,7 +83,7 @@ QString corpus(const QString& dir, int series, int perSeries, int size)
         base.pixel = [](int x, int y, int) { return (x * 7 + y * 13) % 4096; };
         writeSyntheticSeries(QString("%1/s%2").arg(dir).arg(s), base, perSeries, {0, 0, 0.6});
     }
-    QFile(dir + "/.complete").open(QIODevice::WriteOnly);
+    QFile(dir + ".complete").open(QIODevice::WriteOnly);
     return dir;
 }
 
