@@ -130,8 +130,10 @@ bool MainWindow::importPaths(const QStringList& paths)
 void MainWindow::setReceiving(bool on)
 {
     if (!on) {
-        m_receiver->stop();
-        showStatus("receiving stopped");
+        if (m_receiver->isRunning()) {
+            m_receiver->stop();
+            showStatus("receiving stopped");
+        }
         return;
     }
     QString error;

@@ -26,9 +26,6 @@
 
 namespace {
 
-using PlaneCut = bool (NDicomVolume::*)(NDicomImage&, int, int, RenderType);
-const PlaneCut kCuts[3] = {&NDicomVolume::getDicomImagePlaneAxi, &NDicomVolume::getDicomImagePlaneCor,
-                           &NDicomVolume::getDicomImagePlaneSag};
 const char* const kPlaneNames[3] = {"axial", "coronal", "sagittal"};
 
 // Position of IMAGE's plane along its normal, in mm.
@@ -147,8 +144,9 @@ int SeriesView::sliceCount(int plane) const
 
 bool SeriesView::buildVolume(QSeries& series, QString* error)
 {
-    m_frames.clear();
-    m_frameLabels.clear();
+    // Built aside: the series shown stays open when this one fails.
+    QList<int> frameList;
+    QStringList labels;
     auto volume = std::make_unique<NDicomVolume>();
     const SeriesFrames frames = getSeriesFrames(&series);
     if (frames.severalPerPosition()) {
@@ -158,15 +156,15 @@ bool SeriesView::buildVolume(QSeries& series, QString* error)
             *error = "its frames give no volume: " + problems.join("; ");
             return false;
         }
-        m_frames = getVolumeFrames(*volume);
-        for (int frame : m_frames) {
+        frameList = getVolumeFrames(*volume);
+        for (int frame : frameList) {
             QString label = QString::number(frame + 1);
             for (const SeriesFrame& f : frames.groups[group].frames)
                 if (f.index == frame)
                     label = f.label;
-            m_frameLabels << label;
+            labels << label;
         }
-    } else if (!volume->getVolumeFromSeriesUID(&series) || !volume->isValid()) {
+    } else if (!volume->getVolumeFromSeriesUID(&series)) {
         *error = "no volume could be built from its images (see the volume cache in config/cache.ini)";
         return false;
     }
@@ -175,6 +173,8 @@ bool SeriesView::buildVolume(QSeries& series, QString* error)
         return false;
     }
     m_volume = std::move(volume);
+    m_frames = frameList;
+    m_frameLabels = labels;
     return true;
 }
 
@@ -189,7 +189,6 @@ bool SeriesView::openSeries(qint64 seriesPk, QString* error)
     }
     for (QInstance* instance : series->getInstances())
         instance->searchInstanceInfo();
-    m_volume.reset();
     if (!buildVolume(*series, error))
         return false;
     m_series = std::move(series);
@@ -257,7 +256,11 @@ void SeriesView::cut(int plane)
     if (!m_volume)
         return;
     PlaneView* view = m_views[plane];
-    if (!(m_volume.get()->*kCuts[plane])(view->image(), m_index[plane], m_thickness, m_render))
+    NDicomVolume& v = *m_volume;
+    const bool ok = plane == Axial     ? v.getDicomImagePlaneAxi(view->image(), m_index[plane], m_thickness, m_render)
+                    : plane == Coronal ? v.getDicomImagePlaneCor(view->image(), m_index[plane], m_thickness, m_render)
+                                       : v.getDicomImagePlaneSag(view->image(), m_index[plane], m_thickness, m_render);
+    if (!ok)
         emit message(QString("cannot cut the %1 plane %2").arg(kPlaneNames[plane]).arg(m_index[plane]));
     view->imageChanged();
     updateCorners(plane);
@@ -301,6 +304,8 @@ void SeriesView::updateCorners(int plane)
 
 void SeriesView::crossAt(int plane, double x, double y, double z)
 {
+    if (!m_volume)
+        return;
     m_active = plane;
     m_cross = {x, y, z};
     for (int other = 0; other < 3; ++other) {
@@ -378,6 +383,12 @@ void SeriesView::setFrame(int frame)
 {
     if (!m_volume || frame < 0 || frame >= m_frames.size())
         return;
+    // The frame's own rescale goes into the head, so that its planes carry its real values.
+    double slope = 1, intercept = 0;
+    if (getFrameRescale(*m_volume, frame, slope, intercept)) {
+        m_volume->getHead()->RescaleSlope = slope;
+        m_volume->getHead()->RescaleIntercept = intercept;
+    }
     m_volume->setTimeIndex(frame);
     if (m_frameSlider->value() != frame)
         m_frameSlider->setValue(frame);
