@@ -1,6 +1,5 @@
 #include "catalog.h"
 
-#include "kestrelpaths.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qpatient.h"
@@ -9,7 +8,6 @@
 #include "veldatabaseconnection.h"
 
 #include <QImage>
-#include <QSqlDatabase>
 #include <QTextStream>
 #include <QVariant>
 
@@ -44,22 +42,6 @@ void printSeries(QTextStream& out, QSeries* series, bool all)
 }
 
 } // namespace
-
-bool openCatalog()
-{
-    if (!createConnection())
-        return false;
-    // Asked without opening: a connection opened behind createConnection's back would miss its
-    // session settings (utf8mb4 above all).
-    const auto isOpen = [] { return QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), false).isOpen(); };
-    return isOpen() || (createConnection() && isOpen());
-}
-
-QString catalogOpenError()
-{
-    const QString cause = getConnectionError();
-    return "cannot open the catalogue of " + Kestrel::configFilePath("database.ini") + (cause.isEmpty() ? QString() : ": " + cause);
-}
 
 int printCatalogTree(QTextStream& out, bool all)
 {

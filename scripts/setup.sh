@@ -12,6 +12,7 @@ PACKAGES=(
   libomp-dev
   python3 python3-numpy python3-scipy python3-pydicom dcm2niix fonts-dejavu-core
   libgdcm-tools openssl
+  xvfb xauth
   locales
 )
 

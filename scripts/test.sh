@@ -22,9 +22,11 @@ KESTREL_TEST_MYSQL_SOCKET=$(scripts/mariadb-test-server.sh start "$server_dir")
 export KESTREL_TEST_MYSQL_SOCKET
 export MYSQL_UNIX_PORT=$KESTREL_TEST_MYSQL_SOCKET
 export TCP_NODELAY=1
+# The viewer's tests open real windows: ctest runs inside a private X server of xvfb-run.
+XVFB=(xvfb-run -a -s "-screen 0 1600x1000x24")
 
 echo "== Running the tests"
-(cd "$BUILD_DIR" && ctest --output-on-failure -j2 "$@")
+(cd "$BUILD_DIR" && "${XVFB[@]}" ctest --output-on-failure -j2 "$@")
 
 if [ "${CI:-}" = "true" ] || [ -n "${KESTREL_TEST_FUZZ_SECONDS:-}" ]; then
   echo "== Fuzzing each entry point for ${KESTREL_TEST_FUZZ_SECONDS:-20} s"
@@ -39,5 +41,5 @@ if [ "${CI:-}" = "true" ] || [ -n "${KESTREL_TEST_SANITIZE:-}" ]; then
   export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
   echo "== Running the tests under the sanitizers"
   # The package test links outside programs against the library, which a sanitized build cannot serve.
-  (cd build-asan && ctest --output-on-failure -j2 -LE package "$@")
+  (cd build-asan && "${XVFB[@]}" ctest --output-on-failure -j2 -LE package "$@")
 fi
