@@ -77,13 +77,34 @@ void PlaneView::updateTransform()
     }
     const double sx = usable(m_image.getPixelSpacing()[0]), sy = usable(m_image.getPixelSpacing()[1]);
     const double fit = std::min(width() / (w * sx), height() / (h * sy)) * m_zoom;
-    // Head up: a plane whose columns run towards the head is shown upside down.
-    const double* column = m_image.getOrientation(1);
-    const double flip = column && column[2] > 0.5 ? -1.0 : 1.0;
+    const double flip = verticalFlip();
     m_toWidget.translate(width() / 2.0, height() / 2.0);
     m_toWidget.scale(fit * sx, flip * fit * sy);
     m_toWidget.translate(-w / 2.0, -h / 2.0);
     m_toImage = m_toWidget.inverted();
+}
+
+double PlaneView::verticalFlip() const
+{
+    // Head up: a plane whose columns run towards the head is shown upside down. (The image's
+    // accessors are not const; reading the orientation changes nothing.)
+    const double* column = const_cast<NDicomImage&>(m_image).getOrientation(1);
+    return column && column[2] > 0.5 ? -1.0 : 1.0;
+}
+
+QStringList PlaneView::edgeLetters() const
+{
+    NDicomImage& image = const_cast<NDicomImage&>(m_image);
+    const double* row = image.getOrientation(0);
+    const double* column = image.getOrientation(1);
+    if (m_picture.isNull() || !row || !column)
+        return {};
+    const double flip = verticalFlip();
+    const double left[3] = {-row[0], -row[1], -row[2]};
+    const double down[3] = {flip * column[0], flip * column[1], flip * column[2]};
+    const double up[3] = {-down[0], -down[1], -down[2]};
+    return {hostkit::directionLetters(left), hostkit::directionLetters(row), hostkit::directionLetters(up),
+            hostkit::directionLetters(down)};
 }
 
 QPointF PlaneView::imageToWidget(const QPointF& pixel) const
@@ -127,6 +148,27 @@ void PlaneView::paintEvent(QPaintEvent*)
     }
     drawShape(painter);
     drawCorners(painter);
+    drawEdgeLetters(painter);
+}
+
+void PlaneView::drawEdgeLetters(QPainter& painter) const
+{
+    const QStringList letters = edgeLetters();
+    if (letters.size() != 4)
+        return;
+    QFont font("DejaVu Sans");
+    font.setPixelSize(14);
+    font.setBold(true);
+    painter.setFont(font);
+    const QRect area = rect().adjusted(6, 4, -6, -4);
+    const int align[] = {Qt::AlignLeft | Qt::AlignVCenter, Qt::AlignRight | Qt::AlignVCenter,
+                         Qt::AlignHCenter | Qt::AlignTop, Qt::AlignHCenter | Qt::AlignBottom};
+    for (int i = 0; i < 4; ++i) {
+        painter.setPen(Qt::black);
+        painter.drawText(area.translated(1, 1), align[i], letters[i]);
+        painter.setPen(QColor(255, 210, 80));
+        painter.drawText(area, align[i], letters[i]);
+    }
 }
 
 void PlaneView::drawShape(QPainter& painter) const

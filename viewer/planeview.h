@@ -35,6 +35,9 @@ public:
     // Corner texts, in the order top left, top right, bottom left, bottom right.
     void setCornerTexts(const QStringList& texts);
     QStringList cornerTexts() const { return m_corners; }
+    // The patient directions at the middle of the left, right, top and bottom edges ("R", "L",
+    // "A", "P" on an axial plane); empty before a plane is shown.
+    QStringList edgeLetters() const;
 
     // Image pixel (column, row) to widget point and back.
     QPointF imageToWidget(const QPointF& pixel) const;
@@ -67,6 +70,9 @@ private:
     void pick(const QPointF& point);
     void drawShape(QPainter& painter) const;
     void drawCorners(QPainter& painter) const;
+    void drawEdgeLetters(QPainter& painter) const;
+    // -1 where the plane is shown upside down (its columns run towards the head), else 1.
+    double verticalFlip() const;
 
     NDicomImage m_image;
     QImage m_picture;

@@ -193,6 +193,10 @@ void TestViewer::demoStudy()
     QCOMPARE(series->sliceCount(SeriesView::Axial), 60);
     for (int plane = 0; plane < 3; ++plane)
         checkShownGreys(series, series->view(plane), samplePoints(series->view(plane)));
+    // Direction letters at the edges (left, right, top, bottom), head up where the head is in view.
+    QCOMPARE(series->view(SeriesView::Axial)->edgeLetters(), QStringList({"R", "L", "A", "P"}));
+    QCOMPARE(series->view(SeriesView::Coronal)->edgeLetters(), QStringList({"R", "L", "H", "F"}));
+    QCOMPARE(series->view(SeriesView::Sagittal)->edgeLetters(), QStringList({"A", "P", "H", "F"}));
 
     // Physical aspect: the coronal plane (x across, z down) is as tall and wide on the screen as
     // the volume is in millimetres.
