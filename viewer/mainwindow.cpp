@@ -6,6 +6,7 @@
 #include "seriesview.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFileDialog>
@@ -106,8 +107,15 @@ void MainWindow::showStatus(const QString& text)
 
 bool MainWindow::openSeries(qint64 seriesPk)
 {
+    // The first opening of a large series builds its volume (the catalogue's connection belongs to
+    // this thread, so it is built here): the window says so before it is busy.
+    showStatus(QString("opening series %1 ...").arg(seriesPk));
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    m_status->repaint();
     QString error;
-    if (!m_series->openSeries(seriesPk, &error)) {
+    const bool opened = m_series->openSeries(seriesPk, &error);
+    QApplication::restoreOverrideCursor();
+    if (!opened) {
         showStatus("cannot open the series: " + error);
         return false;
     }
