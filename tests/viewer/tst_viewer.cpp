@@ -76,6 +76,15 @@ bool writeDemo(TestCatalog& catalog)
     return code == 0;
 }
 
+// The demo study catalogued, the window shown and its series DESCRIPTION open.
+bool openDemoSeries(TestCatalog& catalog, Session& s, const QString& description)
+{
+    if (!catalog.setVolumeCache(catalog.path("cache")) || !writeDemo(catalog) || !s.show())
+        return false;
+    QTreeWidgetItem* item = seriesNamed(s.browser(), description);
+    return item && s.window->openSeries(item->data(0, Qt::UserRole).toLongLong());
+}
+
 // Screen greys of VIEW at POINTS equal what its image and the window make of them.
 void checkShownGreys(SeriesView* series, PlaneView* view, const QList<QPoint>& points)
 {
@@ -276,13 +285,8 @@ void TestViewer::measurements()
     QFETCH(QString, shape);
     QFETCH(QRect, pixels);
     KESTREL_OPEN_CATALOG(catalog, backend);
-    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
-    QVERIFY(writeDemo(catalog));
     Session s;
-    QVERIFY(s.show());
-    QTreeWidgetItem* item = seriesNamed(s.browser(), "T1 axial");
-    QVERIFY(item);
-    QVERIFY(s.window->openSeries(item->data(0, Qt::UserRole).toLongLong()));
+    QVERIFY(openDemoSeries(catalog, s, "T1 axial"));
 
     auto* tools = s.series()->findChild<QComboBox*>("tool");
     tools->setCurrentIndex(tools->findData(tool));
@@ -341,13 +345,8 @@ void TestViewer::slab()
     QFETCH(QString, backend);
     QFETCH(int, render);
     KESTREL_OPEN_CATALOG(catalog, backend);
-    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
-    QVERIFY(writeDemo(catalog));
     Session s;
-    QVERIFY(s.show());
-    QTreeWidgetItem* item = seriesNamed(s.browser(), "T1 sagittal");
-    QVERIFY(item);
-    QVERIFY(s.window->openSeries(item->data(0, Qt::UserRole).toLongLong()));
+    QVERIFY(openDemoSeries(catalog, s, "T1 sagittal"));
     SeriesView* series = s.series();
     PlaneView* view = series->view(SeriesView::Axial);
     // Off the phantom's middle, where the slices around differ on both sides.
