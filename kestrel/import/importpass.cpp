@@ -106,6 +106,7 @@ bool QDcmFiles::importPass(bool copy)
     }, kRetries, &keys);
     for (const QString& problem : qAsConst(keys.problems))
         emit errorInfo(problem);
+    prefetchStoredImages();
     for (size_t p = 0; p < plan.patients.size(); ++p) {
         const PlannedPatient& patient = plan.patients[p];
         const qint64 patientPk = keys.patient[p];
@@ -128,6 +129,7 @@ bool QDcmFiles::importPass(bool copy)
     }
     writePendingImages();
     m_prefetched.clear();
+    m_state->storedSeries.clear();
     qWarning() << "add DB time elapsed: " << timer.elapsed();
     return true;
 }

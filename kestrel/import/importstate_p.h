@@ -24,6 +24,13 @@ struct QDcmFiles::ImportState {
         QString filePath, marker;
     };
     QHash<QString, StoredImage> storedImages;
+    // The catalogued images of every series of the plan the catalogue already held, read together
+    // before the first series is imported; a series whose pixel and MR rows all match is complete.
+    struct StoredSeries {
+        QHash<QString, StoredImage> images;
+        bool complete = false;
+    };
+    QHash<qint64, StoredSeries> storedSeries;
     // New image rows waiting for their unit of work, the three tables' rows of each image together.
     struct PendingRows {
         QVector<QVector<QVariant>> format, pix, info;

@@ -221,6 +221,8 @@ protected:
     // Reads the file and storage marker of a series' catalogued images into the run's state, and
     // which of them have their pixel and MR rows into *PIX and *MR, in one query.
     void loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr);
+    // Reads the stored images of the plan's series that were in the catalogue before this run.
+    void prefetchStoredImages();
     // The file the catalogue names for SOP (from the series read last, else looked up); empty
     // when no row has it.
     QString storedPathOf(const QString& sop);

@@ -2,6 +2,7 @@
 // storage markers.
 #include "qdcmfiles.h"
 
+#include "catalog/catalogschema_p.h"
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "import/imagerecordfill_p.h"
@@ -13,14 +14,66 @@
 #include <QFileInfo>
 
 using namespace kestrel::internal;
+using kestrel::internal::import::ParentKeys;
 
 namespace {
 const QString kImageFormat = QStringLiteral("imageformat");
 } // namespace
 
+void QDcmFiles::prefetchStoredImages()
+{
+    m_state->storedSeries.clear();
+    const ParentKeys& keys = m_state->parents;
+    QVector<qint64> known;
+    for (size_t i = 0; i < keys.series.size(); ++i)
+        if (keys.series[i] >= 0 && !keys.seriesAdded[i])
+            known << keys.series[i];
+    QSqlDatabase db = database();
+    // A few queries for all series rather than two for each: on a server each is a round trip.
+    constexpr int kSeriesPerQuery = 400;
+    for (int first = 0; first < known.size(); first += kSeriesPerQuery) {
+        const QVector<qint64> chunk = known.mid(first, kSeriesPerQuery);
+        const QString in = schema::placeholders(chunk.size());
+        Statement images(db, QStringLiteral("SELECT series_fk, SOPInstanceUID, FilePath, IrradiationEventUID FROM "
+                                            "imageformat WHERE series_fk IN %1").arg(in));
+        for (qint64 pk : chunk)
+            images.bind(pk);
+        if (!images.run())
+            continue;
+        while (images.next())
+            m_state->storedSeries[images.get<qint64>(0)].images.insert(images.get<QString>(1),
+                                                                       {images.get<QString>(2), images.get<QString>(3)});
+        images.finish();
+        QHash<qint64, int> pixCount, mrCount;
+        for (const auto& [table, counts] : {std::pair{QStringLiteral("imagepixel"), &pixCount},
+                                            std::pair{QStringLiteral("mrimageinfo"), &mrCount}}) {
+            Statement count(db, QStringLiteral("SELECT series_fk, COUNT(*) FROM %1 WHERE series_fk IN %2 GROUP BY series_fk")
+                                    .arg(table, in));
+            for (qint64 pk : chunk)
+                count.bind(pk);
+            if (count.run())
+                while (count.next())
+                    counts->insert(count.get<qint64>(0), count.get<int>(1));
+        }
+        for (qint64 pk : chunk) {
+            ImportState::StoredSeries& stored = m_state->storedSeries[pk];
+            stored.complete = pixCount.value(pk) == stored.images.size() && mrCount.value(pk) == stored.images.size();
+        }
+    }
+}
+
 void QDcmFiles::loadStoredImages(qint64 seriesPk, QSet<QString>* pix, QSet<QString>* mr)
 {
     m_state->storedImages.clear();
+    const auto prefetched = m_state->storedSeries.constFind(seriesPk);
+    if (prefetched != m_state->storedSeries.constEnd() && prefetched->complete) {
+        m_state->storedImages = prefetched->images;
+        for (auto it = m_state->storedImages.cbegin(); it != m_state->storedImages.cend(); ++it) {
+            pix->insert(it.key());
+            mr->insert(it.key());
+        }
+        return;
+    }
     QSqlDatabase db = database();
     Statement images(db, QStringLiteral("SELECT SOPInstanceUID, FilePath, IrradiationEventUID FROM imageformat WHERE series_fk = ?"));
     if (!images.bind(seriesPk).run())
