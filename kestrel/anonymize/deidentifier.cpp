@@ -69,19 +69,23 @@ Deidentifier::Deidentifier(const DeidentProfile& profile, const DeidentOptions& 
 
 QList<QPair<QString, QString>> Deidentifier::methodCodes(const DeidentOptions& options)
 {
+    // Each option kept names its code after the profile's own.
+    const struct {
+        bool DeidentOptions::*option;
+        const char* code;
+        const char* meaning;
+    } kept[] = {
+        {&DeidentOptions::modifiedDates, "113107", "Retain Longitudinal Temporal Information Modified Dates Option"},
+        {&DeidentOptions::patientCharacteristics, "113108", "Retain Patient Characteristics Option"},
+        {&DeidentOptions::deviceIdentity, "113109", "Retain Device Identity Option"},
+        {&DeidentOptions::uids, "113110", "Retain UIDs Option"},
+        {&DeidentOptions::safePrivate, "113111", "Retain Safe Private Option"},
+        {&DeidentOptions::institutionIdentity, "113112", "Retain Institution Identity Option"},
+    };
     QList<QPair<QString, QString>> codes{{"113100", "Basic Application Confidentiality Profile"}};
-    if (options.modifiedDates)
-        codes.append(qMakePair(QStringLiteral("113107"), QStringLiteral("Retain Longitudinal Temporal Information Modified Dates Option")));
-    if (options.patientCharacteristics)
-        codes.append(qMakePair(QStringLiteral("113108"), QStringLiteral("Retain Patient Characteristics Option")));
-    if (options.deviceIdentity)
-        codes.append(qMakePair(QStringLiteral("113109"), QStringLiteral("Retain Device Identity Option")));
-    if (options.uids)
-        codes.append(qMakePair(QStringLiteral("113110"), QStringLiteral("Retain UIDs Option")));
-    if (options.safePrivate)
-        codes.append(qMakePair(QStringLiteral("113111"), QStringLiteral("Retain Safe Private Option")));
-    if (options.institutionIdentity)
-        codes.append(qMakePair(QStringLiteral("113112"), QStringLiteral("Retain Institution Identity Option")));
+    for (const auto& option : kept)
+        if (options.*option.option)
+            codes.append({QLatin1String(option.code), QLatin1String(option.meaning)});
     return codes;
 }
 

@@ -242,34 +242,6 @@ private slots:
         // The whole unit is gone, its first row too.
         QCOMPARE(TestCatalog::values("SELECT PatientID FROM patient ORDER BY pk"), QStringList({"kept"}));
     }
-
-    void driverErrorsAreClassified_data()
-    {
-        QTest::addColumn<QString>("code");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("expected");
-        QTest::newRow("sqlite busy") << "5" << "database is locked" << int(Status::Busy);
-        QTest::newRow("sqlite locked table") << "6" << "database table is locked" << int(Status::Busy);
-        QTest::newRow("sqlite commit, code dropped") << "" << "database is locked" << int(Status::Busy);
-        QTest::newRow("mysql lock wait") << "1205" << "Lock wait timeout exceeded" << int(Status::Busy);
-        QTest::newRow("mysql deadlock") << "1213" << "Deadlock found" << int(Status::Busy);
-        QTest::newRow("mysql duplicate") << "1062" << "Duplicate entry '7'" << int(Status::Conflict);
-        QTest::newRow("sqlite unique") << "19" << "UNIQUE constraint failed: patient.pk" << int(Status::Conflict);
-        QTest::newRow("sqlite not null") << "19" << "NOT NULL constraint failed: patient.pk" << int(Status::Failed);
-        QTest::newRow("mysql gone") << "2006" << "MySQL server has gone away" << int(Status::Unavailable);
-        QTest::newRow("mysql syntax") << "1064" << "You have an error in your SQL syntax" << int(Status::Failed);
-    }
-    void driverErrorsAreClassified()
-    {
-        QFETCH(QString, code);
-        QFETCH(QString, text);
-        QFETCH(int, expected);
-        const QSqlError error("Unable to execute", text, QSqlError::StatementError, code);
-        const Status status = sqlStatus(error);
-        QCOMPARE(int(status.code()), expected);
-        QCOMPARE(status.text(), error.text());
-        QVERIFY(sqlStatus(QSqlError()).isOk());
-    }
 };
 
 QTEST_GUILESS_MAIN(TestStatement)

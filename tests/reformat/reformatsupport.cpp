@@ -4,6 +4,8 @@
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
 #include "qdcmfiles.h"
+#include "qinstance.h"
+#include "qseries.h"
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 #include "dicom/dcmvalues_p.h"
@@ -265,6 +267,14 @@ qint64 catalogue(const QStringList& files)
     file.loadFile(QFile::encodeName(files.first()).constData());
     return TestCatalog::value("SELECT pk FROM generalseries WHERE SeriesInstanceUID=?",
                               {dcmString(file.getDataset(), DCM_SeriesInstanceUID)}).toLongLong();
+}
+
+void loadCatalogued(QSeries& series, NDicomVolume& volume)
+{
+    series.searchInstance();
+    for (QInstance* instance : series.getInstances())
+        instance->searchInstanceInfo();
+    volume.loadSeries(&series);
 }
 
 // dcm2niix's NIfTI of FOLDER into OUT; empty when it worked.

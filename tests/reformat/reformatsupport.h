@@ -5,6 +5,9 @@
 
 #include "nvolume.h"
 
+class NDicomVolume;
+class QSeries;
+
 #include <QPointF>
 #include <QSize>
 #include <QString>
@@ -62,5 +65,7 @@ QStringList writeSeries(const QString& dir, const std::array<Vec, 3>& axes, QSiz
                         int count, const Vec& position, const QString& study, const QString& frame, int number);
 // Catalogues FILES (one series); its key.
 qint64 catalogue(const QStringList& files);
+// Loads SERIES (read from the catalogue with its images) into VOLUME as the hosts do.
+void loadCatalogued(QSeries& series, NDicomVolume& volume);
 // dcm2niix's NIfTI of FOLDER into OUT; empty when it worked, else why not.
 QString convert(const QString& folder, const QString& out);

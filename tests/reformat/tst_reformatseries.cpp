@@ -106,11 +106,8 @@ void TestReformatSeries::derivedSeries()
     QVERIFY(sourcePk > 0 && referencePk > 0);
 
     QSeries source(sourcePk);
-    source.searchInstance();
-    for (QInstance* instance : source.getInstances())
-        instance->searchInstanceInfo();
     NDicomVolume v;
-    v.loadSeries(&source);
+    loadCatalogued(source, v);
     QVERIFY(v.isValid());
     QSeries reference(referencePk);
     QStringList written;
@@ -188,11 +185,8 @@ void TestReformatSeries::builtSeries()
                                                 1.1, 30, {-20, -19, -16}, newTestUid(), newTestUid(), 5);
     QVERIFY(!sourceFiles.isEmpty());
     QSeries source(catalogue(sourceFiles));
-    source.searchInstance();
-    for (QInstance* instance : source.getInstances())
-        instance->searchInstanceInfo();
     NDicomVolume v;
-    v.loadSeries(&source);
+    loadCatalogued(source, v);
     QVERIFY(v.isValid());
     QStringList written;
     QString error;
