@@ -7,6 +7,7 @@
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "dicom/dicomtext_p.h"
 #include "kestrelpaths.h"
 
@@ -240,10 +241,7 @@ bool QDcmAnonymize::loadSource(const QString& file)
         m_file = std::make_unique<DcmFileFormat>();
     m_file->clear();
     const QByteArray name = QFile::encodeName(file);
-    return guardedRead([&] {
-               return m_file->loadFile(name.constData(), EXS_Unknown, EGL_noChange, kReadLimit, ERM_autoDetect);
-           })
-            .good();
+    return loadDicomFile(*m_file, name, kReadLimit).good();
 }
 
 bool QDcmAnonymize::fail(const QString& reason)

@@ -1,6 +1,7 @@
 #include "dicom/codecs_p.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "dicom/jpeg2000codec_p.h"
 
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -66,8 +67,7 @@ OFCondition loadPixelFile(DcmFileFormat& file, const QString& path, Uint32 maxRe
     const QByteArray name = QFile::encodeName(path);
     if (path.isEmpty())
         return EC_InvalidFilename;
-    OFCondition cond = guardedRead(
-        [&] { return file.loadFile(name.constData(), EXS_Unknown, EGL_noChange, maxReadLength, ERM_autoDetect); });
+    OFCondition cond = loadDicomFile(file, name, maxReadLength);
     if (cond.bad())
         return cond;
     const QString uid = dcmString(file.getMetaInfo(), DCM_TransferSyntaxUID);

@@ -2,6 +2,7 @@
 
 #include "dicom/qdcmdump.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "dicom/dicomtext_p.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -36,8 +37,7 @@ bool QDcmFile::loadhead(const char* path, bool release)
 
     const QByteArray storedName = m_fileName.toLocal8Bit();
     const char* name = path ? path : storedName.constData();
-    const OFCondition status = guardedRead(
-            [&] { return m_fileFormat->loadFile(name, EXS_Unknown, EGL_noChange, kHeaderReadLength, ERM_autoDetect); });
+    const OFCondition status = loadDicomFile(*m_fileFormat, QByteArray(name), kHeaderReadLength);
     if (status.bad()) {
         qDebug() << "QDcmFile::loadhead" << name << status.text();
         emit fileError(QStringLiteral("can't open ") + (path ? QFile::decodeName(path) : QString()));

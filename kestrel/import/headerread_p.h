@@ -1,6 +1,6 @@
 #pragma once
 
-#include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
@@ -21,12 +21,7 @@ constexpr unsigned int kRecordReadLength = 4096;
 
 inline bool loadHeader(DcmFileFormat* parser, const QString& path, unsigned int maxReadLength)
 {
-    parser->clear();
-    const QByteArray name = QFile::encodeName(path);
-    return guardedRead([&] {
-               return parser->loadFile(name.constData(), EXS_Unknown, EGL_noChange, maxReadLength, ERM_autoDetect);
-           })
-        .good();
+    return loadDicomFile(*parser, QFile::encodeName(path), maxReadLength).good();
 }
 
 using Parsers = std::vector<std::unique_ptr<DcmFileFormat>>;

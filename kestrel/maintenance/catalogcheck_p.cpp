@@ -4,6 +4,7 @@
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "volume/volumecache_p.h"
 #include "qdcmfiles.h"
 #include "veldatabaseconnection.h"
@@ -70,8 +71,7 @@ Holding readHolding(const QString& path)
     file.close();
     DcmFileFormat format;
     const QByteArray name = QFile::encodeName(path);
-    const OFCondition read = guardedRead(
-        [&] { return format.loadFile(name.constData(), EXS_Unknown, EGL_noChange, 4096, ERM_autoDetect); });
+    const OFCondition read = loadDicomFile(format, name, 4096);
     if (read.bad()) {
         holding.state = Holding::NotDicom;
         holding.why = QStringLiteral("not a readable DICOM file (%1)").arg(QString::fromLatin1(read.text()));

@@ -1,6 +1,7 @@
 #include "network/qdcmstoragescp_p.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "network/dcmnetwork_p.h"
 #include "platform/fileplacement_p.h"
 
@@ -343,7 +344,7 @@ OFCondition QDcmStorageSCPPrivate::storeObject(T_DIMSE_C_StoreRQ& request, T_ASC
     }
     DcmFileFormat received;
     const bool readable = kestrel::internal::guardedRead([&] {
-        const OFCondition loaded = received.loadFile(QFile::encodeName(part).constData(), EXS_Unknown, EGL_noChange, 4096);
+        const OFCondition loaded = kestrel::internal::loadDicomFile(received, QFile::encodeName(part), 4096);
         // What the naming and the announcement read, in memory before the part file is gone.
         for (const DcmTagKey& tag : {DCM_SeriesInstanceUID, DCM_SeriesDate, DCM_SOPClassUID, DCM_SOPInstanceUID}) {
             DcmElement* element = nullptr;

@@ -2,6 +2,7 @@
 
 #include "dicom/codecs_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "network/dcmnetwork_p.h"
 #include "network/qdcmstoragescu_p.h"
 #include "kestrelpaths.h"
@@ -103,8 +104,7 @@ OFCondition readSendable(const QString& file, QString& seriesUID, QString& sopCl
 {
     DcmFileFormat format;
     const QByteArray name = QFile::encodeName(file);
-    const OFCondition cond = kestrel::internal::guardedRead(
-        [&] { return format.loadFile(name.constData(), EXS_Unknown, EGL_noChange, 256, ERM_autoDetect); });
+    const OFCondition cond = kestrel::internal::loadDicomFile(format, name, 256);
     if (cond.bad())
         return makeOFCondition(OFM_dcmnet, 0x3f0, OF_error,
                                QStringLiteral("not a readable DICOM file (%1)").arg(cond.text()).toUtf8().constData());

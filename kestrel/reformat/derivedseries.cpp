@@ -4,6 +4,7 @@
 #include "reformat/derivedseries_p.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
 #include "nbitvolume.h"
@@ -32,7 +33,7 @@ namespace kestrel::internal::reformat {
 Status readSeriesTemplate(const QString& file, SeriesTemplate& out)
 {
     DcmFileFormat format;
-    if (file.isEmpty() || format.loadFile(QFile::encodeName(file).constData(), EXS_Unknown, EGL_noChange, 4096).bad())
+    if (file.isEmpty() || loadDicomFile(format, QFile::encodeName(file), 4096).bad())
         return Status(Status::InvalidInput, QStringLiteral("cannot read %1").arg(file.isEmpty() ? "the source's first file" : file));
     DcmDataset* ds = format.getDataset();
     out.file = file;

@@ -3,6 +3,7 @@
 #include "ndicomvolume.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "dicom/filestream_p.h"
 #include "geometry/slicestack_p.h"
 #include "volume/seriesframes_p.h"
 #include "qinstance.h"
@@ -80,9 +81,7 @@ bool readImageHeader(const QString& file, ImageHeader& out)
     out.file = file;
     DcmFileFormat format;
     const QByteArray name = QFile::encodeName(file);
-    if (file.isEmpty() || guardedRead([&] {
-            return format.loadFile(name.constData(), EXS_Unknown, EGL_noChange, 4096); // pixels left unread
-        }).bad()) {
+    if (file.isEmpty() || loadDicomFile(format, name, 4096).bad()) { // pixels left unread
         out.problem = "cannot be read";
         return false;
     }
