@@ -107,8 +107,8 @@ void MainWindow::showStatus(const QString& text)
 
 bool MainWindow::openSeries(qint64 seriesPk)
 {
-    // The first opening of a large series builds its volume (the catalogue's connection belongs to
-    // this thread, so it is built here): the window says so before it is busy.
+    // The first opening of a large series builds its volume, on a thread of its own: the window
+    // says so and keeps painting meanwhile.
     showStatus(QString("opening series %1 ...").arg(seriesPk));
     QApplication::setOverrideCursor(Qt::WaitCursor);
     m_status->repaint();

@@ -13,16 +13,19 @@
 #include <dcmtk/dcmdata/dcuid.h>
 
 #include <QComboBox>
+#include <QEventLoop>
 #include <QFile>
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QSlider>
 #include <QSpinBox>
+#include <QThread>
 #include <QVBoxLayout>
 
 #include <algorithm>
 #include <cmath>
+#include <thread>
 
 namespace {
 
@@ -142,56 +145,89 @@ int SeriesView::sliceCount(int plane) const
     }
 }
 
-bool SeriesView::buildVolume(QSeries& series, QString* error)
-{
-    // Built aside: the series shown stays open when this one fails.
-    QList<int> frameList;
+// What opening a series reads from the catalogue and the disk.
+struct SeriesView::Opened {
+    std::unique_ptr<QSeries> series;
+    std::unique_ptr<NDicomVolume> volume;
+    QList<int> frames;
     QStringList labels;
+    QString error;
+};
+
+SeriesView::Opened SeriesView::readSeries(qint64 seriesPk)
+{
+    Opened opened;
+    opened.series = std::make_unique<QSeries>(seriesPk);
+    QSeries& series = *opened.series;
+    series.searchSeriesInfo();
+    series.searchInstance();
+    if (series.getInstances().isEmpty()) {
+        opened.error = QString("series %1 has no images in the catalogue").arg(seriesPk);
+        return opened;
+    }
+    for (QInstance* instance : series.getInstances())
+        instance->searchInstanceInfo();
     auto volume = std::make_unique<NDicomVolume>();
     const SeriesFrames frames = getSeriesFrames(&series);
     if (frames.severalPerPosition()) {
         const int group = frames.largestGroup();
         QStringList problems;
         if (!getVolumeFromSeriesFrames(*volume, frames, group, &problems)) {
-            *error = "its frames give no volume: " + problems.join("; ");
-            return false;
+            opened.error = "its frames give no volume: " + problems.join("; ");
+            return opened;
         }
-        frameList = getVolumeFrames(*volume);
-        for (int frame : frameList) {
+        opened.frames = getVolumeFrames(*volume);
+        for (int frame : qAsConst(opened.frames)) {
             QString label = QString::number(frame + 1);
             for (const SeriesFrame& f : frames.groups[group].frames)
                 if (f.index == frame)
                     label = f.label;
-            labels << label;
+            opened.labels << label;
         }
     } else if (!volume->getVolumeFromSeriesUID(&series)) {
-        *error = "no volume could be built from its images (see the volume cache in config/cache.ini)";
-        return false;
+        opened.error = "no volume could be built from its images (see the volume cache in config/cache.ini)";
+        return opened;
     }
     if (!volume->isValid()) {
-        *error = "no volume could be built from its images";
-        return false;
+        opened.error = "no volume could be built from its images";
+        return opened;
     }
-    m_volume = std::move(volume);
-    m_frames = frameList;
-    m_frameLabels = labels;
-    return true;
+    opened.volume = std::move(volume);
+    return opened;
 }
 
 bool SeriesView::openSeries(qint64 seriesPk, QString* error)
 {
-    auto series = std::make_unique<QSeries>(seriesPk);
-    series->searchSeriesInfo();
-    series->searchInstance();
-    if (series->getInstances().isEmpty()) {
-        *error = QString("series %1 has no images in the catalogue").arg(seriesPk);
+    if (m_opening) {
+        *error = "another series is being opened";
         return false;
     }
-    for (QInstance* instance : series->getInstances())
-        instance->searchInstanceInfo();
-    if (!buildVolume(*series, error))
+    // The catalogue rows and the volume are read on a thread of their own (the library gives it a
+    // connection of its own) while the window goes on painting; the series shown stays open when
+    // this one fails.
+    m_opening = true;
+    Opened opened;
+    QEventLoop wait;
+    QThread* home = thread();
+    std::thread reader([&] {
+        opened = readSeries(seriesPk);
+        if (opened.series)
+            opened.series->moveToThread(home);
+        if (opened.volume)
+            opened.volume->moveToThread(home);
+        QMetaObject::invokeMethod(&wait, "quit", Qt::QueuedConnection);
+    });
+    wait.exec(QEventLoop::ExcludeUserInputEvents);
+    reader.join();
+    m_opening = false;
+    if (!opened.volume) {
+        *error = opened.error;
         return false;
-    m_series = std::move(series);
+    }
+    m_volume = std::move(opened.volume);
+    m_frames = opened.frames;
+    m_frameLabels = opened.labels;
+    m_series = std::move(opened.series);
     m_modality = m_series->getSeriesModality();
     m_title = QString("#%1 %2").arg(m_series->getSeriesNumber()).arg(m_series->getSeriesDescription());
     m_templateFile = m_series->getInstances().first()->getFilePath();

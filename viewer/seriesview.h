@@ -64,7 +64,8 @@ private:
     void crossAt(int plane, double x, double y, double z);
     void applyPreset(int row);
     void readPresets(const QString& file);
-    bool buildVolume(QSeries& series, QString* error);
+    struct Opened;
+    static Opened readSeries(qint64 seriesPk);
 
     std::array<PlaneView*, 3> m_views{};
     std::array<int, 3> m_index{};
@@ -86,4 +87,5 @@ private:
     QSlider* m_frameSlider = nullptr;
     QLabel* m_frameText = nullptr;
     QLabel* m_measureText = nullptr;
+    bool m_opening = false;
 };

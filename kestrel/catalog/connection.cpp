@@ -2,9 +2,13 @@
 
 #include "catalog/statement_p.h"
 
+#include <QCoreApplication>
 #include <QDebug>
 #include <QSqlError>
+#include <QThread>
 #include <QUuid>
+
+#include <atomic>
 
 namespace kestrel::internal {
 
@@ -59,6 +63,43 @@ void removeClonedConnection(const QString& name)
             db.close();
     }
     QSqlDatabase::removeDatabase(name);
+}
+
+namespace {
+
+std::atomic<QThread*> g_defaultThread{nullptr};
+std::atomic<int> g_defaultGeneration{0};
+
+// A thread's own clone of the default connection, removed with the thread.
+struct ThreadConnection {
+    QString name;
+    int generation = -1;
+    ~ThreadConnection() { removeClonedConnection(name); }
+};
+
+} // namespace
+
+void noteDefaultConnectionMade()
+{
+    g_defaultThread = QThread::currentThread();
+    ++g_defaultGeneration;
+}
+
+QSqlDatabase catalogDatabase()
+{
+    QThread* owner = g_defaultThread.load();
+    if (!owner && QCoreApplication::instance())
+        owner = QCoreApplication::instance()->thread();
+    if (!owner || owner == QThread::currentThread())
+        return QSqlDatabase::database();
+    static thread_local ThreadConnection own;
+    const int generation = g_defaultGeneration.load();
+    if (own.name.isEmpty() || own.generation != generation || !QSqlDatabase::contains(own.name)) {
+        removeClonedConnection(own.name);
+        own.name = cloneDefaultConnection().connectionName();
+        own.generation = generation;
+    }
+    return QSqlDatabase::database(own.name, false);
 }
 
 bool reopenIfLost(QSqlDatabase db)

@@ -22,6 +22,14 @@ KESTREL_TEST_EXPORT Status prepareConnection(QSqlDatabase db);
 // any thread (the clone is made by name). The caller owns the name and removes it with
 // removeClonedConnection() once every QSqlDatabase/QSqlQuery copy of it is gone.
 KESTREL_TEST_EXPORT QSqlDatabase cloneDefaultConnection();
+
+// The catalogue as the calling thread reaches it: the application's default connection on the
+// thread that made it; on any other thread a clone of it, opened on first use, made anew when the
+// default connection is made anew, and removed when the thread ends. (Qt lets a connection be used
+// by the thread that opened it only.) The library reads and writes the default catalogue through this.
+KESTREL_TEST_EXPORT QSqlDatabase catalogDatabase();
+// Called by createConnection() once it has made the default connection on the calling thread.
+void noteDefaultConnectionMade();
 KESTREL_TEST_EXPORT void removeClonedConnection(const QString& name);
 
 // Makes DB usable again after its server went away and came back: an open MySQL connection is

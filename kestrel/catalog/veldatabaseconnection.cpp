@@ -122,6 +122,7 @@ bool createConnection()
     const bool sqlite = type == QLatin1String("QSQLITE");
 
     QSqlDatabase db = QSqlDatabase::addDatabase(type, QLatin1String(QSqlDatabase::defaultConnection));
+    kestrel::internal::noteDefaultConnectionMade();
     db.setHostName(settings.value(profile + "/hostName", "localhost").toString());
     const QString name = settings.value(profile + "/databaseName", "orvena").toString();
     // An SQLite file named relative to the program's folder, or by its absolute path.
@@ -167,7 +168,7 @@ QString getConnectionError()
 QList<qint64> getPatientKeys()
 {
     QList<qint64> keys;
-    Statement query(QSqlDatabase::database(), QStringLiteral("SELECT pk FROM patient ORDER BY pk"));
+    Statement query(kestrel::internal::catalogDatabase(), QStringLiteral("SELECT pk FROM patient ORDER BY pk"));
     if (query.run())
         while (query.next())
             keys << query.get<qint64>(0);
@@ -176,20 +177,20 @@ QList<qint64> getPatientKeys()
 
 qint64 getSeriesKey(const QString& seriesUID)
 {
-    return kestrel::internal::selectValue<qint64>(QSqlDatabase::database(),
+    return kestrel::internal::selectValue<qint64>(kestrel::internal::catalogDatabase(),
                                                   QStringLiteral("SELECT pk FROM generalseries WHERE SeriesInstanceUID = ?"),
                                                   {seriesUID}, -1);
 }
 
 int getStoredSearchCount(const QString& name)
 {
-    return kestrel::internal::selectValue<int>(QSqlDatabase::database(),
+    return kestrel::internal::selectValue<int>(kestrel::internal::catalogDatabase(),
                                                QStringLiteral("SELECT COUNT(*) FROM andvancequiry WHERE InquiryName = ?"), {name}, -1);
 }
 
 int getImportedImageCount(const QString& seriesUID)
 {
-    return kestrel::internal::selectValue<int>(QSqlDatabase::database(),
+    return kestrel::internal::selectValue<int>(kestrel::internal::catalogDatabase(),
                                                QStringLiteral("SELECT COUNT(*) FROM images WHERE seriesUID = ? AND DBflag = 1"),
                                                {seriesUID}, 0);
 }

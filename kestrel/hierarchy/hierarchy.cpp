@@ -1,6 +1,7 @@
 #include "hierarchy/hierarchy_p.h"
 
 #include "catalog/catalogschema_p.h"
+#include "catalog/connection_p.h"
 
 #include <QHash>
 #include <QSqlDatabase>
@@ -29,7 +30,7 @@ QStringList cachedColumnNames(const QString& level, const QString& schema, const
 {
     // Filled without locking: the hierarchy lives on the thread of the default connection.
     static QHash<QString, QStringList> cache;
-    QSqlDatabase db = QSqlDatabase::database();
+    QSqlDatabase db = catalogDatabase();
     const QString key = level + '\n' + db.driverName() + '\n' + db.hostName() + '\n' + db.databaseName();
     const auto it = cache.constFind(key);
     if (it != cache.constEnd() && !it->isEmpty())
@@ -64,7 +65,7 @@ QStringList cachedColumnNames(const QString& level, const QString& schema, const
 
 void forEachRow(const QString& sql, const QVariantList& values, const std::function<void(const Statement&)>& row)
 {
-    Statement query(QSqlDatabase::database(), sql);
+    Statement query(catalogDatabase(), sql);
     if (!query.bindAll(values).run())
         return;
     while (query.next())

@@ -6,6 +6,7 @@
 #include "qstudy.h"
 
 #include "catalog/catalogschema_p.h"
+#include "catalog/connection_p.h"
 #include "catalog/statement_p.h"
 #include "hierarchy/storedsearch_p.h"
 
@@ -31,7 +32,7 @@ void QPatients::advanceQueryByName(QString queryname)
     m_queryName = queryname;
     m_queryString.clear();
     QList<SearchCondition> conditions;
-    Status status = readStoredSearch(QSqlDatabase::database(), queryname, &conditions);
+    Status status = readStoredSearch(catalogDatabase(), queryname, &conditions);
     if (!status) {
         m_lastError = status.text();
         qWarning().noquote() << m_lastError;
@@ -60,7 +61,7 @@ void QPatients::advanceQueryByName(QString queryname)
 // the row's owner and is never a choice. An error text, empty when read.
 QString QPatients::readColumnChoices(bool images)
 {
-    QSqlDatabase db = QSqlDatabase::database();
+    QSqlDatabase db = catalogDatabase();
     const QStringList& displayTables = schema::displayTables();
     QStringList* titles[4] = {&m_patientTitles, &m_studyTitles, &m_seriesTitles, &m_imageTitles};
     bool* keyHidden[3] = {&m_patientKeyHidden, &m_studyKeyHidden, &m_seriesKeyHidden};
@@ -95,7 +96,7 @@ void QPatients::advanceQuery(QString querystring)
 // under its parent, wherever its rows come in the result. An error text, empty when it ran.
 QString QPatients::runSearch(const QString& sql, const QVariantList& values, bool direct)
 {
-    Statement query(QSqlDatabase::database(), sql, direct ? Statement::Direct : Statement::Prepared);
+    Statement query(catalogDatabase(), sql, direct ? Statement::Direct : Statement::Prepared);
     if (const Status status = query.bindAll(values).run(); !status)
         return status.text();
     const int P = m_patientTitles.size();

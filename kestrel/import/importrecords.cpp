@@ -259,7 +259,21 @@ QVector<QVariant> readColumns(const QString& table, DcmItem* item)
 
 int columnIndex(const QString& table, const QString& column)
 {
-    return schema::columns(table).indexOf(column);
+    // The import asks for a few columns of every image: answered from one table of positions.
+    static const QHash<QString, QHash<QString, int>> positions = [] {
+        QHash<QString, QHash<QString, int>> all;
+        for (const QString& name : schema::tables()) {
+            const QStringList columns = schema::columns(name);
+            QHash<QString, int>& table = all[name.toLower()];
+            for (int i = columns.size() - 1; i >= 0; --i)
+                table.insert(columns.at(i), i);
+        }
+        return all;
+    }();
+    auto known = positions.constFind(table);
+    if (known == positions.constEnd())
+        known = positions.constFind(table.toLower());
+    return known == positions.constEnd() ? -1 : known->value(column, -1);
 }
 
 QString timeOfDay(const QString& dicomTime)

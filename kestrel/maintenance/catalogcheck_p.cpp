@@ -521,7 +521,7 @@ using namespace kestrel::internal::maintenance;
 int checkCatalog(bool repair, QStringList* report)
 {
     QStringList repaired;
-    const CheckOutcome outcome = checkCatalogue(QSqlDatabase::database(), repair, &repaired);
+    const CheckOutcome outcome = checkCatalogue(kestrel::internal::catalogDatabase(), repair, &repaired);
     if (!outcome.status) {
         if (report)
             *report << QStringLiteral("cannot read the catalogue: ") + outcome.status.text();

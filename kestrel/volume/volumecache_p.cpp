@@ -1,5 +1,6 @@
 #include "volume/volumecache_p.h"
 
+#include "catalog/connection_p.h"
 #include "catalog/statement_p.h"
 #include "catalog/transaction_p.h"
 #include "kestrelpaths.h"
@@ -52,7 +53,7 @@ QString framesKeySeries(const QString& key)
 QString registeredFile(const QString& key, QString* head, QString* checksum)
 {
     QString file;
-    Statement query(QSqlDatabase::database(),
+    Statement query(catalogDatabase(),
                     QStringLiteral("SELECT Savepath, VolumeHead, VoxelChecksum FROM registration WHERE SeriesInstanceUID = ?"));
     if (query.bind(key).run())
         while (query.next()) {
@@ -67,7 +68,7 @@ QString registeredFile(const QString& key, QString* head, QString* checksum)
 
 Status registerFile(const QString& key, const QString& file, const QString& head, const QString& checksum)
 {
-    QSqlDatabase db = QSqlDatabase::database();
+    QSqlDatabase db = catalogDatabase();
     // One row per key whatever several processes do at once: the row is added where none is, and
     // otherwise names the file just written.
     const QString verb = db.driverName() == QLatin1String("QMYSQL") ? QStringLiteral("INSERT IGNORE")
@@ -86,7 +87,7 @@ Status registerFile(const QString& key, const QString& file, const QString& head
 
 Status forget(const QString& key)
 {
-    QSqlDatabase db = QSqlDatabase::database();
+    QSqlDatabase db = catalogDatabase();
     return runWrite(db, [&](Transaction&) {
         return execute(db, QStringLiteral("DELETE FROM registration WHERE SeriesInstanceUID = ?"), {key});
     });
@@ -94,7 +95,7 @@ Status forget(const QString& key)
 
 void readSeriesUIDs(qint64 seriesPk)
 {
-    Statement query(QSqlDatabase::database(),
+    Statement query(catalogDatabase(),
                     QStringLiteral("SELECT generalstudy.StudyInstanceUID,generalseries.SeriesInstanceUID FROM generalstudy "
                                    "inner join generalseries inner join imageformat WHERE generalstudy.pk=generalseries.study_fk "
                                    "and generalseries.pk=imageformat.series_fk and imageformat.series_fk=?"));

@@ -6,6 +6,9 @@
 #include "testcatalog.h"
 
 #include "kestrelpaths.h"
+#include "ndicomvolume.h"
+#include "qinstance.h"
+#include "qseries.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -21,6 +24,7 @@
 #include <QtTest>
 
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -305,6 +309,50 @@ private slots:
         QVERIFY(reader.waitForFinished(60000));
         QCOMPARE(reader.exitCode(), 0);
         QCOMPARE(TestCatalog::count("registration"), 1);
+    }
+
+    void volumeOnWorkerThreads_data() { TestCatalog::addBackendRows(); }
+
+    // A viewer builds volumes away from its window's thread: a series, its images and its volume
+    // read on other threads equal those read on the thread that opened the catalogue, the cache
+    // holds one registration, and each thread's connection ends with the thread.
+    void volumeOnWorkerThreads()
+    {
+        QFETCH(QString, backend);
+        KESTREL_OPEN_CATALOG(catalog, backend);
+        QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
+        QProcess importer;
+        importer.start(program(), {"--config", catalog.configDir(), "import", m_sources[0] + "/p0s0h0"});
+        QVERIFY(importer.waitForFinished(60000));
+        QCOMPARE(importer.exitCode(), 0);
+        const qint64 pk = TestCatalog::value("SELECT pk FROM generalseries").toLongLong();
+        auto build = [pk]() -> QByteArray {
+            QSeries series(pk);
+            series.searchSeriesInfo();
+            series.searchInstance();
+            QByteArray read = series.getSeriesUID().toLatin1();
+            for (QInstance* instance : series.getInstances()) {
+                instance->searchInstanceInfo();
+                read += instance->getFilePath().toUtf8();
+            }
+            NDicomVolume volume;
+            if (!volume.getVolumeFromSeriesUID(&series))
+                return read + "no volume";
+            return read + QByteArray(reinterpret_cast<const char*>(volume.getHead()), sizeof(VolumeHead))
+                   + QByteArray(volume.getData(), volume.getHead()->volumestep[3]);
+        };
+        const int connections = QSqlDatabase::connectionNames().size();
+        QByteArray onWorker[2];
+        std::thread first([&] { onWorker[0] = build(); });
+        first.join();
+        const QByteArray here = build();
+        std::thread second([&] { onWorker[1] = build(); });
+        second.join();
+        QVERIFY(here.size() > 100 * 8 * 8 * 2);
+        QCOMPARE(onWorker[0], here);
+        QCOMPARE(onWorker[1], here);
+        QCOMPARE(TestCatalog::count("registration"), 1);
+        QCOMPARE(QSqlDatabase::connectionNames().size(), connections);
     }
 };
 
