@@ -2,7 +2,7 @@
 
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
-#include "kestrelpaths.h"
+#include "programs.h"
 #include "ndicomimage.h"
 #include "qinstance.h"
 #include "qpatient.h"
@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
-#include <tuple>
 
 namespace {
 
@@ -606,35 +605,25 @@ void TestHierarchy::queryCommand()
 {
     QFETCH_GLOBAL(QString, backend);
     KESTREL_OPEN_CATALOG(catalog, backend);
-    const QString program = Kestrel::applicationDir() + "/kestrel";
-    if (!QFileInfo::exists(program))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     addSeries(addStudy(addPatient("O'Brien^Liam", "2001"), "Head"), {Image(1, pos(0, 0, 0))}, 1);
     storeSearch("obrien", {{"patient", "PatientName", "=", "O'Brien^Liam", "", "Precise"}});
     storeSearch("typo", {{"patient", "PatientNmae", "=", "x", "", "Precise"}});
     storeSearch("images", {{"imageformat", "InstanceNumber", "=", "1", "", "Precise"}});
-    // Exit status, standard output and standard error of kestrel query ARGS.
-    auto query = [&](const QStringList& args) {
-        QProcess run;
-        run.start(program, QStringList{"--config", catalog.configDir(), "query"} + args);
-        run.waitForFinished(60000);
-        return std::tuple{run.exitCode(), QString::fromUtf8(run.readAllStandardOutput()),
-                          QString::fromUtf8(run.readAllStandardError()).trimmed()};
-    };
-
-    auto [status, out, err] = query({"--sql", "obrien"});
-    QCOMPARE(status, 0);
-    QVERIFY2(out.contains("patient.PatientName = 'O''Brien^Liam'") && out.contains("PatientName=O'Brien^Liam") &&
-                     out.contains("1 patients, 1 studies, 1 series"),
-             qPrintable(out));
+    const HostRun found = runHost({"--config", catalog.configDir(), "query", "--sql", "obrien"});
+    QCOMPARE(found.exitCode, 0);
+    QVERIFY2(found.out.contains("patient.PatientName = 'O''Brien^Liam'") && found.out.contains("PatientName=O'Brien^Liam") &&
+                     found.out.contains("1 patients, 1 studies, 1 series"),
+             qPrintable(found.out));
 
     // A search that cannot be built and one whose statement fails: status 1, the cause in one line.
     QVERIFY(TestCatalog::values("DROP TABLE imageformat").isEmpty());
     for (const auto& [name, cause] : {std::pair{"typo", "PatientNmae"}, {"images", "imageformat"}}) {
-        std::tie(status, out, err) = query({name});
-        QCOMPARE(status, 1);
+        const HostRun run = runHost({"--config", catalog.configDir(), "query", name});
+        const QString err = run.err.trimmed();
+        QCOMPARE(run.exitCode, 1);
         QVERIFY2(err.startsWith("kestrel query: ") && err.contains(cause) && !err.contains('\n'), qPrintable(err));
-        QVERIFY2(!out.contains("no matches"), qPrintable(out));
+        QVERIFY2(!run.out.contains("no matches"), qPrintable(run.out));
     }
 }
 
