@@ -3,9 +3,9 @@
 #include "catalog/catalogschema_p.h"
 #include "catalog/catalogupgrade_p.h"
 #include "kestrelpaths.h"
+#include "programs.h"
 #include "veldatabaseconnection.h"
 
-#include <QProcess>
 #include <QSqlError>
 
 #include <QFile>
@@ -262,11 +262,8 @@ private slots:
                      getConnectionError().contains("denied"),
                  qPrintable(getConnectionError()));
         // The host says the same.
-        QProcess host;
-        host.start(Kestrel::applicationDir() + "/kestrel", {"--config", server.configDir(), "tree"});
-        QVERIFY(host.waitForFinished(60000));
-        const QString said = QString::fromUtf8(host.readAllStandardError());
-        QVERIFY2(host.exitCode() == 1 && said.contains("denied for user 'kestrel_reader'"), qPrintable(said));
+        const HostRun host = runHost({"--config", server.configDir(), "tree"});
+        QVERIFY2(host.exitCode == 1 && host.err.contains("denied for user 'kestrel_reader'"), qPrintable(host.err));
     }
 
     void unreachableServerFails()

@@ -5,6 +5,7 @@
 #include "dicom/filestream_p.h"
 #include "dicom/qdcmdump.h"
 #include "kestrelpaths.h"
+#include "programs.h"
 #include "qdcmfile.h"
 #include "viewfourcornerinfoconfig.h"
 
@@ -311,12 +312,10 @@ private slots:
         // The 1025th is refused; the host prints DCMTK's warning and ends with status 1.
         args << "+P" << "PatientName";
         QCOMPARE(runDump(args + QStringList{m_mr}).status, 1);
-        QProcess host;
-        host.start(QCoreApplication::applicationDirPath() + "/kestrel", QStringList{"dump"} + args + QStringList{m_mr});
-        QVERIFY(host.waitForFinished(60000));
-        QCOMPARE(host.exitCode(), 1);
-        QVERIFY(host.readAllStandardOutput().isEmpty());
-        QVERIFY2(host.readAllStandardError().contains("too many print tag options (max: 1024)"), "warning missing");
+        const HostRun host = runHost(QStringList{"dump"} + args + QStringList{m_mr});
+        QCOMPARE(host.exitCode, 1);
+        QVERIFY(host.out.isEmpty());
+        QVERIFY2(host.err.contains("too many print tag options (max: 1024)"), "warning missing");
         QCOMPARE(parseTagKey("Nonsense"), DcmTagKey(0xffff, 0xffff));
         QCOMPARE(parseTagKey("7fe0,0010"), DCM_PixelData);
     }

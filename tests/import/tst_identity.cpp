@@ -11,14 +11,13 @@
 #include "testcatalog.h"
 
 #include "catalog/catalogschema_p.h"
-#include "kestrelpaths.h"
+#include "programs.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 
 #include <QCryptographicHash>
-#include <QProcess>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
@@ -28,24 +27,15 @@ using namespace kestrel::internal;
 
 namespace {
 
-QString program()
-{
-    return Kestrel::applicationDir() + "/kestrel";
-}
-
 // Runs `kestrel import FOLDER` on the catalogue of CONFIG with THREADS reading threads (the
 // library asks for four when it is given one: a thread limit keeps it at one).
 QString importWithKestrel(const QString& config, const QString& folder, int threads = 2)
 {
-    QProcess run;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("OMP_NUM_THREADS", QString::number(threads));
     env.insert("OMP_THREAD_LIMIT", QString::number(threads));
-    run.setProcessEnvironment(env);
-    run.start(program(), {"--config", config, "import", folder});
-    if (!run.waitForFinished(300000) || run.exitCode() != 0)
-        return "<import failed: " + QString::fromUtf8(run.readAllStandardError()) + ">";
-    return QString::fromUtf8(run.readAllStandardOutput());
+    const HostRun run = runHost({"--config", config, "import", folder}, QString(), env, 300000);
+    return run.exitCode == 0 ? run.out : "<import failed: " + run.err + ">";
 }
 
 SyntheticImage person(const QString& id, const QByteArray& nameUtf8, const QString& birth = "19700101")
@@ -116,8 +106,7 @@ class TestIdentity : public QObject
 private slots:
     void initTestCase()
     {
-        if (!QFileInfo::exists(program()))
-            QSKIP("the kestrel host is not built");
+        KESTREL_REQUIRE_HOST();
     }
 
     void people_data() { TestCatalog::addBackendRows(); }

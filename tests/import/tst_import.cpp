@@ -4,7 +4,7 @@
 #include "testcatalog.h"
 
 #include "dicom/dcmvalues_p.h"
-#include "kestrelpaths.h"
+#include "programs.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -280,21 +280,15 @@ private slots:
         KESTREL_OPEN_CATALOG(catalog, backend);
         writeSyntheticSeries(catalog.path("cli"), SyntheticImage(), 3);
         QFile(catalog.path("cli/readme.txt")).open(QIODevice::WriteOnly);
-        const QString program = Kestrel::applicationDir() + "/kestrel";
-        if (!QFileInfo::exists(program))
-            QSKIP("the kestrel host is not built");
-        QProcess run;
-        run.start(program, {"--config", catalog.configDir(), "import", catalog.path("cli")});
-        QVERIFY(run.waitForFinished(60000));
-        const QString output = QString::fromUtf8(run.readAllStandardOutput());
-        QCOMPARE(run.exitCode(), 0);
-        QVERIFY2(output.contains("images added:      3") && output.contains("files unreadable:  1"), qPrintable(output));
+        KESTREL_REQUIRE_HOST();
+        HostRun run = runHost({"--config", catalog.configDir(), "import", catalog.path("cli")});
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.out.contains("images added:      3") && run.out.contains("files unreadable:  1"), qPrintable(run.out));
         QCOMPARE(TestCatalog::count("imageformat"), 3);
 
-        run.start(program, {"--config", catalog.configDir(), "import", catalog.path("missing")});
-        QVERIFY(run.waitForFinished(60000));
-        QVERIFY(run.exitCode() != 0);
-        QVERIFY(QString::fromUtf8(run.readAllStandardError()).contains("no such file or folder"));
+        run = runHost({"--config", catalog.configDir(), "import", catalog.path("missing")});
+        QVERIFY(run.exitCode != 0);
+        QVERIFY(run.err.contains("no such file or folder"));
     }
 
     void receiveQueue()

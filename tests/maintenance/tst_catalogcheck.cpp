@@ -8,11 +8,10 @@
 #include "testcatalog.h"
 #include "veldatabaseconnection.h"
 
-#include "kestrelpaths.h"
+#include "programs.h"
 
 #include <QCryptographicHash>
 #include <QDirIterator>
-#include <QProcess>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
@@ -304,9 +303,7 @@ void TestCatalogCheck::host()
 {
     QFETCH(QString, backend);
     KESTREL_OPEN_CATALOG(catalog, backend);
-    const QString program = Kestrel::applicationDir() + "/kestrel";
-    if (!QFileInfo::exists(program))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
     QVERIFY(build(catalog));
     const QString pk = TestCatalog::value("SELECT pk FROM imageformat WHERE FilePath = ?", {m_filesB[1]});
@@ -315,13 +312,9 @@ void TestCatalogCheck::host()
     const QString cacheFile = TestCatalog::value("SELECT Savepath FROM registration");
 
     auto check = [&](const QStringList& args, QStringList* lines) {
-        QProcess host;
-        host.setWorkingDirectory(catalog.path("work"));
-        host.start(program, QStringList{"--config", catalog.configDir(), "check"} + args);
-        if (!host.waitForFinished(120000))
-            return -1;
-        *lines = QString::fromUtf8(host.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
-        return host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
+        const HostRun run = runHost(QStringList{"--config", catalog.configDir(), "check"} + args, catalog.path("work"));
+        *lines = run.out.split('\n', Qt::SkipEmptyParts);
+        return run.exitCode;
     };
     QStringList lines;
     QCOMPARE(check({}, &lines), 1);

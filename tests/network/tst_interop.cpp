@@ -4,6 +4,7 @@
 
 #include "dicompeers.h"
 #include "encodedpixels.h"
+#include "programs.h"
 #include "testcatalog.h"
 
 #include "dicom/codecs_p.h"
@@ -241,8 +242,7 @@ void TestInterop::initTestCase()
             QSKIP(qPrintable(QString("DCMTK's %1 is not installed").arg(tool)));
     if (sharedDataPath("transfer_syntaxes").isEmpty() || sharedDataPath("pydicom_data").isEmpty())
         QSKIP("the shared data is not there");
-    if (!QFileInfo::exists(HostProcess::program()))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     QVERIFY(makeObjects());
     QCOMPARE(m_objects.size(), 15);
 }
@@ -322,13 +322,10 @@ void TestInterop::kestrelToStorescp()
     QVERIFY(!objects.last().file.isEmpty());
     QStringList all = files();
     all << objects.last().file;
-    QProcess send;
-    send.setProcessEnvironment(peerEnvironment());
-    send.start(HostProcess::program(), QStringList{"send", "--port", QString::number(storescp.port), "--aet", "PEER"} + all);
-    QVERIFY(send.waitForFinished(60000));
-    const QString printed = QString::fromUtf8(send.readAllStandardOutput());
-    QCOMPARE(send.exitCode(), 0);
-    QVERIFY2(printed.endsWith(QString("sent %1, refused 0\n").arg(objects.size())), qPrintable(printed));
+    const HostRun send = runHost(QStringList{"send", "--port", QString::number(storescp.port), "--aet", "PEER"} + all, QString(),
+                                 peerEnvironment(), 60000);
+    QCOMPARE(send.exitCode, 0);
+    QVERIFY2(send.out.endsWith(QString("sent %1, refused 0\n").arg(objects.size())), qPrintable(send.out));
     QTRY_COMPARE_WITH_TIMEOUT(bySop(out).size(), objects.size(), 10000);
     const QMap<QString, QString> received = bySop(out);
     for (const TestObject& object : qAsConst(objects)) {
@@ -350,13 +347,10 @@ void TestInterop::kestrelToDcmrecv()
     QVERIFY(QDir().mkpath(out));
     Dcmrecv dcmrecv;
     QVERIFY(dcmrecv.start(out, "/etc/dcmtk/storescp.cfg", "Default", {"+B"}));
-    QProcess send;
-    send.setProcessEnvironment(peerEnvironment());
-    send.start(HostProcess::program(), QStringList{"send", "--port", QString::number(dcmrecv.port), "--aet", "KESTREL"} + files());
-    QVERIFY(send.waitForFinished(60000));
-    const QString printed = QString::fromUtf8(send.readAllStandardOutput());
-    QCOMPARE(send.exitCode(), 0);
-    QVERIFY2(printed.endsWith(QString("sent %1, refused 0\n").arg(m_objects.size())), qPrintable(printed));
+    const HostRun send = runHost(QStringList{"send", "--port", QString::number(dcmrecv.port), "--aet", "KESTREL"} + files(),
+                                 QString(), peerEnvironment(), 60000);
+    QCOMPARE(send.exitCode, 0);
+    QVERIFY2(send.out.endsWith(QString("sent %1, refused 0\n").arg(m_objects.size())), qPrintable(send.out));
     QTRY_COMPARE_WITH_TIMEOUT(bySop(out).size(), m_objects.size(), 10000);
     const QMap<QString, QString> received = bySop(out);
     for (const TestObject& object : qAsConst(m_objects)) {
@@ -414,14 +408,11 @@ void TestInterop::refusalsAreNamed()
     const TestObject& mr = m_objects.at(6);
     const QString lossy = htj2kFile(false);
     QVERIFY(!lossy.isEmpty());
-    QProcess send;
-    send.setProcessEnvironment(peerEnvironment());
-    send.start(HostProcess::program(), {"send", "--port", QString::number(storescp.port), "--aet", "PEER", cr.file,
-                                        noSop, sr.file, junk, mr.file, lossy});
-    QVERIFY(send.waitForFinished(60000));
-    const QString printed = QString::fromUtf8(send.readAllStandardOutput());
-    const QString errors = QString::fromUtf8(send.readAllStandardError());
-    QCOMPARE(send.exitCode(), 1);
+    const HostRun send = runHost({"send", "--port", QString::number(storescp.port), "--aet", "PEER", cr.file, noSop, sr.file,
+                                  junk, mr.file, lossy},
+                                 QString(), peerEnvironment(), 60000);
+    const QString &printed = send.out, &errors = send.err;
+    QCOMPARE(send.exitCode, 1);
     const QString lossyReason = "HTJ2K cannot be sent over this network, and its lossy pixels are not decompressed for it";
     QVERIFY2(printed.endsWith("sent 1, refused 3 (" + lossyReason + "; Refused: OutOfResources (0xa700); the peer "
                               "takes no BasicTextSRStorage in Little Endian Explicit), skipped 2 unreadable\n"),
@@ -441,16 +432,12 @@ void TestInterop::echo()
 {
     Storescp storescp;
     QVERIFY(storescp.start(m_dir.path()));
-    QProcess echo;
-    echo.start(HostProcess::program(), {"echo", "--port", QString::number(storescp.port), "--aet", "PEER"});
-    QVERIFY(echo.waitForFinished(30000));
-    QCOMPARE(echo.exitCode(), 0);
-    QVERIFY(QString::fromUtf8(echo.readAllStandardOutput()).startsWith(
-        QString("PEER at 127.0.0.1:%1 answers (").arg(storescp.port)));
-    echo.start(HostProcess::program(), {"echo", "--port", QString::number(freePort()), "--aet", "PEER"});
-    QVERIFY(echo.waitForFinished(30000));
-    QCOMPARE(echo.exitCode(), 1);
-    QVERIFY(QString::fromUtf8(echo.readAllStandardError()).contains("does not answer"));
+    HostRun echo = runHost({"echo", "--port", QString::number(storescp.port), "--aet", "PEER"});
+    QCOMPARE(echo.exitCode, 0);
+    QVERIFY(echo.out.startsWith(QString("PEER at 127.0.0.1:%1 answers (").arg(storescp.port)));
+    echo = runHost({"echo", "--port", QString::number(freePort()), "--aet", "PEER"});
+    QCOMPARE(echo.exitCode, 1);
+    QVERIFY(echo.err.contains("does not answer"));
 }
 
 QTEST_GUILESS_MAIN(TestInterop)

@@ -1,5 +1,6 @@
 #include "dicompeers.h"
 #include "syntheticdicom.h"
+#include "programs.h"
 #include "testcatalog.h"
 
 #include "network/dcmnetwork_p.h"
@@ -522,72 +523,45 @@ private slots:
     // port, a fixed run time; send to storescp and to nobody.
     void commandLine()
     {
-        const QString kestrel = QCoreApplication::applicationDirPath() + "/kestrel";
-        if (!QFileInfo::exists(kestrel))
-            QSKIP("the kestrel host is not built");
+        KESTREL_REQUIRE_HOST();
         KESTREL_OPEN_CATALOG(catalog, "sqlite");
         QTemporaryDir dir;
         const QStringList files = writeSyntheticSeries(dir.filePath("src"), SyntheticImage(), 2);
         const int port = freePort();
 
-        QStringList listenArgs{"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet",
-                               "KESTREL", "--out", dir.filePath("recv")};
-        listenArgs << "--import";
-        QProcess listen;
-        listen.setProcessEnvironment(peerEnvironment());
-        listen.start(kestrel, listenArgs);
-        QString out;
-        auto readUntil = [&](const QString& text, int times = 1) {
-            QElapsedTimer clock;
-            clock.start();
-            while (out.count(text) < times && clock.elapsed() < 15000 && listen.state() != QProcess::NotRunning) {
-                listen.waitForReadyRead(100);
-                out += QString::fromUtf8(listen.readAllStandardOutput());
-            }
-            return out.count(text) >= times;
-        };
-        QVERIFY2(readUntil("listening on port"), qPrintable(out));
+        HostProcess listen({"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--aet", "KESTREL",
+                            "--out", dir.filePath("recv"), "--import"});
+        QVERIFY2(listen.readUntil("listening on port"), qPrintable(listen.out));
         QCOMPARE(storescu(port, files), 0);
-        QVERIFY2(readUntil("stored ", 2), qPrintable(out));
+        QVERIFY2(listen.readUntil("stored ", 2), qPrintable(listen.out));
 
-        QProcess second; // the port is taken by the first listener
-        second.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--out",
+        // The port is taken by the first listener.
+        HostRun run = runHost({"--config", catalog.configDir(), "listen", "--port", QString::number(port), "--out",
                                dir.filePath("recv2")});
-        QVERIFY(second.waitForFinished(15000));
-        QCOMPARE(second.exitCode(), 1);
-        QVERIFY(QString::fromUtf8(second.readAllStandardError()).contains("kestrel listen:"));
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY(run.err.contains("kestrel listen:"));
 
-        listen.terminate();
-        QVERIFY(listen.waitForFinished(15000));
-        out += QString::fromUtf8(listen.readAllStandardOutput());
-        QCOMPARE(listen.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(listen.exitCode(), 0);
-        QVERIFY2(out.contains("recorded series ") && out.endsWith("stopped\n"), qPrintable(out));
+        QCOMPARE(listen.stop(), 0);
+        QVERIFY2(listen.out.contains("recorded series ") && listen.out.endsWith("stopped\n"), qPrintable(listen.out));
         QCOMPARE(TestCatalog::count("images"), 2);
-        QVERIFY2(out.contains(" (2 images)\n"), qPrintable(out));
+        QVERIFY2(listen.out.contains(" (2 images)\n"), qPrintable(listen.out));
         QCOMPARE(TestCatalog::count("imagepixel"), 2);
 
-        QProcess timed;
-        timed.start(kestrel, {"--config", catalog.configDir(), "listen", "--port", QString::number(freePort()),
-                              "--out", dir.filePath("recv3"), "--seconds", "1"});
-        QVERIFY(timed.waitForFinished(15000));
-        QCOMPARE(timed.exitCode(), 0);
+        run = runHost({"--config", catalog.configDir(), "listen", "--port", QString::number(freePort()), "--out",
+                       dir.filePath("recv3"), "--seconds", "1"});
+        QCOMPARE(run.exitCode, 0);
 
         Storescp peer;
         QVERIFY(QDir().mkpath(dir.filePath("peer")));
         QVERIFY(peer.start(dir.filePath("peer")));
-        QProcess send;
-        send.start(kestrel, {"send", "--port", QString::number(peer.port), "--aet", "PEER", dir.filePath("src")});
-        QVERIFY(send.waitForFinished(30000));
-        const QString sent = QString::fromUtf8(send.readAllStandardOutput());
-        QCOMPARE(send.exitCode(), 0);
-        QVERIFY2(sent.contains("sent 1/2\nsent 2/2\n"), qPrintable(sent));
+        run = runHost({"send", "--port", QString::number(peer.port), "--aet", "PEER", dir.filePath("src")});
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.out.contains("sent 1/2\nsent 2/2\n"), qPrintable(run.out));
         QCOMPARE(filesBelow(dir.filePath("peer")).size(), 2);
 
-        send.start(kestrel, {"send", "--port", QString::number(freePort()), "--aet", "PEER", files.first()});
-        QVERIFY(send.waitForFinished(30000));
-        QVERIFY(send.exitCode() != 0);
-        QVERIFY(QString::fromUtf8(send.readAllStandardError()).contains("kestrel send:"));
+        run = runHost({"send", "--port", QString::number(freePort()), "--aet", "PEER", files.first()});
+        QVERIFY(run.exitCode != 0);
+        QVERIFY(run.err.contains("kestrel send:"));
     }
 
     // Our storage user against DCMTK's storescp: the send paths, the queue, refusing, aborting and

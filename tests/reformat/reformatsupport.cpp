@@ -276,16 +276,3 @@ void loadCatalogued(QSeries& series, NDicomVolume& volume)
         instance->searchInstanceInfo();
     volume.loadSeries(&series);
 }
-
-// dcm2niix's NIfTI of FOLDER into OUT; empty when it worked.
-QString convert(const QString& folder, const QString& out)
-{
-    QDir().mkpath(out);
-    QProcess p;
-    p.setProcessChannelMode(QProcess::MergedChannels);
-    p.start("dcm2niix", {"-b", "n", "-z", "n", "-p", "n", "-f", "v", "-o", out, folder});
-    if (!p.waitForFinished(120000) || p.exitCode() != 0)
-        return "dcm2niix failed on " + folder + ": " + QString::fromLocal8Bit(p.readAll());
-    return {};
-}
-

@@ -67,5 +67,3 @@ QStringList writeSeries(const QString& dir, const std::array<Vec, 3>& axes, QSiz
 qint64 catalogue(const QStringList& files);
 // Loads SERIES (read from the catalogue with its images) into VOLUME as the hosts do.
 void loadCatalogued(QSeries& series, NDicomVolume& volume);
-// dcm2niix's NIfTI of FOLDER into OUT; empty when it worked, else why not.
-QString convert(const QString& folder, const QString& out);

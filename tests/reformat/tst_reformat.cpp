@@ -17,7 +17,6 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSqlDatabase>
-#include <QStandardPaths>
 #include <QtTest>
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>

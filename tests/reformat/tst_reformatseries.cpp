@@ -3,7 +3,7 @@
 // catalogued on both backends; and kestrel reformat on catalogued series.
 #include "dicom/dcmvalues_p.h"
 #include "fileimage.h"
-#include "kestrelpaths.h"
+#include "programs.h"
 #include "nbitvolume.h"
 #include "ndicomimage.h"
 #include "ndicomvolume.h"
@@ -17,7 +17,6 @@
 #include <QImage>
 #include <QProcess>
 #include <QSqlDatabase>
-#include <QStandardPaths>
 #include <QtTest>
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -151,13 +150,13 @@ void TestReformatSeries::derivedSeries()
     QVERIFY2(error.contains("Frame of Reference"), qPrintable(error));
 
     // Read back by dcm2niix: the resampled series on the reference's grid, with scipy's values.
-    if (QStandardPaths::findExecutable("dcm2niix").isEmpty())
-        QSKIP("dcm2niix is not installed (scripts/setup.sh installs it)");
+    if (const QString skip = dcm2niixSkip(); !skip.isEmpty())
+        QSKIP(qPrintable(skip));
     if (const QString skip = oracleSkip(); !skip.isEmpty())
         QSKIP(qPrintable(skip));
-    QString failure = convert(catalog.path("resampled"), catalog.path("nii-new"));
+    QString failure = dcm2niix(catalog.path("resampled"), catalog.path("nii-new"));
     QVERIFY2(failure.isEmpty(), qPrintable(failure));
-    failure = convert(catalog.path("reference"), catalog.path("nii-reference"));
+    failure = dcm2niix(catalog.path("reference"), catalog.path("nii-reference"));
     QVERIFY2(failure.isEmpty(), qPrintable(failure));
     QProcess oracle;
     oracle.setProcessChannelMode(QProcess::MergedChannels);
@@ -271,9 +270,7 @@ void TestReformatSeries::host_data()
 void TestReformatSeries::host()
 {
     QFETCH(QString, backend);
-    const QString program = Kestrel::applicationDir() + "/kestrel";
-    if (!QFileInfo::exists(program))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
     KESTREL_OPEN_CATALOG(catalog, backend);
     const QString study = newTestUid(), frame = newTestUid();
@@ -285,13 +282,10 @@ void TestReformatSeries::host()
                          study, frame, 4).isEmpty());
     QVERIFY(!writeSeries(catalog.path("elsewhere"), turned(0, 0, 0), QSize(8, 8), QPointF(1, 1), 1, 3, {0, 0, 0}, study,
                          newTestUid(), 5).isEmpty());
-    auto run = [&](const QStringList& args, QString* output = nullptr) {
-        QProcess host;
-        host.start(program, QStringList{"--config", catalog.configDir()} + args);
-        host.waitForFinished(120000);
-        if (output)
-            *output = QString::fromLocal8Bit(host.readAllStandardOutput() + host.readAllStandardError());
-        return host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
+    auto run = [&](const QStringList& args, QString* output) {
+        const HostRun host = runHost(QStringList{"--config", catalog.configDir()} + args);
+        *output = host.said();
+        return host.exitCode;
     };
     QString said;
     QCOMPARE(run({"import", catalog.path("source"), catalog.path("reference"), catalog.path("elsewhere")}, &said), 0);
@@ -342,12 +336,10 @@ void TestReformatSeries::host()
         {{"--project", "0,0", "--import"}, "--dicom"},
     };
     for (const auto& refusal : refusals) {
-        QString output;
-        QProcess host;
-        host.start(program, QStringList{"--config", catalog.configDir(), "reformat", "--series", source, "--out", pictures} + refusal.args);
-        QVERIFY(host.waitForFinished(60000));
-        const QString error = QString::fromLocal8Bit(host.readAllStandardError()).trimmed();
-        QVERIFY2(host.exitCode() != 0 && error.contains(refusal.says) && !error.contains('\n'),
+        const HostRun host = runHost(QStringList{"--config", catalog.configDir(), "reformat", "--series", source, "--out", pictures}
+                                     + refusal.args);
+        const QString error = host.err.trimmed();
+        QVERIFY2(host.exitCode > 0 && error.contains(refusal.says) && !error.contains('\n'),
                  qPrintable(refusal.args.join(' ') + ": " + error));
     }
 }

@@ -1,4 +1,5 @@
 #include "dicompeers.h"
+#include "programs.h"
 
 #include "qdcmfiles.h"
 #include "qdcmrecvfile.h"
@@ -183,15 +184,10 @@ bool Dcmrecv::start(const QString& dir, const QString& config, const QString& pr
     return false;
 }
 
-QString HostProcess::program()
-{
-    return QCoreApplication::applicationDirPath() + "/kestrel";
-}
-
 HostProcess::HostProcess(const QStringList& args)
 {
     process.setProcessEnvironment(peerEnvironment());
-    process.start(program(), args);
+    process.start(hostProgram(), args);
     process.waitForStarted(10000);
 }
 

@@ -75,7 +75,6 @@ struct HostProcess {
     int stop();
     QProcess process;
     QString out;
-    static QString program();
 };
 
 // Every file below DIR, sub-folders and hidden files included, sorted by path.

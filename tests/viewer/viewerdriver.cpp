@@ -1,12 +1,12 @@
 #include "viewerdriver.h"
 
 #include "planeview.h"
+#include "programs.h"
 
 #include <ndicomimage.h>
 
 #include <QApplication>
 #include <QMouseEvent>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 #include <QWheelEvent>
@@ -18,13 +18,9 @@ namespace viewerdriver {
 
 QString runKestrel(const QStringList& args, const QString& workDir, int* code)
 {
-    QProcess host;
-    host.setWorkingDirectory(workDir);
-    host.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    host.start(QCoreApplication::applicationDirPath() + "/kestrel", args);
-    const bool ended = host.waitForFinished(120000);
-    *code = ended && host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
-    return QString::fromUtf8(host.readAllStandardOutput());
+    const HostRun run = runHost(args, workDir);
+    *code = run.exitCode;
+    return run.out;
 }
 
 QPoint pixelCentre(PlaneView* view, int column, int row)

@@ -2,8 +2,8 @@
 // is called, the 4-D volume of the frames with every frame's real values, incomplete frames left
 // out and said, the cache, the NIfTI files, and the host's volumes against dcm2niix's.
 #include "fileimage.h"
-#include "kestrelpaths.h"
 #include "ndicomvolume.h"
+#include "programs.h"
 #include "qinstance.h"
 #include "qseries.h"
 #include "seriesfromfiles.h"
@@ -17,10 +17,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QSettings>
 #include <QSignalSpy>
 #include <QSqlDatabase>
-#include <QStandardPaths>
 #include <QtTest>
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -469,15 +467,13 @@ void TestFrames::hostAgainstDcm2niix_data()
 void TestFrames::hostAgainstDcm2niix()
 {
     QFETCH(QString, backend);
-    const QString program = Kestrel::applicationDir() + "/kestrel";
     const QString data = sharedDataPath();
     const QString script = qEnvironmentVariable("KESTREL_SOURCE_DIR") + "/tests/volume/compare_nifti.py";
-    if (!QFileInfo::exists(program))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     if (data.isEmpty())
         QSKIP("the shared DICOM data is not present");
-    if (QStandardPaths::findExecutable("dcm2niix").isEmpty())
-        QSKIP("dcm2niix is not installed (scripts/setup.sh installs it)");
+    if (const QString skip = dcm2niixSkip(); !skip.isEmpty())
+        QSKIP(qPrintable(skip));
     QProcess probe;
     probe.start("/usr/bin/python3", {"-c", "import numpy"});
     if (!probe.waitForFinished(30000) || probe.exitCode() != 0)
@@ -485,16 +481,12 @@ void TestFrames::hostAgainstDcm2niix()
     if (QSqlDatabase::contains(QSqlDatabase::defaultConnection))
         QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
     KESTREL_OPEN_CATALOG(catalog, backend);
-    QDir().mkpath(catalog.path("work"));
-    QSettings(catalog.configDir() + "/cache.ini", QSettings::IniFormat).setValue("registration/cachepath", catalog.path("cache"));
-    QProcess host;
-    host.setProcessChannelMode(QProcess::MergedChannels);
-    host.setWorkingDirectory(catalog.path("work"));
+    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
     auto run = [&](const QStringList& args) {
-        host.start(program, QStringList{"--config", catalog.configDir()} + args);
-        return host.waitForFinished(120000) ? host.exitCode() : -1;
+        return runHost(QStringList{"--config", catalog.configDir()} + args, catalog.path("work"));
     };
-    QVERIFY2(run({"import", data}) == 0, host.readAll().constData());
+    HostRun host = run({"import", data});
+    QVERIFY2(host.exitCode == 0, qPrintable(host.said()));
 
     QStringList built;
     for (const QString& pk : TestCatalog::values("SELECT pk FROM generalseries ORDER BY pk")) {
@@ -508,19 +500,17 @@ void TestFrames::hostAgainstDcm2niix()
         for (QInstance* instance : series.getInstances())
             QFile::link(instance->getFilePath(), source + "/" + QString::number(instance->getInstancePK()));
         const QString peer = catalog.path("dcm2niix/" + pk);
-        QDir().mkpath(peer);
-        QProcess convert;
-        convert.start("dcm2niix", {"-b", "n", "-z", "n", "-p", "n", "-f", "v", "-o", peer, source});
-        QVERIFY2(convert.waitForFinished(120000) && convert.exitCode() == 0, qPrintable(source));
+        const QString failure = dcm2niix(source, peer);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         const QString folder = QFileInfo(series.getInstances().first()->getFilePath()).dir().dirName();
         for (int g = 0; g < frames.groups.size(); ++g) {
             const QString nifti = catalog.path(QString("nifti/%1_%2.nii%3").arg(pk).arg(g).arg(g % 2 ? ".gz" : ""));
             QStringList args{"volume", "--series", pk, "--nifti", nifti};
             if (g != frames.largestGroup())
                 args << "--group" << QString::number(g);
-            const int status = run(args);
-            const QString said = QString::fromLocal8Bit(host.readAll());
-            QVERIFY2(status == 0, qPrintable(folder + ": " + said));
+            host = run(args);
+            const QString said = host.said();
+            QVERIFY2(host.exitCode == 0, qPrintable(folder + ": " + said));
             const QStringList labels = jsonLabels(nifti);
             if (!frames.groups[g].gaps.isEmpty()) {
                 // Unevenly spaced slices are on no grid of either tool: said, not compared.
@@ -556,30 +546,25 @@ void TestFrames::hostIncompleteFrame_data()
 void TestFrames::hostIncompleteFrame()
 {
     QFETCH(QString, backend);
-    const QString program = Kestrel::applicationDir() + "/kestrel";
-    if (!QFileInfo::exists(program))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     if (QSqlDatabase::contains(QSqlDatabase::defaultConnection))
         QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
     KESTREL_OPEN_CATALOG(catalog, backend);
     const SyntheticCase c = {"echoes", {{M, {{echo, "1"}, {te, "5"}}}, {M, {{echo, "2"}, {te, "10"}}}, {M, {{echo, "3"}, {te, "15"}}}},
                              RestartingPerFrame, false, false, "", false};
     const QStringList files = writeFrameSeries(catalog.path("source"), c);
-    QProcess host;
-    host.setProcessChannelMode(QProcess::MergedChannels);
-    host.setWorkingDirectory(catalog.path("work"));
-    QDir().mkpath(catalog.path("work"));
-    QSettings(catalog.configDir() + "/cache.ini", QSettings::IniFormat).setValue("registration/cachepath", catalog.path("cache"));
+    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
     auto run = [&](const QStringList& args) {
-        host.start(program, QStringList{"--config", catalog.configDir()} + args);
-        return host.waitForFinished(60000) ? host.exitCode() : -1;
+        return runHost(QStringList{"--config", catalog.configDir()} + args, catalog.path("work"));
     };
-    QVERIFY2(run({"import", catalog.path("source")}) == 0, host.readAll().constData());
+    HostRun host = run({"import", catalog.path("source")});
+    QVERIFY2(host.exitCode == 0, qPrintable(host.said()));
     const QString pk = TestCatalog::value("SELECT pk FROM generalseries");
     QVERIFY(QFile::remove(QDir(catalog.path("source")).filePath("f1_s3.dcm")));
 
-    QCOMPARE(run({"volume", "--series", pk, "--frames"}), 0);
-    const QString listed = QString::fromLocal8Bit(host.readAll());
+    host = run({"volume", "--series", pk, "--frames"});
+    QCOMPARE(host.exitCode, 0);
+    const QString listed = host.said();
     for (const QString& line : {QString("series %1 holds several images per slice position: 3 frames of 5 slices").arg(pk),
                                 QString("  frame 0: echo 1 TE 5 ms, 5 images"),
                                 QString("  frame 1: echo 2 TE 10 ms, 4 images, incomplete: no image at slice 3"),
@@ -587,13 +572,15 @@ void TestFrames::hostIncompleteFrame()
         QVERIFY2(listed.contains(line + "\n"), qPrintable(listed));
     QVERIFY2(!QDir(catalog.path("cache")).exists() || QDir(catalog.path("cache")).isEmpty(), "--frames builds nothing");
 
-    QCOMPARE(run({"volume", "--series", pk, "--out", catalog.path("planes"), "--frame", "2"}), 0);
-    const QString said = QString::fromLocal8Bit(host.readAll());
+    host = run({"volume", "--series", pk, "--out", catalog.path("planes"), "--frame", "2"});
+    QCOMPARE(host.exitCode, 0);
+    const QString said = host.said();
     QVERIFY2(said.contains("  frame 1 (echo 2 TE 10 ms) has no image at slice 3 of 5: left out\n"), qPrintable(said));
     QVERIFY2(said.contains("timeNum:2;"), qPrintable(said));
     QVERIFY(QFileInfo::exists(catalog.path("planes/axial.png")));
-    QCOMPARE(run({"volume", "--series", pk, "--out", catalog.path("planes"), "--frame", "1"}), 1);
-    QVERIFY(QString::fromLocal8Bit(host.readAll()).contains("frame 1 is not in the volume"));
+    host = run({"volume", "--series", pk, "--out", catalog.path("planes"), "--frame", "1"});
+    QCOMPARE(host.exitCode, 1);
+    QVERIFY(host.err.contains("frame 1 is not in the volume"));
 }
 
 QTEST_GUILESS_MAIN(TestFrames)

@@ -4,8 +4,8 @@
 // has them, synthetic oblique ones (non-square pixels, signed values, odd numbering) otherwise.
 #include "dicom/dcmvalues_p.h"
 #include "fileimage.h"
-#include "kestrelpaths.h"
 #include "ndicomimage.h"
+#include "programs.h"
 #include "ndicomvolume.h"
 #include "qinstance.h"
 #include "qseries.h"
@@ -14,9 +14,7 @@
 #include "testcatalog.h"
 
 #include <QProcess>
-#include <QSettings>
 #include <QSqlDatabase>
-#include <QStandardPaths>
 #include <QtTest>
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -204,10 +202,8 @@ void checkExports(NDicomVolume& v, const QString& templateFile)
 QString compareWithDcm2niix(const QString& folder, const QStringList& files, QString& skip)
 {
     const QString script = qEnvironmentVariable("KESTREL_SOURCE_DIR") + "/tests/volume/compare_dcm2niix.py";
-    if (QStandardPaths::findExecutable("dcm2niix").isEmpty()) {
-        skip = "dcm2niix is not installed (scripts/setup.sh installs it)";
+    if (!(skip = dcm2niixSkip()).isEmpty())
         return {};
-    }
     QProcess probe;
     probe.start("/usr/bin/python3", {"-c", "import numpy, pydicom"});
     if (!QFileInfo::exists(script) || !probe.waitForFinished(30000) || probe.exitCode() != 0) {
@@ -215,11 +211,8 @@ QString compareWithDcm2niix(const QString& folder, const QStringList& files, QSt
         return {};
     }
     QTemporaryDir out;
-    QProcess convert;
-    // -p n: the display values of Rescale Slope and Intercept, not Philips' private scaling.
-    convert.start("dcm2niix", {"-b", "n", "-z", "n", "-p", "n", "-f", "v", "-o", out.path(), folder});
-    if (!convert.waitForFinished(120000) || convert.exitCode() != 0)
-        return "dcm2niix failed: " + QString::fromLocal8Bit(convert.readAll());
+    if (const QString failure = dcm2niix(folder, out.path()); !failure.isEmpty())
+        return failure;
     QProcess compare;
     compare.setProcessChannelMode(QProcess::MergedChannels);
     compare.start("/usr/bin/python3", QStringList{script, out.path()} + files);
@@ -319,8 +312,7 @@ void TestPlanes::realSeries_data()
 {
     QTest::addColumn<QString>("folder");
     QTest::addColumn<QString>("pattern");
-    // One dynamic of the oblique fMRI, and all three (the volume is the first).
-    QTest::newRow("philips_fmri_oblique, first dynamic") << "philips_fmri_oblique" << "*_0001_*.dcm";
+    // All three dynamics of the oblique fMRI: the volume is the first.
     QTest::newRow("philips_fmri_oblique, three dynamics") << "philips_fmri_oblique" << "*.dcm";
     QTest::newRow("siemens_t1_sag") << "siemens_t1_sag" << "*";
     QTest::newRow("ct_ge_3slice") << "ct_ge_3slice" << "*.dcm";
@@ -395,26 +387,19 @@ void TestPlanes::hostExports_data()
 void TestPlanes::hostExports()
 {
     QFETCH(QString, backend);
-    const QString program = Kestrel::applicationDir() + "/kestrel";
-    if (!QFileInfo::exists(program))
-        QSKIP("the kestrel host is not built");
+    KESTREL_REQUIRE_HOST();
     if (QSqlDatabase::contains(QSqlDatabase::defaultConnection)) // the empty one of initTestCase
         QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
     KESTREL_OPEN_CATALOG(catalog, backend);
     const double d = M_PI / 180;
     const QStringList files = writeObliqueSeries(catalog.path("source"), obliqueCosines({0, 1, 0}, {0, 0, -1}, 14 * d, -22 * d, 9 * d), false, true);
-    QProcess host;
-    host.setProcessChannelMode(QProcess::MergedChannels);
-    host.start(program, {"--config", catalog.configDir(), "import", catalog.path("source")});
-    QVERIFY(host.waitForFinished(60000));
-    QVERIFY2(host.exitCode() == 0, host.readAll().constData());
+    HostRun host = runHost({"--config", catalog.configDir(), "import", catalog.path("source")});
+    QVERIFY2(host.exitCode == 0, qPrintable(host.said()));
     const QString seriesPk = TestCatalog::value("SELECT pk FROM generalseries");
-    QDir().mkpath(catalog.path("work"));
-    QSettings(catalog.configDir() + "/cache.ini", QSettings::IniFormat).setValue("registration/cachepath", catalog.path("cache"));
-    host.setWorkingDirectory(catalog.path("work"));
-    host.start(program, {"--config", catalog.configDir(), "volume", "--series", seriesPk, "--out", catalog.path("planes"), "--dicom"});
-    QVERIFY(host.waitForFinished(60000));
-    QVERIFY2(host.exitCode() == 0, host.readAll().constData());
+    QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
+    host = runHost({"--config", catalog.configDir(), "volume", "--series", seriesPk, "--out", catalog.path("planes"), "--dicom"},
+                   catalog.path("work"));
+    QVERIFY2(host.exitCode == 0, qPrintable(host.said()));
 
     QStringList planes, series, images, numbers;
     for (const char* name : {"axial.dcm", "coronal.dcm", "sagittal.dcm"}) {

@@ -5,7 +5,8 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
-#include "kestrelpaths.h"
+#include "programs.h"
+
 #include "ndicomvolume.h"
 #include "qinstance.h"
 #include "qseries.h"
@@ -31,11 +32,6 @@ namespace {
 
 const int kRounds = 5;
 const int kProcesses = 4;
-
-QString program()
-{
-    return Kestrel::applicationDir() + "/kestrel";
-}
 
 QString text(DcmItem* item, const DcmTagKey& key)
 {
@@ -133,8 +129,7 @@ private:
 private slots:
     void initTestCase()
     {
-        if (!QFileInfo::exists(program()))
-            QSKIP("the kestrel host is not built");
+        KESTREL_REQUIRE_HOST();
         // Four sources. Synthetic series are split across neighbouring sources, so that processes
         // race for the same patient, study and series rows; two people share one patient ID.
         for (int s = 0; s < 4; ++s)
@@ -208,7 +203,7 @@ private slots:
             for (int s = 0; s < 3; ++s)
                 args << m_sources[(p + s + round) % 4];
             hosts[size_t(p)].label = QString("import %1").arg(p);
-            hosts[size_t(p)].process->start(program(), args);
+            hosts[size_t(p)].process->start(hostProgram(), args);
         }
         QString failure;
         QVERIFY2(finishAll(hosts, 300000, &failure), qPrintable(failure));
@@ -234,7 +229,7 @@ private slots:
             ports << freePort();
             listeners[size_t(i)].label = QString("listen %1").arg(i);
             listeners[size_t(i)].process->setProcessEnvironment(peerEnvironment());
-            listeners[size_t(i)].process->start(program(), {"--config", catalog.configDir(), "listen", "--port",
+            listeners[size_t(i)].process->start(hostProgram(), {"--config", catalog.configDir(), "listen", "--port",
                                                            QString::number(ports.last()), "--out", catalog.path("received"),
                                                            "--import", "--seconds", "25"});
         }
@@ -276,7 +271,7 @@ private slots:
         QFETCH(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         QProcess importer;
-        importer.start(program(), {"--config", catalog.configDir(), "import", m_sources[0] + "/p0s0h0"});
+        importer.start(hostProgram(), {"--config", catalog.configDir(), "import", m_sources[0] + "/p0s0h0"});
         QVERIFY(importer.waitForFinished(60000));
         QCOMPARE(importer.exitCode(), 0);
         const QString seriesPk = TestCatalog::value("SELECT pk FROM generalseries");
@@ -288,7 +283,7 @@ private slots:
         for (int i = 0; i < 2; ++i) {
             builders[size_t(i)].label = QString("volume %1").arg(i);
             builders[size_t(i)].process->setWorkingDirectory(catalog.path("work"));
-            builders[size_t(i)].process->start(program(), {"--config", catalog.configDir(), "volume", "--series", seriesPk,
+            builders[size_t(i)].process->start(hostProgram(), {"--config", catalog.configDir(), "volume", "--series", seriesPk,
                                                           "--out", catalog.path(QString("planes%1").arg(i))});
         }
         QString failure;
@@ -305,7 +300,7 @@ private slots:
         // A third run reads the cache that the two left behind.
         QProcess reader;
         reader.setWorkingDirectory(catalog.path("work"));
-        reader.start(program(), {"--config", catalog.configDir(), "volume", "--series", seriesPk, "--out", catalog.path("planes2")});
+        reader.start(hostProgram(), {"--config", catalog.configDir(), "volume", "--series", seriesPk, "--out", catalog.path("planes2")});
         QVERIFY(reader.waitForFinished(60000));
         QCOMPARE(reader.exitCode(), 0);
         QCOMPARE(TestCatalog::count("registration"), 1);
@@ -321,10 +316,7 @@ private slots:
         QFETCH(QString, backend);
         KESTREL_OPEN_CATALOG(catalog, backend);
         QVERIFY(catalog.setVolumeCache(catalog.path("cache")));
-        QProcess importer;
-        importer.start(program(), {"--config", catalog.configDir(), "import", m_sources[0] + "/p0s0h0"});
-        QVERIFY(importer.waitForFinished(60000));
-        QCOMPARE(importer.exitCode(), 0);
+        QCOMPARE(runHost({"--config", catalog.configDir(), "import", m_sources[0] + "/p0s0h0"}).exitCode, 0);
         const qint64 pk = TestCatalog::value("SELECT pk FROM generalseries").toLongLong();
         auto build = [pk]() -> QByteArray {
             QSeries series(pk);

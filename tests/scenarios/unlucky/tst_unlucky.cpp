@@ -3,9 +3,9 @@
 // answers, images the picture commands cannot show. Each ends with rows where they belong and a
 // message that names the cause.
 #include "syntheticdicom.h"
+#include "programs.h"
 #include "testcatalog.h"
 
-#include "kestrelpaths.h"
 #include "veldatabaseconnection.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -13,7 +13,6 @@
 #include <dcmtk/dcmdata/dcfilefo.h>
 
 #include <QElapsedTimer>
-#include <QProcess>
 #include <QtTest>
 
 #include <arpa/inet.h>
@@ -22,26 +21,6 @@
 #include <unistd.h>
 
 namespace {
-
-struct Run {
-    int exitCode = -1;
-    QString out, err;
-};
-
-Run kestrel(const QStringList& args, const QString& workingDir = QString())
-{
-    QProcess process;
-    if (!workingDir.isEmpty())
-        process.setWorkingDirectory(workingDir);
-    process.start(Kestrel::applicationDir() + "/kestrel", args);
-    Run run;
-    if (!process.waitForFinished(120000))
-        return run;
-    run.exitCode = process.exitCode();
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
-}
 
 // Rewrites FILE with TAG removed, or set to VALUE when one is given.
 bool editFile(const QString& file, const DcmTagKey& tag, const char* value = nullptr)
@@ -73,8 +52,7 @@ class TestUnlucky : public QObject
 private slots:
     void initTestCase()
     {
-        if (!QFileInfo::exists(Kestrel::applicationDir() + "/kestrel"))
-            QSKIP("the kestrel host is not built");
+        KESTREL_REQUIRE_HOST();
     }
 
     // Files without a study or instance UID (absent or empty) are named and leave no rows; they
@@ -91,7 +69,7 @@ private slots:
         QVERIFY(editFile(broken[1], DCM_StudyInstanceUID, ""));
         QVERIFY(editFile(broken[2], DCM_SOPInstanceUID));
         for (int round = 0; round < 2; ++round) {
-            const Run run = kestrel({"--config", catalog.configDir(), "import", catalog.path("broken")});
+            const HostRun run = runHost({"--config", catalog.configDir(), "import", catalog.path("broken")});
             QCOMPARE(run.exitCode, 0);
             QVERIFY2(run.out.contains("files unreadable:  3") && run.out.contains(broken[0] + ": no StudyInstanceUID") &&
                          run.out.contains(broken[1] + ": no StudyInstanceUID") &&
@@ -103,7 +81,7 @@ private slots:
         a.patientId = "A";
         writeSyntheticSeries(catalog.path("good"), a, 2);
         for (const char* folder : {"good", "broken", "good"})
-            QCOMPARE(kestrel({"--config", catalog.configDir(), "import", catalog.path(folder)}).exitCode, 0);
+            QCOMPARE(runHost({"--config", catalog.configDir(), "import", catalog.path(folder)}).exitCode, 0);
         QCOMPARE(counts(), QString("1 1 1 2"));
         QCOMPARE(TestCatalog::values("SELECT DISTINCT PatientID FROM patient"), QStringList{"A"});
     }
@@ -118,13 +96,13 @@ private slots:
         SyntheticImage image;
         image.rows = image.columns = 16;
         writeSyntheticSeries(catalog.path("work/series"), image, 4);
-        QCOMPARE(kestrel({"--config", catalog.configDir(), "import", "series"}, catalog.path("work")).exitCode, 0);
+        QCOMPARE(runHost({"--config", catalog.configDir(), "import", "series"}, catalog.path("work")).exitCode, 0);
         const QString real = QFileInfo(catalog.path("work/series")).canonicalFilePath();
         for (const QString& path : TestCatalog::values("SELECT FilePath FROM imageformat"))
             QVERIFY2(path.startsWith(real + "/"), qPrintable(path));
 
         QVERIFY(QDir().rename(catalog.path("work/series"), catalog.path("work/moved")));
-        QCOMPARE(kestrel({"--config", catalog.configDir(), "import", "./moved/"}, catalog.path("work")).exitCode, 0);
+        QCOMPARE(runHost({"--config", catalog.configDir(), "import", "./moved/"}, catalog.path("work")).exitCode, 0);
         QCOMPARE(counts(), QString("1 1 1 4"));
         const QString moved = QFileInfo(catalog.path("work/moved")).canonicalFilePath();
         for (const QString& path : TestCatalog::values("SELECT FilePath FROM imageformat"))
@@ -132,7 +110,7 @@ private slots:
 
         QDir().mkpath(catalog.path("elsewhere"));
         const QString series = TestCatalog::value("SELECT pk FROM generalseries");
-        const Run volume = kestrel({"--config", catalog.configDir(), "volume", "--series", series, "--out", "planes"},
+        const HostRun volume = runHost({"--config", catalog.configDir(), "volume", "--series", series, "--out", "planes"},
                                    catalog.path("elsewhere"));
         QVERIFY2(volume.exitCode == 0 && QFileInfo::exists(catalog.path("elsewhere/planes/axial.png")), qPrintable(volume.err));
     }
@@ -146,14 +124,14 @@ private slots:
         SyntheticImage image;
         image.rows = image.columns = 16;
         const QStringList files = writeSyntheticSeries(catalog.path("series"), image, 10);
-        QCOMPARE(kestrel({"--config", catalog.configDir(), "import", catalog.path("series")}).exitCode, 0);
+        QCOMPARE(runHost({"--config", catalog.configDir(), "import", catalog.path("series")}).exitCode, 0);
         QVERIFY(QFile::remove(files[4]) && QFile::remove(files[5]));
         QFile broken(files[8]);
         QVERIFY(broken.open(QIODevice::WriteOnly | QIODevice::Truncate));
         broken.write("gone bad");
         broken.close();
         const QString series = TestCatalog::value("SELECT pk FROM generalseries");
-        const Run run = kestrel({"--config", catalog.configDir(), "volume", "--series", series, "--out", catalog.path("planes")},
+        const HostRun run = runHost({"--config", catalog.configDir(), "volume", "--series", series, "--out", catalog.path("planes")},
                                 catalog.path("."));
         QVERIFY2(run.exitCode == 0, qPrintable(run.err));
         QVERIFY2(run.out.contains("gap: slice 4 lies ") && run.out.contains("left out: " + files[4] + ": cannot be read") &&
@@ -182,7 +160,7 @@ private slots:
         qputenv("MYSQL_TCP_PORT", QByteArray::number(ntohs(address.sin_port)));
         QElapsedTimer clock;
         clock.start();
-        const Run run = kestrel({"--config", catalog.configDir(), "tree"});
+        const HostRun run = runHost({"--config", catalog.configDir(), "tree"});
         qunsetenv("MYSQL_TCP_PORT");
         ::close(silent);
         QVERIFY2(clock.elapsed() < 30000, qPrintable(QString::number(clock.elapsed())));
@@ -220,13 +198,13 @@ private slots:
                 continue;
             for (const QStringList& args : {QStringList{"image", file, "--png", dir.filePath("out.png")},
                                             QStringList{"roi", file, "rect", "0", "0", "2", "2"}}) {
-                const Run run = kestrel(args);
+                const HostRun run = runHost(args);
                 QVERIFY2(run.exitCode != 0 && run.err.contains(c.cause), qPrintable(args.join(" ") + ": " + run.err));
             }
         }
         // Grey 8-bit images are shown.
-        QCOMPARE(kestrel({"image", dir.filePath("eight.dcm"), "--png", dir.filePath("eight.png")}).exitCode, 0);
-        const Run inf = kestrel({"roi", dir.filePath("eight.dcm"), "rect", "10", "10", "inf", "inf"});
+        QCOMPARE(runHost({"image", dir.filePath("eight.dcm"), "--png", dir.filePath("eight.png")}).exitCode, 0);
+        const HostRun inf = runHost({"roi", dir.filePath("eight.dcm"), "rect", "10", "10", "inf", "inf"});
         QVERIFY2(inf.exitCode != 0 && inf.err.contains("not a finite number: inf"), qPrintable(inf.err));
     }
 };
