@@ -22,7 +22,7 @@ from scipy.ndimage import map_coordinates
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "volume"))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from compare_dcm2niix import read_nifti  # noqa: E402
-from trilinear_oracle import rounding  # noqa: E402
+from trilinear_oracle import load_voxels, rounding, voxel_indices  # noqa: E402
 
 
 def one_nifti(folder):
@@ -38,7 +38,7 @@ def main():
     ref_affine, ref_values = one_nifti(sys.argv[3])
     tolerance = float(sys.argv[4]) if len(sys.argv) > 4 else 3.0
     n = setup["size"]
-    voxels = np.fromfile(setup["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
+    voxels = load_voxels(setup)
     slope, intercept = setup["slope"], setup["intercept"]
     tolerance += rounding(voxels)
     same_shape = new_values.shape == ref_values.shape
@@ -48,12 +48,7 @@ def main():
     grid = np.stack(np.meshgrid(*[np.arange(s) for s in shape], indexing="ij"), axis=-1).reshape(-1, 3)
     ras = (new_affine[:3, :3] @ grid.T).T + new_affine[:3, 3]
     lps = ras * np.array([-1.0, -1.0, 1.0])
-    o = np.array(setup["orientation"], dtype=np.float64).reshape(3, 3)
-    m = np.eye(4)
-    m[:3, :3] = (o * np.array(setup["spacing"])[:, None]).T
-    m[:3, 3] = setup["origin"]
-    inverse = np.linalg.inv(m)
-    ijk = (inverse[:3, :3] @ lps.T).T + inverse[:3, 3]
+    ijk = voxel_indices(setup, lps)
     upper = np.array(n, dtype=np.float64) - 1
     inside = np.all((ijk >= -1e-3) & (ijk <= upper + 1e-3), axis=1)
     outside = np.any((ijk < -2e-3) | (ijk > upper + 2e-3), axis=1)

@@ -22,6 +22,22 @@ import numpy as np
 from scipy.ndimage import map_coordinates
 
 
+def load_voxels(setup):
+    """The raw voxels named by VOLUME.json, indexed [k, j, i]."""
+    n = setup["size"]
+    return np.fromfile(setup["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
+
+
+def voxel_indices(setup, points):
+    """Patient points (x, y, z rows) as voxel indices (i, j, k rows), by the inverse of the volume's matrix."""
+    o = np.array(setup["orientation"], dtype=np.float64).reshape(3, 3)  # rows: i, j, k directions
+    m = np.eye(4)
+    m[:3, :3] = (o * np.array(setup["spacing"], dtype=np.float64)[:, None]).T
+    m[:3, 3] = setup["origin"]
+    inverse = np.linalg.inv(m)
+    return (inverse[:3, :3] @ points.T).T + inverse[:3, 3]
+
+
 def rounding(voxels):
     """What rounding a position by half of 1/512 of a voxel along each axis can change a value by."""
     v = voxels.astype(np.int64)
@@ -36,14 +52,8 @@ def main():
     layers = int(sys.argv[5]) if len(sys.argv) > 5 else 1
     rule = sys.argv[6] if len(sys.argv) > 6 else "max"
     n = setup["size"]
-    voxels = np.fromfile(setup["file"], dtype=np.int16, count=n[0] * n[1] * n[2]).reshape(n[2], n[1], n[0])
-    o = np.array(setup["orientation"], dtype=np.float64).reshape(3, 3)  # rows: i, j, k directions
-    s = np.array(setup["spacing"], dtype=np.float64)
-    m = np.eye(4)
-    m[:3, :3] = (o * s[:, None]).T
-    m[:3, 3] = setup["origin"]
-    inverse = np.linalg.inv(m)
-    ijk = (inverse[:3, :3] @ points.T).T + inverse[:3, 3]
+    voxels = load_voxels(setup)
+    ijk = voxel_indices(setup, points)
     # The library counts a point as inside within a millionth of a voxel of the box; points in the
     # band around that are left out of the comparison.
     upper = np.array(n, dtype=np.float64) - 1
