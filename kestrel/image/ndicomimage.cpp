@@ -5,6 +5,7 @@
 #include "geometry/imagegeometry_p.h"
 #include "image/imageio_p.h"
 #include "image/regionscan_p.h"
+#include "platform/shareout_p.h"
 #include "simd/kernels_p.h"
 
 #include <dcmtk/config/osconfig.h>
@@ -315,7 +316,18 @@ bool NDicomImage::getGrayImage32(double width, double centre, unsigned int* out)
     const qint64 count = qint64(m_size[0]) * m_size[1];
     if (count <= 0 || !m_pixels || !out)
         return true;
-    lookupU16(out, reinterpret_cast<const quint16*>(m_pixels), m_table.get(), count);
+    // The lookup is bound by the processor's table fetches, not by memory: a large image is
+    // shared with the library's helper thread in chunks.
+    constexpr qint64 kChunk = 32768;
+    const qint64 chunks = (count + kChunk - 1) / kChunk;
+    const auto* pixels = reinterpret_cast<const quint16*>(m_pixels);
+    const quint32* table = m_table.get();
+    const auto part = [&](qint64 c) { lookupU16(out + c * kChunk, pixels + c * kChunk, table, qMin(kChunk, count - c * kChunk)); };
+    if (chunks >= 4)
+        shareOut(chunks, part);
+    else
+        for (qint64 c = 0; c < chunks; ++c)
+            part(c);
     return true;
 }
 

@@ -13,6 +13,7 @@
 
 #include <cmath>
 #include <memory>
+#include <thread>
 #include <vector>
 
 using namespace kestrel::internal;
@@ -105,18 +106,36 @@ void TestImage::windowing()
     QCOMPARE(out[4], quint32((1064.0 / 4000 * 255)) * 0x01010101u);
 
     // Every table entry against the formula, with a fractional slope, and width 0 acting as 2.
-    auto ramp = makeImage(256, 256, [](int x, int y) { return x + 256 * y; });
-    ramp->setSlopeAndIntercept(1.29, -7.5);
-    std::vector<unsigned int> grey(65536);
-    for (double width : {0.0, 1000.0, 33.3}) {
-        QVERIFY(ramp->getGrayImage32(width, 500, grey.data()));
+    // The image holds every value four times over, large enough to be windowed in chunks shared
+    // between threads; four callers at once each get their own image whole.
+    const auto expected = [](double width, int v) {
         const double w = width < 2 ? 2 : width;
-        for (int v = 0; v < 65536; v += 7) {
-            double g = (v * 1.29 - 7.5 - 500 + w / 2) / w * 255.0;
-            quint32 level = v >= 32767 ? 0 : quint32(std::clamp(int(g), 0, 255));
-            QCOMPARE(grey[size_t(v)], level * 0x01010101u);
-        }
-    }
+        const double g = (v * 1.29 - 7.5 - 500 + w / 2) / w * 255.0;
+        return (v >= 32767 ? 0 : quint32(std::clamp(int(g), 0, 255))) * 0x01010101u;
+    };
+    const std::vector<double> widths{0.0, 1000.0, 33.3, 77.0};
+    std::vector<int> wrong(widths.size(), 0);
+    std::vector<std::thread> callers;
+    for (size_t t = 0; t < widths.size(); ++t)
+        callers.emplace_back([&, t] {
+            auto ramp = makeImage(256, 1024, [](int x, int y) { return (x + 256 * y) & 0xFFFF; });
+            ramp->setSlopeAndIntercept(1.29, -7.5);
+            std::vector<unsigned int> grey(256 * 1024);
+            for (int round = 0; round < 10; ++round) {
+                const double width = widths[(t + size_t(round)) % widths.size()];
+                std::fill(grey.begin(), grey.end(), 0xDEADBEEFu);
+                if (!ramp->getGrayImage32(width, 500, grey.data()))
+                    ++wrong[t];
+                for (size_t i = 0; i < grey.size(); ++i)
+                    if (grey[i] != expected(width, int(i & 0xFFFF))) {
+                        ++wrong[t];
+                        break;
+                    }
+            }
+        });
+    for (std::thread& c : callers)
+        c.join();
+    QCOMPARE(wrong, std::vector<int>(widths.size(), 0));
 
     // Colour images are copied as they are; other pixel steps write nothing.
     NDicomImage colour(2, 1, 4);

@@ -480,7 +480,8 @@ void TestVolume::trilinearSample()
 
 void TestVolume::slabReductions()
 {
-    // Odd sizes exercise the vector tails; whole-volume slabs of the largest take the threaded path.
+    // Odd sizes exercise the vector tails; whole-volume slabs of the largest take the threaded path,
+    // its 20-plane sagittal slabs the path shared with the helper thread.
     for (const auto& size : {std::array<int, 3>{37, 29, 23}, std::array<int, 3>{128, 96, 48},
                              std::array<int, 3>{512, 256, 256}}) {
         const bool large = size[2] == 256;
@@ -495,7 +496,7 @@ void TestVolume::slabReductions()
                                                 {n / 2, 9}, {n / 2, 17}, {n / 2, 20}, {n - 2, 0}, {1, n}, {n / 2, 2 * n}};
             for (const auto& c : cases)
                 for (int render : {0, 1, 2}) {
-                    if (large && c[1] != 2 * n)
+                    if (large && c[1] != 2 * n && !(axis == 1 && c[1] == 20))
                         continue;
                     NDicomImage image;
                     QVERIFY(v.getDicomImagePlane(image, c[0], c[1], EMainAxis(axis), RenderType(render)));
