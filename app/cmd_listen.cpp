@@ -17,6 +17,8 @@
 
 #include <csignal>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 // Defined by the build when the importer is part of the library.
 #include "qdcmfiles.h"
@@ -115,11 +117,45 @@ int runListen(const QStringList& args)
         QCoreApplication::quit();
     };
     QObject::connect(provider, &QDcmStorageSCP::notifyListening, recv, announce);
-    QObject::connect(provider, &QDcmStorageSCP::notifyInstanceSaved, recv, &QDcmRecvFile::onNotifyInstanceSaved);
-    QObject::connect(provider, &QDcmStorageSCP::notifyInstanceSaved, recv,
-                     [&stdOut](const QString& file, const QString&, const QString& sop, const QString& series) {
-                         stdOut << "stored " << file << " " << sop << " " << series << Qt::endl;
-                     });
+    // Stored objects reach the main thread in batches: the worker queues them and wakes the main
+    // thread once, which takes what has come a few milliseconds later. Waking it for every
+    // object cost both threads more than the bookkeeping itself.
+    struct Stored {
+        QString file, sop, series;
+    };
+    std::mutex storedLock;
+    std::vector<Stored> stored;
+    bool drainPending = false;
+    auto drain = [&] {
+        std::vector<Stored> batch;
+        {
+            std::lock_guard<std::mutex> lock(storedLock);
+            batch.swap(stored);
+            drainPending = false;
+        }
+        for (const Stored& s : batch) {
+            recv->onNotifyInstanceSaved(s.file, QString(), s.sop, s.series);
+            stdOut << "stored " << s.file << " " << s.sop << " " << s.series << '\n';
+        }
+        stdOut.flush();
+    };
+    QTimer drainTimer;
+    drainTimer.setSingleShot(true);
+    drainTimer.setInterval(4);
+    QObject::connect(&drainTimer, &QTimer::timeout, recv, drain);
+    QObject::connect(
+        provider, &QDcmStorageSCP::notifyInstanceSaved, recv,
+        [&](const QString& file, const QString&, const QString& sop, const QString& series) {
+            {
+                std::lock_guard<std::mutex> lock(storedLock);
+                stored.push_back({file, sop, series});
+                if (drainPending)
+                    return;
+                drainPending = true;
+            }
+            QMetaObject::invokeMethod(&drainTimer, "start", Qt::QueuedConnection);
+        },
+        Qt::DirectConnection);
     QObject::connect(provider, &QDcmStorageSCP::notifyListenFinished, recv, finished);
     // The worker may have got that far before the connections were made.
     if (provider->isAccepting())
@@ -144,6 +180,7 @@ int runListen(const QStringList& args)
     // Objects announced just before the stop are still queued; record their series now rather
     // than lose them with the pending timer.
     QCoreApplication::processEvents();
+    drain();
     if (recv->isToDataBase())
         recv->onTimerSlot();
     stdOut << "stopped" << Qt::endl;
