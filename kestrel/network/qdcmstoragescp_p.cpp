@@ -388,7 +388,9 @@ Uint16 QDcmStorageSCPPrivate::placeReceived(const T_DIMSE_C_StoreRQ& request, co
     for (int attempt = 1;; ++attempt) {
         // The received file stays until it is in place.
         const kestrel::internal::Placement result = kestrel::internal::placeFile(part, placed, true);
-        if (result == kestrel::internal::Placement::Placed || result == kestrel::internal::Placement::AlreadyThere)
+        if (result == kestrel::internal::Placement::Placed)
+            return STATUS_Success;
+        if (result == kestrel::internal::Placement::AlreadyThere)
             break;
         if (result == kestrel::internal::Placement::Failed && attempt == 1 && !QDir(folder).exists()) {
             // The folder went away since the last object: made again.

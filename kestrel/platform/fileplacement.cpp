@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace kestrel::internal {
@@ -33,23 +34,28 @@ QString partName(const QString& target)
 Placement placeFile(const QString& part, const QString& target, bool keepPart)
 {
     const QByteArray from = QFile::encodeName(part), to = QFile::encodeName(target);
-    // link() succeeds only where nothing is: whoever comes first stays.
-    const bool linked = ::link(from.constData(), to.constData()) == 0;
-    const int error = errno;
-    if (!linked && error != EEXIST && !QFileInfo::exists(target)) {
-        // A file system without hard links: moved (or copied, when the part is to stay) into place
-        // where nothing was a moment ago.
-        if (keepPart)
-            return QFile::copy(part, target) ? Placement::Placed : Placement::Failed;
+    // A rename that refuses to replace: one step where nothing is, and whoever comes first stays.
+    // File systems without it answer EINVAL (or the kernel ENOSYS): link() does the same in two.
+    if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
+        return Placement::Placed;
+    int error = errno;
+    if (error != EEXIST) {
+        if (::link(from.constData(), to.constData()) == 0) {
+            QFile::remove(part);
+            return Placement::Placed;
+        }
+        error = errno;
+    }
+    if (error != EEXIST && !QFileInfo::exists(target)) {
+        // A file system with neither: moved into place where nothing was a moment ago.
         const bool moved = std::rename(from.constData(), to.constData()) == 0;
-        QFile::remove(part);
+        if (!moved && !keepPart)
+            QFile::remove(part);
         return moved ? Placement::Placed : Placement::Failed;
     }
-    Placement result = Placement::Placed;
-    if (!linked)
-        result = QFileInfo(target).isFile() && sameContent(part, target) ? Placement::AlreadyThere
-                 : QFileInfo::exists(target)                             ? Placement::OtherContent
-                                                                         : Placement::Failed;
+    const Placement result = QFileInfo(target).isFile() && sameContent(part, target) ? Placement::AlreadyThere
+                             : QFileInfo::exists(target)                             ? Placement::OtherContent
+                                                                                     : Placement::Failed;
     if (!keepPart)
         QFile::remove(part);
     return result;

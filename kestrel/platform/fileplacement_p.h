@@ -23,7 +23,8 @@ enum class Placement {
 
 // Puts the finished file PART in place as TARGET where nothing is. Two processes placing the same
 // file end with one whole file; a different file at TARGET is never replaced. PART is gone
-// afterwards unless KEEPPART (then it stays whatever happened, for another name to be tried).
+// afterwards when placed, and otherwise unless KEEPPART (then it stays for another name to be
+// tried).
 KESTREL_TEST_EXPORT Placement placeFile(const QString& part, const QString& target, bool keepPart = false);
 
 } // namespace kestrel::internal
