@@ -10,15 +10,6 @@ namespace kestrel::internal {
 
 namespace {
 
-inline void relax()
-{
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#else
-    std::this_thread::yield();
-#endif
-}
-
 class Helper
 {
 public:
@@ -80,12 +71,14 @@ private:
     {
         unsigned seen = 0;
         for (;;) {
-            // Awake for a moment after work, then asleep until the next.
+            // Awake for a moment after work, then asleep until the next. The wait yields: where
+            // the helper shares a core with its caller (some machines place a woken thread so),
+            // the caller must not wait behind it.
             const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(500);
             int turns = 0;
             while (m_generation.load(std::memory_order_acquire) == seen) {
-                relax();
-                if (++turns % 256 == 0 && std::chrono::steady_clock::now() > until) {
+                std::this_thread::yield();
+                if (++turns % 16 == 0 && std::chrono::steady_clock::now() > until) {
                     std::unique_lock<std::mutex> lock(m_lock);
                     m_wake.wait(lock, [&] { return m_generation.load(std::memory_order_relaxed) != seen; });
                     break;
