@@ -1,6 +1,7 @@
 #include "volume/reslice_p.h"
 
 #include "nvolume.h"
+#include "platform/shareout_p.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,7 +14,9 @@ using geometry::Vec3;
 namespace {
 
 // Below this many samples (a 512 x 512 plane) a call stays on one thread: a smaller image takes
-// a fraction of a millisecond, less than a thread team costs when other processes hold the cores.
+// a fraction of a millisecond, less than handing work to another thread costs when other
+// processes hold the cores. Planes and curves are shared with the library's helper thread, slabs
+// and projections (tens of milliseconds) with OpenMP's team.
 constexpr qint64 kParallelSamples = qint64(1) << 18;
 
 Vec3 along(const Vec3& origin, const Vec3& step, double n)
@@ -133,36 +136,49 @@ void resample(const Source& source, const Grid& grid, short* out)
     const double middle = (layers - 1) / 2.0;
     const bool parallel = qint64(grid.width) * grid.height * layers >= kParallelSamples;
 
+    const auto sampleLine = [&](int b, SlabLine& slab) {
+        const Vec3 base = along(grid.origin, nextLine, b);
+        short* line = target + b * lineStride;
+        if (layers == 1) {
+            const Vec3 start = source.toIndex.apply(base);
+            int first = 0, last = 0;
+            geometry::insideRange(start, lineStep, source.size, lineLength, first, last);
+            for (int x = 0; x < lineLength; ++x)
+                if (x < first || x >= last)
+                    line[x * stride] = source.background;
+            if (first < last) {
+                const double from[3] = {start[0] + first * lineStep[0], start[1] + first * lineStep[1],
+                                        start[2] + first * lineStep[2]};
+                sampleLineS16(source.voxels, from, lineStep.data(), last - first, line + first * stride, stride);
+            }
+            return;
+        }
+        slab.reset();
+        for (int t = 0; t < layers; ++t) {
+            const Vec3 start = source.toIndex.apply(along(base, grid.layerStep, t - middle));
+            int first = 0, last = 0;
+            geometry::insideRange(start, lineStep, source.size, lineLength, first, last);
+            if (first < last)
+                slab.fold(source.voxels, start, lineStep, first, last);
+        }
+        slab.write(line, stride, source.background);
+    };
+    if (parallel && layers == 1) {
+        // A plane takes about a millisecond: shared with the helper thread, which never holds the
+        // caller up (a thread team woken after a pause could cost several).
+        constexpr int kLines = 8;
+        shareOut((lines + kLines - 1) / kLines, [&](qint64 c) {
+            SlabLine none(0, grid.rule);
+            for (int b = int(c) * kLines; b < std::min(lines, int(c + 1) * kLines); ++b)
+                sampleLine(b, none);
+        });
+    } else {
 #pragma omp parallel if (parallel)
-    {
-        SlabLine slab(layers > 1 ? lineLength : 0, grid.rule);
+        {
+            SlabLine slab(layers > 1 ? lineLength : 0, grid.rule);
 #pragma omp for schedule(dynamic, 4)
-        for (int b = 0; b < lines; ++b) {
-            const Vec3 base = along(grid.origin, nextLine, b);
-            short* line = target + b * lineStride;
-            if (layers == 1) {
-                const Vec3 start = source.toIndex.apply(base);
-                int first = 0, last = 0;
-                geometry::insideRange(start, lineStep, source.size, lineLength, first, last);
-                for (int x = 0; x < lineLength; ++x)
-                    if (x < first || x >= last)
-                        line[x * stride] = source.background;
-                if (first < last) {
-                    const double from[3] = {start[0] + first * lineStep[0], start[1] + first * lineStep[1],
-                                            start[2] + first * lineStep[2]};
-                    sampleLineS16(source.voxels, from, lineStep.data(), last - first, line + first * stride, stride);
-                }
-                continue;
-            }
-            slab.reset();
-            for (int t = 0; t < layers; ++t) {
-                const Vec3 start = source.toIndex.apply(along(base, grid.layerStep, t - middle));
-                int first = 0, last = 0;
-                geometry::insideRange(start, lineStep, source.size, lineLength, first, last);
-                if (first < last)
-                    slab.fold(source.voxels, start, lineStep, first, last);
-            }
-            slab.write(line, stride, source.background);
+            for (int b = 0; b < lines; ++b)
+                sampleLine(b, slab);
         }
     }
     if (!alongRows)
@@ -174,9 +190,7 @@ void resampleColumns(const Source& source, const std::vector<Vec3>& tops, const 
                      short* out)
 {
     const int width = int(tops.size());
-    const bool parallel = qint64(width) * height >= kParallelSamples;
-#pragma omp parallel for schedule(dynamic, 8) if (parallel)
-    for (int c = 0; c < width; ++c) {
+    const auto column = [&](int c) {
         const Vec3 start = source.toIndex.apply(tops[size_t(c)]);
         const Vec3 step = source.toIndex.applyLinear(downs[size_t(c)]);
         int first = 0, last = 0;
@@ -188,7 +202,18 @@ void resampleColumns(const Source& source, const std::vector<Vec3>& tops, const 
             const double from[3] = {start[0] + first * step[0], start[1] + first * step[1], start[2] + first * step[2]};
             sampleLineS16(source.voxels, from, step.data(), last - first, out + qptrdiff(first) * width + c, width);
         }
-    }
+    };
+    constexpr int kColumns = 8;
+    const auto columns = [&](qint64 chunk) {
+        for (int c = int(chunk) * kColumns; c < std::min(width, int(chunk + 1) * kColumns); ++c)
+            column(c);
+    };
+    const qint64 chunks = (width + kColumns - 1) / kColumns;
+    if (qint64(width) * height >= kParallelSamples)
+        shareOut(chunks, columns);
+    else
+        for (qint64 chunk = 0; chunk < chunks; ++chunk)
+            columns(chunk);
 }
 
 bool sourceLayer(const Source& source, const Grid& grid, int x, int y, double& layer)

@@ -146,6 +146,9 @@ void TestReformat::obliquePlane_data()
                                                   << QVector<double>{12, 9, -14} << QSize(60, 50) << QPointF(0.9, 0.6) << 0.0 << 0;
     QTest::newRow("tilted slab of negative voxels, plane across it")
         << int(TiltedSlab) << QVector<double>{0, 80, 5} << QVector<double>{0, 0, 0} << QSize(45, 45) << QPointF(0.8, 0.8) << 0.0 << 0;
+    // Large enough to be shared between threads.
+    QTest::newRow("sphere, 512 x 512 plane") << int(Sphere) << QVector<double>{-40, 10, 70} << QVector<double>{1, 2, -1}
+                                             << QSize(512, 512) << QPointF(0.11, 0.09) << 0.0 << 0;
     QTest::newRow("ramp, 6 mm MIP slab") << int(Ramp) << QVector<double>{15, -20, 30} << QVector<double>{0, 3, 0}
                                          << QSize(30, 34) << QPointF(1.0, 1.0) << 6.0 << int(RenderMax);
     QTest::newRow("tilted slab, 4.5 mm MinIP slab, partly outside")
