@@ -7,6 +7,7 @@
 #include "testcatalog.h"
 
 #include "dicom/dcmvalues_p.h"
+#include "platform/fileplacement_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -17,6 +18,7 @@
 #include <QSettings>
 #include <QSignalSpy>
 #include <QSqlQuery>
+#include <QTemporaryDir>
 #include <QtTest>
 
 #include <memory>
@@ -93,6 +95,42 @@ private slots:
         QCOMPARE(missingFiles(), QStringList());
         const QString stored = TestCatalog::values("SELECT FilePath FROM imageformat").value(0);
         QVERIFY(QDir(QFileInfo(stored).path()).entryList({"*.part"}, QDir::Files).isEmpty());
+    }
+
+    // A finished file goes in place only where nothing is; what was there stays, and the part file
+    // is gone once placed, kept on request otherwise.
+    void placement()
+    {
+        using kestrel::internal::Placement;
+        QTemporaryDir dir;
+        const auto write = [](const QString& path, const QByteArray& bytes) {
+            QFile f(path);
+            return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+        };
+        const auto read = [](const QString& path) {
+            QFile f(path);
+            return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("(missing)");
+        };
+        const QString target = dir.filePath("MR.1"), part = kestrel::internal::partName(target);
+        QVERIFY(write(part, "first"));
+        QCOMPARE(kestrel::internal::placeFile(part, target, true), Placement::Placed);
+        QVERIFY(!QFile::exists(part));
+        QCOMPARE(read(target), QByteArray("first"));
+        for (const bool keep : {false, true}) {
+            QVERIFY(write(part, "first"));
+            QCOMPARE(kestrel::internal::placeFile(part, target, keep), Placement::AlreadyThere);
+            QCOMPARE(QFile::exists(part), keep);
+            QVERIFY(write(part, "second"));
+            QCOMPARE(kestrel::internal::placeFile(part, target, keep), Placement::OtherContent);
+            QCOMPARE(QFile::exists(part), keep);
+            QCOMPARE(read(target), QByteArray("first"));
+        }
+        // No folder to go into: the part stays when asked to, for another try.
+        QVERIFY(write(part, "third"));
+        QCOMPARE(kestrel::internal::placeFile(part, dir.filePath("gone/MR.2"), true), Placement::Failed);
+        QCOMPARE(read(part), QByteArray("third"));
+        QCOMPARE(kestrel::internal::placeFile(part, dir.filePath("gone/MR.2"), false), Placement::Failed);
+        QVERIFY(!QFile::exists(part));
     }
 
     void volumeCacheUnwritable()
