@@ -323,11 +323,7 @@ bool NDicomImage::getGrayImage32(double width, double centre, unsigned int* out)
     const auto* pixels = reinterpret_cast<const quint16*>(m_pixels);
     const quint32* table = m_table.get();
     const auto part = [&](qint64 c) { lookupU16(out + c * kChunk, pixels + c * kChunk, table, qMin(kChunk, count - c * kChunk)); };
-    if (chunks >= 4)
-        shareOut(chunks, part);
-    else
-        for (qint64 c = 0; c < chunks; ++c)
-            part(c);
+    shareOut(chunks, part, chunks >= 4);
     return true;
 }
 

@@ -106,10 +106,10 @@ private:
 
 } // namespace
 
-void shareOut(qint64 chunks, const std::function<void(qint64)>& body)
+void shareOut(qint64 chunks, const std::function<void(qint64)>& body, bool share)
 {
     static const bool alone = std::thread::hardware_concurrency() < 2;
-    if (chunks <= 1 || alone) {
+    if (!share || chunks <= 1 || alone) {
         for (qint64 c = 0; c < chunks; ++c)
             body(c);
         return;

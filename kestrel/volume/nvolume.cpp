@@ -696,9 +696,10 @@ bool NVolume::getDicomImagePlane(NDicomImage& image, int index, int thickness, E
         for (int k = from; k < to; ++k)
             reduceRunsS16(out + qint64(k) * w, data + k * st2 + first * st0, st1, w, count, rule);
     };
-    if (!parallel && qint64(w) * h * count >= kParallelRuns) {
+    if (!parallel) {
         constexpr int kSlices = 8;
-        shareOut((h + kSlices - 1) / kSlices, [&](qint64 c) { slices(int(c) * kSlices, qMin(h, int(c + 1) * kSlices)); });
+        shareOut((h + kSlices - 1) / kSlices, [&](qint64 c) { slices(int(c) * kSlices, qMin(h, int(c + 1) * kSlices)); },
+                 qint64(w) * h * count >= kParallelRuns);
         return true;
     }
 #pragma omp parallel for schedule(dynamic) if (parallel)

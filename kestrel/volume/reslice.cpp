@@ -163,15 +163,15 @@ void resample(const Source& source, const Grid& grid, short* out)
         }
         slab.write(line, stride, source.background);
     };
-    if (parallel && layers == 1) {
+    if (layers == 1) {
         // A plane takes about a millisecond: shared with the helper thread, which never holds the
         // caller up (a thread team woken after a pause could cost several).
         constexpr int kLines = 8;
+        SlabLine none(0, grid.rule);
         shareOut((lines + kLines - 1) / kLines, [&](qint64 c) {
-            SlabLine none(0, grid.rule);
             for (int b = int(c) * kLines; b < std::min(lines, int(c + 1) * kLines); ++b)
                 sampleLine(b, none);
-        });
+        }, parallel);
     } else {
 #pragma omp parallel if (parallel)
         {
@@ -208,12 +208,7 @@ void resampleColumns(const Source& source, const std::vector<Vec3>& tops, const 
         for (int c = int(chunk) * kColumns; c < std::min(width, int(chunk + 1) * kColumns); ++c)
             column(c);
     };
-    const qint64 chunks = (width + kColumns - 1) / kColumns;
-    if (qint64(width) * height >= kParallelSamples)
-        shareOut(chunks, columns);
-    else
-        for (qint64 chunk = 0; chunk < chunks; ++chunk)
-            columns(chunk);
+    shareOut((width + kColumns - 1) / kColumns, columns, qint64(width) * height >= kParallelSamples);
 }
 
 bool sourceLayer(const Source& source, const Grid& grid, int x, int y, double& layer)
