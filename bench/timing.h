@@ -4,6 +4,8 @@
 
 #include <QElapsedTimer>
 
+#include <QThread>
+
 #include <algorithm>
 #include <functional>
 #include <vector>
@@ -15,6 +17,22 @@ inline std::vector<double> sortedRunTimes(int runs, const std::function<void()>&
     body();
     std::vector<double> ms;
     for (int r = 0; r < runs; ++r) {
+        QElapsedTimer timer;
+        timer.start();
+        body();
+        ms.push_back(timer.nsecsElapsed() / 1e6);
+    }
+    std::sort(ms.begin(), ms.end());
+    return ms;
+}
+
+// The times of RUNS runs of BODY, each after PAUSEMS of idleness (as a user scrolls or turns a plane
+// now and then: threads asleep, caches cold), in milliseconds, shortest first.
+inline std::vector<double> sortedTimesAfterPause(int runs, int pauseMs, const std::function<void()>& body)
+{
+    std::vector<double> ms;
+    for (int r = 0; r < runs; ++r) {
+        QThread::msleep(static_cast<unsigned long>(pauseMs));
         QElapsedTimer timer;
         timer.start();
         body();

@@ -1,12 +1,13 @@
 // Windowing and standard orientation of a 512 x 512 image, each beside its memory-speed limit.
 #include "ndicomimage.h"
 
+#include "../timing.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -81,16 +82,9 @@ int main()
     {
         // Large images are shared out to both cores; a call after a pause also pays for waking
         // the second core's thread (as the viewer's first picture after the user stops does).
-        std::vector<double> idle;
-        for (int r = 0; r < 60; ++r) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            const auto start = std::chrono::steady_clock::now();
-            image.getGrayImage32(400, 40, out.data());
-            idle.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
-        }
-        std::sort(idle.begin(), idle.end());
+        const std::vector<double> idle = sortedTimesAfterPause(60, 20, [&] { image.getGrayImage32(400, 40, out.data()); });
         std::printf("  %-46s %9.1f us  (one call after 20 ms idle, median of 60)\n", "getGrayImage32, table reused, idle first",
-                    idle[idle.size() / 2]);
+                    idle[idle.size() / 2] * 1000);
     }
 
     std::printf("\ngetStandardDicomImage, %d x %d 16-bit (median per call)\n", n, n);

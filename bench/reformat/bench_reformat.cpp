@@ -20,7 +20,6 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QVector3D>
 
 #include <dcmtk/config/osconfig.h>
@@ -165,15 +164,9 @@ void bigVolume(const QString& dir, bool withPeer)
            }));
     {
         // One plane after a pause, as a user turning the plane now and then sees it.
-        std::vector<double> ms;
-        for (int r = 0; r < 21; ++r) {
-            QThread::msleep(20);
-            QElapsedTimer timer;
-            timer.start();
+        const std::vector<double> ms = sortedTimesAfterPause(21, 20, [&] {
             v->getDicomImage(image, centre.data(), row.data(), column.data(), 512, 512, 1, 1, 0, RenderMax);
-            ms.push_back(timer.nsecsElapsed() / 1e6);
-        }
-        std::sort(ms.begin(), ms.end());
+        });
         report("oblique plane 512 x 512, each after 20 ms idle", {ms.front(), ms[ms.size() / 2], ms.front(), ms.back()});
     }
     NDicomImage slab;

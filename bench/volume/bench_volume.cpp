@@ -18,7 +18,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <algorithm>
 #include <cstdio>
@@ -80,15 +79,9 @@ void reductions(NDicomVolume& v, const QString& rawFile)
     for (int axis : {1, 3})
         for (int thickness : {n[axis - 1], 20}) {
             NDicomImage image;
-            std::vector<double> ms;
-            for (int r = 0; r < 15; ++r) {
-                QThread::msleep(20);
-                QElapsedTimer timer;
-                timer.start();
+            const std::vector<double> ms = sortedTimesAfterPause(15, 20, [&] {
                 v.getDicomImagePlane(image, n[axis - 1] / 2, thickness, EMainAxis(axis), RenderMax);
-                ms.push_back(timer.nsecsElapsed() / 1e6);
-            }
-            std::sort(ms.begin(), ms.end());
+            });
             std::printf("  %-44s %9.2f ms   (one after 20 ms idle, median of 15)\n",
                         qPrintable(QString("%1 MIP, %2 planes, idle first").arg(axes[axis]).arg(std::min(thickness, n[axis - 1]))),
                         ms[ms.size() / 2]);
