@@ -136,7 +136,8 @@ void resample(const Source& source, const Grid& grid, short* out)
     const double middle = (layers - 1) / 2.0;
     const bool parallel = qint64(grid.width) * grid.height * layers >= kParallelSamples;
 
-    const auto sampleLine = [&](int b, SlabLine& slab) {
+    // SLAB folds the layers of a slab; a plane (one layer) needs none.
+    const auto sampleLine = [&](int b, SlabLine* slab) {
         const Vec3 base = along(grid.origin, nextLine, b);
         short* line = target + b * lineStride;
         if (layers == 1) {
@@ -153,32 +154,31 @@ void resample(const Source& source, const Grid& grid, short* out)
             }
             return;
         }
-        slab.reset();
+        slab->reset();
         for (int t = 0; t < layers; ++t) {
             const Vec3 start = source.toIndex.apply(along(base, grid.layerStep, t - middle));
             int first = 0, last = 0;
             geometry::insideRange(start, lineStep, source.size, lineLength, first, last);
             if (first < last)
-                slab.fold(source.voxels, start, lineStep, first, last);
+                slab->fold(source.voxels, start, lineStep, first, last);
         }
-        slab.write(line, stride, source.background);
+        slab->write(line, stride, source.background);
     };
     if (layers == 1) {
         // A plane takes about a millisecond: shared with the helper thread, which never holds the
         // caller up (a thread team woken after a pause could cost several).
         constexpr int kLines = 8;
-        SlabLine none(0, grid.rule);
         shareOut((lines + kLines - 1) / kLines, [&](qint64 c) {
             for (int b = int(c) * kLines; b < std::min(lines, int(c + 1) * kLines); ++b)
-                sampleLine(b, none);
+                sampleLine(b, nullptr);
         }, parallel);
     } else {
 #pragma omp parallel if (parallel)
         {
-            SlabLine slab(layers > 1 ? lineLength : 0, grid.rule);
+            SlabLine slab(lineLength, grid.rule);
 #pragma omp for schedule(dynamic, 4)
             for (int b = 0; b < lines; ++b)
-                sampleLine(b, slab);
+                sampleLine(b, &slab);
         }
     }
     if (!alongRows)
