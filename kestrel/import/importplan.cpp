@@ -2,6 +2,7 @@
 
 #include "catalog/identity_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/headerscan_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -21,6 +22,42 @@ void readFacts(DcmItem* item, FileFacts& facts)
     facts.seriesUID = dcmString(item, DCM_SeriesInstanceUID);
     facts.studyUID = dcmString(item, DCM_StudyInstanceUID).trimmed();
     facts.instanceNumber = dcmInt(item, DCM_InstanceNumber);
+}
+
+namespace {
+
+quint32 code(const DcmTagKey& key)
+{
+    return (quint32(key.getGroup()) << 16) | key.getElement();
+}
+
+} // namespace
+
+std::vector<quint32> factTags()
+{
+    return {code(DCM_SOPInstanceUID), code(DCM_SeriesInstanceUID), code(DCM_StudyInstanceUID), code(DCM_InstanceNumber)};
+}
+
+bool readFacts(const HeaderScan& scan, FileFacts& facts)
+{
+    // The instance number as DCMTK converts it, for the plain integers it is written as.
+    int number = 0;
+    if (const HeaderScan::Value* value = scan.find(code(DCM_InstanceNumber))) {
+        if (value->vr[0] != 'I' || value->vr[1] != 'S')
+            return false;
+        const QString text = scan.string(value->tag);
+        if (!text.isEmpty()) {
+            bool ok = false;
+            number = text.toInt(&ok);
+            if (!ok || text.startsWith(QLatin1Char('+')) || text.size() > 10)
+                return false;
+        }
+    }
+    facts.sopInstanceUID = scan.string(code(DCM_SOPInstanceUID)).trimmed();
+    facts.seriesUID = scan.string(code(DCM_SeriesInstanceUID));
+    facts.studyUID = scan.string(code(DCM_StudyInstanceUID)).trimmed();
+    facts.instanceNumber = number;
+    return true;
 }
 
 void readIdentity(DcmItem* item, FileFacts& facts)

@@ -11,6 +11,10 @@
 
 class DcmItem;
 
+namespace kestrel::internal {
+class HeaderScan;
+}
+
 // What the import does with a set of files, decided before anything is written: which files are
 // catalogued, in which patient, study and series, and in which order. The order depends on the
 // files' identifying values and paths only, never on the thread that read them or on hash
@@ -32,6 +36,11 @@ struct FileFacts {
 // Fills the UIDs and the instance number of FACTS from ITEM (PATH and READ stay as they are;
 // PHASE is the caller's).
 KESTREL_TEST_EXPORT void readFacts(DcmItem* item, FileFacts& facts);
+
+// The same from a header read without DCMTK; false where only DCMTK can say (an instance number
+// that is not a plain integer). FACTTAGS are the attributes it reads.
+KESTREL_TEST_EXPORT bool readFacts(const HeaderScan& scan, FileFacts& facts);
+KESTREL_TEST_EXPORT std::vector<quint32> factTags();
 
 // Fills the patient's identifying values of FACTS from ITEM.
 KESTREL_TEST_EXPORT void readIdentity(DcmItem* item, FileFacts& facts);

@@ -3,6 +3,7 @@
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
 #include "dicom/dicomtext_p.h"
+#include "dicom/headerscan_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -153,22 +154,35 @@ class TextDecoder
 {
 public:
     explicit TextDecoder(const QString& charset) : m_charset(charset) {}
-    QString operator()(const OFString& raw, DcmEVR vr) const
+    // CHARSETTEXT: a VR whose text is in the character set (PN, SH, LO, ST, LT, UT, UC); UIDs,
+    // codes, dates and numbers are in the default repertoire and kept byte for byte, as the
+    // lookups read them.
+    QString operator()(const char* data, int length, bool charsetText, bool personName) const
     {
         // A value ends at a NUL byte (padding, never text), as dcmBytes() reads it.
-        const int size = int(qstrnlen(raw.c_str(), uint(raw.length())));
-        // Only these VRs are text in the character set; UIDs, codes, dates and numbers are in the
-        // default repertoire and kept byte for byte, as the lookups read them.
-        const bool text = vr == EVR_PN || vr == EVR_SH || vr == EVR_LO || vr == EVR_ST || vr == EVR_LT ||
-                          vr == EVR_UT || vr == EVR_UC;
-        if (!text)
-            return QString::fromLatin1(raw.c_str(), size);
-        return m_charset.decode(raw.c_str(), size, vr == EVR_PN);
+        const int size = int(qstrnlen(data, uint(length)));
+        if (!charsetText)
+            return QString::fromLatin1(data, size);
+        return m_charset.decode(data, size, personName);
     }
 
 private:
     DicomCharset m_charset;
 };
+
+bool charsetText(DcmEVR vr)
+{
+    return vr == EVR_PN || vr == EVR_SH || vr == EVR_LO || vr == EVR_ST || vr == EVR_LT || vr == EVR_UT || vr == EVR_UC;
+}
+
+bool charsetText(const char* vr)
+{
+    static const char* const kinds[] = {"PN", "SH", "LO", "ST", "LT", "UT", "UC"};
+    for (const char* kind : kinds)
+        if (vr[0] == kind[0] && vr[1] == kind[1])
+            return true;
+    return false;
+}
 
 } // namespace
 
@@ -215,41 +229,100 @@ void store(const TablePlan& plan, const QVector<int>& columns, const QString& te
 
 } // namespace
 
+namespace {
+
+// The columns of several tables filled attribute by attribute, in one walk over a header.
+class ColumnFill
+{
+public:
+    explicit ColumnFill(const QStringList& tables)
+    {
+        for (const QString& table : tables) {
+            m_plans.append(&planFor(table));
+            m_values.append(emptyValues(*m_plans.last()));
+        }
+    }
+    // The attribute CODE: TEXT(&decoded) gives its text when a column wants it (false: none).
+    template <typename Text>
+    void put(quint32 code, const Text& text)
+    {
+        QString decoded;
+        bool done = false;
+        for (int t = 0; t < m_plans.size(); ++t) {
+            const auto hit = m_plans[t]->byTag.constFind(code);
+            if (hit == m_plans[t]->byTag.constEnd())
+                continue;
+            if (!done && !text(&decoded))
+                return;
+            done = true;
+            store(*m_plans[t], *hit, decoded, m_values[t]);
+        }
+    }
+    QVector<QVector<QVariant>> values() { return std::move(m_values); }
+
+private:
+    QVector<const TablePlan*> m_plans;
+    QVector<QVector<QVariant>> m_values;
+};
+
+} // namespace
+
 QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item)
 {
-    QVector<const TablePlan*> plans;
-    QVector<QVector<QVariant>> values;
-    for (const QString& table : tables) {
-        plans.append(&planFor(table));
-        values.append(emptyValues(*plans.last()));
-    }
+    ColumnFill fill(tables);
     if (!item)
-        return values;
+        return fill.values();
     const TextDecoder decode(dcmCharacterSet(item));
     // One walk over the item's elements for all tables instead of one search per column.
     for (DcmObject* object = item->nextInContainer(nullptr); object; object = item->nextInContainer(object)) {
         auto* element = static_cast<DcmElement*>(object);
         if (element->ident() == EVR_SQ)
             continue;
-        const quint32 code = tagCode(element->getTag());
-        QString text;
-        bool decoded = false;
-        for (int t = 0; t < plans.size(); ++t) {
-            const auto hit = plans[t]->byTag.constFind(code);
-            if (hit == plans[t]->byTag.constEnd())
-                continue;
-            if (!decoded) {
-                OFString raw;
-                // A UID has one value: stored as the lookups read it, the first one.
-                if ((element->ident() == EVR_UI ? element->getOFString(raw, 0) : element->getOFStringArray(raw)).bad())
-                    break;
-                text = decode(raw, element->ident());
-                decoded = true;
-            }
-            store(*plans[t], *hit, text, values[t]);
-        }
+        fill.put(tagCode(element->getTag()), [&](QString* text) {
+            OFString raw;
+            // A UID has one value: stored as the lookups read it, the first one.
+            if ((element->ident() == EVR_UI ? element->getOFString(raw, 0) : element->getOFStringArray(raw)).bad())
+                return false;
+            *text = decode(raw.c_str(), int(raw.length()), charsetText(element->ident()), element->ident() == EVR_PN);
+            return true;
+        });
     }
-    return values;
+    return fill.values();
+}
+
+QVector<QVector<QVariant>> readColumns(const QStringList& tables, const HeaderScan& scan)
+{
+    ColumnFill fill(tables);
+    QString charset;
+    if (const HeaderScan::Value* value = scan.find(tagCode(DCM_SpecificCharacterSet))) {
+        QStringList sets = scan.string(value->tag, -1).split(QLatin1Char('\\'));
+        for (QString& set : sets)
+            set = set.trimmed();
+        charset = sets.join(QLatin1Char('\\'));
+    }
+    const TextDecoder decode(charset);
+    std::string raw;
+    for (const HeaderScan::Value& value : scan.values()) {
+        fill.put(value.tag, [&](QString* text) {
+            const bool uid = value.vr[0] == 'U' && value.vr[1] == 'I';
+            if (!HeaderScan::text(value, uid ? 0 : -1, &raw))
+                return false;
+            *text = decode(raw.data(), int(raw.size()), charsetText(value.vr), value.vr[0] == 'P' && value.vr[1] == 'N');
+            return true;
+        });
+    }
+    return fill.values();
+}
+
+std::vector<quint32> columnTags(const QStringList& tables)
+{
+    std::vector<quint32> tags{tagCode(DCM_SpecificCharacterSet)};
+    for (const QString& table : tables) {
+        const TablePlan& plan = planFor(table);
+        for (auto it = plan.byTag.cbegin(); it != plan.byTag.cend(); ++it)
+            tags.push_back(it.key());
+    }
+    return tags;
 }
 
 QVector<QVariant> readColumns(const QString& table, DcmItem* item)

@@ -7,7 +7,13 @@
 #include <QVariant>
 #include <QVector>
 
+#include <vector>
+
 class DcmItem;
+
+namespace kestrel::internal {
+class HeaderScan;
+}
 
 // Row values of the catalogue tables read from a DICOM dataset (catalog/batchinsert_p.h writes
 // them). Column lists come from the catalogue schema.
@@ -22,6 +28,11 @@ namespace kestrel::internal::records {
 KESTREL_TEST_EXPORT QVector<QVariant> readColumns(const QString& table, DcmItem* item);
 // The same for several tables in one walk over the item (one vector per table, in order).
 KESTREL_TEST_EXPORT QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item);
+
+// The same from a header read without DCMTK: the values SCAN kept of the tables' attributes.
+KESTREL_TEST_EXPORT QVector<QVector<QVariant>> readColumns(const QStringList& tables, const HeaderScan& scan);
+// The attributes the columns of TABLES are read from, and the character set: what a scan keeps.
+KESTREL_TEST_EXPORT std::vector<quint32> columnTags(const QStringList& tables);
 
 // Index of COLUMN in TABLE's insert order, -1 when absent.
 KESTREL_TEST_EXPORT int columnIndex(const QString& table, const QString& column);

@@ -5,6 +5,7 @@
 #include "import/imagerecordfill_p.h"
 #include "import/importrecords_p.h"
 #include "import/importstate_p.h"
+#include "dicom/headerscan_p.h"
 #include "import/headerread_p.h"
 #include "catalog/connection_p.h"
 #include "catalog/statement_p.h"
@@ -96,10 +97,20 @@ bool QDcmFiles::loadWithParser(const QString& file, unsigned int maxReadLength)
     return loadHeader(m_fileFormat, file, maxReadLength);
 }
 
-QString QDcmFiles::phaseOf(const QString& seriesUID, DcmFileFormat* file)
+namespace {
+
+// Only one maker's series hold several phases under one UID (told apart by a private attribute).
+bool phasedSeries(const QString& seriesUID)
 {
     const QStringList parts = seriesUID.split('.');
-    if (parts.size() <= 3 || parts.at(3) != QLatin1String("30917"))
+    return parts.size() > 3 && parts.at(3) == QLatin1String("30917");
+}
+
+} // namespace
+
+QString QDcmFiles::phaseOf(const QString& seriesUID, DcmFileFormat* file)
+{
+    if (!phasedSeries(seriesUID))
         return QStringLiteral("0");
     DcmItem* item = file ? file->getDataset() : nullptr;
     DcmElement* element = nullptr;
@@ -276,26 +287,42 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
     const QSet<QString> catalogued = prefetch ? cataloguedSeries() : QSet<QString>();
     std::vector<ImageRecords> records(prefetch ? size_t(count) : 0);
     std::vector<import::FileFacts> facts(static_cast<size_t>(count));
+    // Most headers are read without DCMTK (HeaderScan), the others by DCMTK as always.
+    std::vector<HeaderScan> scans(parsers.size());
+    std::vector<quint32> wanted = import::factTags();
+    for (quint32 tag : records::columnTags(imageTables()))
+        wanted.push_back(tag);
+    for (HeaderScan& scan : scans)
+        scan.setWanted(wanted);
 #pragma omp parallel for schedule(static) num_threads(int(parsers.size())) reduction(+ : unreadable)
     for (int i = 0; i < count; ++i) {
         DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
+        HeaderScan& scan = scans[size_t(omp_get_thread_num())];
         const QString& path = files.at(i);
-        if (!loadHeader(parser, path, kGroupReadLength)) {
-            ++unreadable;
-            continue;
-        }
-        DcmDataset* dataset = parser->getDataset();
         import::FileFacts& fact = facts[size_t(i)];
-        import::readFacts(dataset, fact);
+        const bool scanned = scan.scan(QFile::encodeName(path)) && import::readFacts(scan, fact) && !phasedSeries(fact.seriesUID);
+        DcmDataset* dataset = nullptr;
+        if (!scanned) {
+            fact = import::FileFacts();
+            if (!loadHeader(parser, path, kGroupReadLength)) {
+                ++unreadable;
+                continue;
+            }
+            dataset = parser->getDataset();
+            import::readFacts(dataset, fact);
+        }
         fact.read = true;
         const QString& seriesUID = fact.seriesUID;
         const QString& sopUID = fact.sopInstanceUID;
-        const QString phase = phaseOf(seriesUID, parser);
+        const QString phase = scanned ? QStringLiteral("0") : phaseOf(seriesUID, parser);
         fact.phase = phase;
         if (prefetch && !seriesUID.isEmpty() && !catalogued.contains(seriesUID + '#' + phase)) {
             ImageRecords& r = records[size_t(i)];
             r.format.filePath = path;
-            readImageRecords(&r.format, &r.pix, &r.info, dataset);
+            if (scanned)
+                readImageRecords(&r.format, &r.pix, &r.info, scan);
+            else
+                readImageRecords(&r.format, &r.pix, &r.info, dataset);
             r.seriesUID = seriesUID;
         }
 #pragma omp critical(qdcmfiles_reading)

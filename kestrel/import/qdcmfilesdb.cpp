@@ -7,6 +7,7 @@
 #include "catalog/catalogschema_p.h"
 #include "catalog/statement_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/headerscan_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/importrecords_p.h"
 
@@ -146,8 +147,7 @@ void readMRImageInfo(MRImageInfo* record, DcmItem* item)
 
 void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, DcmItem* item)
 {
-    static const QStringList tables{kImageFormat, kImagePixel, kMrImageInfo};
-    QVector<QVector<QVariant>> values = records::readColumns(tables, item);
+    QVector<QVector<QVariant>> values = records::readColumns(imageTables(), item);
     const QString sop = dcmString(item, DCM_SOPInstanceUID);
     format->values = std::move(values[0]);
     pix->values = std::move(values[1]);
@@ -155,6 +155,24 @@ void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, Dcm
     finishImageFormat(format, sop);
     finishImagePix(pix, sop);
     info->sopInstanceUID = sop;
+}
+
+void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, const HeaderScan& scan)
+{
+    QVector<QVector<QVariant>> values = records::readColumns(imageTables(), scan);
+    const QString sop = scan.string((quint32(DCM_SOPInstanceUID.getGroup()) << 16) | DCM_SOPInstanceUID.getElement());
+    format->values = std::move(values[0]);
+    pix->values = std::move(values[1]);
+    info->values = std::move(values[2]);
+    finishImageFormat(format, sop);
+    finishImagePix(pix, sop);
+    info->sopInstanceUID = sop;
+}
+
+const QStringList& imageTables()
+{
+    static const QStringList tables{kImageFormat, kImagePixel, kMrImageInfo};
+    return tables;
 }
 
 } // namespace kestrel::internal

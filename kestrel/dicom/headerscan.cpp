@@ -1,0 +1,473 @@
+#include "dicom/headerscan_p.h"
+
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcxfer.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kestrel::internal {
+
+namespace {
+
+constexpr quint32 kUndefined = 0xFFFFFFFFu;
+constexpr quint32 kItem = 0xFFFEE000u, kItemEnd = 0xFFFEE00Du, kSequenceEnd = 0xFFFEE0DDu;
+constexpr quint32 kPixelData = 0x7FE00010u;
+constexpr size_t kBlock = 16384;
+// Kept values are header text: a longer one is read by DCMTK.
+constexpr quint32 kLongestKept = 1u << 20;
+// Sequences nest a few levels in real files.
+constexpr int kDeepest = 32;
+
+quint16 u16(const unsigned char* p) { return quint16(p[0] | (p[1] << 8)); }
+quint32 u32(const unsigned char* p) { return quint32(p[0]) | (quint32(p[1]) << 8) | (quint32(p[2]) << 16) | (quint32(p[3]) << 24); }
+
+constexpr quint16 vrCode(char a, char b) { return quint16((quint8(a) << 8) | quint8(b)); }
+quint16 vrCode(const char* vr) { return vrCode(vr[0], vr[1]); }
+
+// The VRs of the standard. The first group has a 32-bit length after two reserved bytes.
+bool longLength(quint16 vr)
+{
+    switch (vr) {
+    case vrCode('O', 'B'): case vrCode('O', 'D'): case vrCode('O', 'F'): case vrCode('O', 'L'):
+    case vrCode('O', 'V'): case vrCode('O', 'W'): case vrCode('S', 'Q'): case vrCode('S', 'V'):
+    case vrCode('U', 'C'): case vrCode('U', 'N'): case vrCode('U', 'R'): case vrCode('U', 'T'):
+    case vrCode('U', 'V'):
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool knownVr(quint16 vr)
+{
+    if (longLength(vr))
+        return true;
+    switch (vr) {
+    case vrCode('A', 'E'): case vrCode('A', 'S'): case vrCode('A', 'T'): case vrCode('C', 'S'):
+    case vrCode('D', 'A'): case vrCode('D', 'S'): case vrCode('D', 'T'): case vrCode('F', 'D'):
+    case vrCode('F', 'L'): case vrCode('I', 'S'): case vrCode('L', 'O'): case vrCode('L', 'T'):
+    case vrCode('P', 'N'): case vrCode('S', 'H'): case vrCode('S', 'L'): case vrCode('S', 'S'):
+    case vrCode('S', 'T'): case vrCode('T', 'M'): case vrCode('U', 'I'): case vrCode('U', 'L'):
+    case vrCode('U', 'S'):
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Binary integers kept as text, with their size.
+int integerSize(quint16 vr)
+{
+    switch (vr) {
+    case vrCode('U', 'S'): case vrCode('S', 'S'): return 2;
+    case vrCode('U', 'L'): case vrCode('S', 'L'): return 4;
+    default: return 0;
+    }
+}
+
+bool textVr(quint16 vr)
+{
+    switch (vr) {
+    case vrCode('A', 'E'): case vrCode('A', 'S'): case vrCode('C', 'S'): case vrCode('D', 'A'):
+    case vrCode('D', 'S'): case vrCode('D', 'T'): case vrCode('I', 'S'): case vrCode('L', 'O'):
+    case vrCode('L', 'T'): case vrCode('P', 'N'): case vrCode('S', 'H'): case vrCode('S', 'T'):
+    case vrCode('T', 'M'): case vrCode('U', 'C'): case vrCode('U', 'I'): case vrCode('U', 'R'):
+    case vrCode('U', 'T'):
+        return true;
+    default:
+        return false;
+    }
+}
+
+struct Header {
+    quint32 tag = 0;
+    quint16 vr = 0;
+    quint32 length = 0;
+    quint64 value = 0; // offset of the value
+};
+
+} // namespace
+
+// The file read through a window of one block, moved with pread where the walk goes next: the
+// values skipped (private blobs, pixel data) are never read.
+class HeaderScan::Reader
+{
+public:
+    explicit Reader(const QByteArray& name)
+    {
+        m_fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC);
+        struct stat info;
+        if (m_fd >= 0 && ::fstat(m_fd, &info) == 0 && S_ISREG(info.st_mode))
+            m_size = quint64(info.st_size);
+    }
+    ~Reader()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    quint64 size() const { return m_size; }
+
+    // N bytes at OFFSET; null when the file ends before.
+    const unsigned char* at(quint64 offset, size_t n)
+    {
+        if (offset + n > m_size || offset + n < offset)
+            return nullptr;
+        if (offset >= m_start && offset + n <= m_start + m_filled)
+            return m_buffer.data() + (offset - m_start);
+        const size_t want = size_t(std::min<quint64>(std::max(n, kBlock), m_size - offset));
+        if (m_buffer.size() < want)
+            m_buffer.resize(want);
+        size_t got = 0;
+        while (got < want) {
+            const ssize_t r = ::pread(m_fd, m_buffer.data() + got, want - got, off_t(offset + got));
+            if (r <= 0)
+                break;
+            got += size_t(r);
+        }
+        m_start = offset;
+        m_filled = got;
+        return got >= n ? m_buffer.data() : nullptr;
+    }
+
+    // The element header at POS (explicit VR little endian); items and delimiters have no VR.
+    bool header(quint64 pos, Header* h)
+    {
+        const unsigned char* p = at(pos, 8);
+        if (!p)
+            return false;
+        h->tag = (quint32(u16(p)) << 16) | u16(p + 2);
+        if ((h->tag >> 16) == 0xFFFEu) {
+            h->vr = 0;
+            h->length = u32(p + 4);
+            h->value = pos + 8;
+            return true;
+        }
+        h->vr = vrCode(char(p[4]), char(p[5]));
+        if (!knownVr(h->vr))
+            return false;
+        if (!longLength(h->vr)) {
+            h->length = u16(p + 6);
+            h->value = pos + 8;
+        } else {
+            p = at(pos, 12);
+            if (!p || u16(p + 6) != 0)
+                return false;
+            h->length = u32(p + 8);
+            h->value = pos + 12;
+        }
+        // Odd lengths are read by DCMTK, which has its own way with them.
+        return h->length == kUndefined || (h->length & 1u) == 0;
+    }
+
+private:
+    int m_fd = -1;
+    quint64 m_size = 0;
+    std::vector<unsigned char> m_buffer;
+    quint64 m_start = 0;
+    size_t m_filled = 0;
+};
+
+namespace {
+
+using Reader = HeaderScan::Reader;
+
+bool sequenceBody(Reader& in, quint64 pos, quint32 length, quint64* after, int depth);
+
+// The elements of one item, from POS up to END (or up to the item's end mark when the length is
+// undefined).
+bool itemBody(Reader& in, quint64 pos, quint32 length, quint64* after, int depth)
+{
+    const bool bounded = length != kUndefined;
+    const quint64 end = bounded ? pos + length : 0;
+    for (;;) {
+        if (bounded && pos == end) {
+            *after = end;
+            return true;
+        }
+        Header h;
+        if (!in.header(pos, &h))
+            return false;
+        if (!bounded && h.tag == kItemEnd) {
+            *after = h.value;
+            return h.length == 0;
+        }
+        if ((h.tag >> 16) == 0xFFFEu)
+            return false;
+        if (h.vr == vrCode('S', 'Q')) {
+            if (!sequenceBody(in, h.value, h.length, &pos, depth + 1))
+                return false;
+        } else {
+            if (h.length == kUndefined)
+                return false;
+            pos = h.value + h.length;
+        }
+        if (bounded && pos > end)
+            return false;
+    }
+}
+
+// The items of a sequence whose value starts at POS.
+bool sequenceBody(Reader& in, quint64 pos, quint32 length, quint64* after, int depth)
+{
+    if (depth > kDeepest)
+        return false;
+    const bool bounded = length != kUndefined;
+    const quint64 end = bounded ? pos + length : 0;
+    for (;;) {
+        if (bounded && pos == end) {
+            *after = end;
+            return true;
+        }
+        Header h;
+        if (!in.header(pos, &h))
+            return false;
+        if (!bounded && h.tag == kSequenceEnd) {
+            *after = h.value;
+            return h.length == 0;
+        }
+        if (h.tag != kItem || !itemBody(in, h.value, h.length, &pos, depth))
+            return false;
+        if (bounded && pos > end)
+            return false;
+    }
+}
+
+// The pixel data's fragments up to the sequence's end mark.
+bool fragments(Reader& in, quint64 pos, quint64* after)
+{
+    for (;;) {
+        Header h;
+        if (!in.header(pos, &h))
+            return false;
+        if (h.tag == kSequenceEnd) {
+            *after = h.value;
+            return h.length == 0;
+        }
+        if (h.tag != kItem || h.length == kUndefined)
+            return false;
+        pos = h.value + h.length;
+    }
+}
+
+void trimTrailing(std::string& s, bool nulToo)
+{
+    size_t n = s.size();
+    while (n > 0 && (s[n - 1] == ' ' || (nulToo && s[n - 1] == '\0')))
+        --n;
+    s.resize(n);
+}
+
+// A value as DCMTK holds it after reading, or false where DCMTK would read it otherwise.
+bool keptValue(quint16 vr, const unsigned char* p, quint32 length, std::string* out)
+{
+    if (const int size = integerSize(vr)) {
+        if (length % quint32(size) != 0)
+            return false;
+        out->assign(reinterpret_cast<const char*>(p), length);
+        return true;
+    }
+    if (!textVr(vr))
+        return false;
+    out->assign(reinterpret_cast<const char*>(p), length);
+    if (vr == vrCode('U', 'I')) {
+        // A UID is digits and dots, padded with one NUL; DCMTK drops white space inside one.
+        trimTrailing(*out, true);
+        for (const char c : *out)
+            if (quint8(c) <= 0x20 || quint8(c) >= 0x7F)
+                return false;
+        return true;
+    }
+    if (out->find('\0') != std::string::npos)
+        return false;
+    // DCMTK drops the trailing spaces of every text value as it reads it.
+    trimTrailing(*out, false);
+    return true;
+}
+
+} // namespace
+
+void HeaderScan::setWanted(std::vector<quint32> tags)
+{
+    std::sort(tags.begin(), tags.end());
+    tags.erase(std::unique(tags.begin(), tags.end()), tags.end());
+    m_wanted = std::move(tags);
+}
+
+bool HeaderScan::wanted(quint32 tag) const
+{
+    return std::binary_search(m_wanted.begin(), m_wanted.end(), tag);
+}
+
+bool HeaderScan::scan(const QByteArray& name)
+{
+    m_values.clear();
+    Reader in(name);
+    if (walk(in))
+        return true;
+    m_values.clear();
+    return false;
+}
+
+bool HeaderScan::walk(Reader& in)
+{
+    const unsigned char* magic = in.at(128, 4);
+    if (!magic || std::memcmp(magic, "DICM", 4) != 0)
+        return false;
+
+    // The file meta header: the transfer syntax, and where the data set starts.
+    quint64 pos = 132, metaEnd = 0;
+    std::string transferSyntax;
+    quint32 last = 0;
+    for (;;) {
+        const unsigned char* p = in.at(pos, 2);
+        if (!p)
+            return false;
+        if (u16(p) != 0x0002)
+            break;
+        Header h;
+        if (!in.header(pos, &h) || h.length == kUndefined || (last && h.tag <= last))
+            return false;
+        last = h.tag;
+        if (h.tag == 0x00020000u) {
+            const unsigned char* v = in.at(h.value, 4);
+            if (h.vr != vrCode('U', 'L') || h.length != 4 || !v)
+                return false;
+            metaEnd = h.value + 4 + u32(v);
+        } else if (h.tag == 0x00020010u) {
+            const unsigned char* v = in.at(h.value, h.length);
+            if (h.vr != vrCode('U', 'I') || !v)
+                return false;
+            transferSyntax.assign(reinterpret_cast<const char*>(v), h.length);
+            trimTrailing(transferSyntax, true);
+        }
+        pos = h.value + h.length;
+    }
+    if (metaEnd && metaEnd != pos)
+        return false;
+    const DcmXfer xfer(transferSyntax.c_str());
+    if (xfer.getXfer() == EXS_Unknown || !xfer.isExplicitVR() || !xfer.isLittleEndian() ||
+        xfer.getStreamCompression() != ESC_none)
+        return false;
+
+    // The data set, in ascending tag order, each element once.
+    last = 0;
+    while (pos < in.size()) {
+        Header h;
+        if (!in.header(pos, &h) || h.tag <= last || (h.tag >> 16) < 0x0008u || (h.tag >> 16) == 0xFFFEu)
+            return false;
+        last = h.tag;
+        if (h.tag == kPixelData) {
+            // The pixel data ends the file: what would follow is DCMTK's to judge.
+            quint64 after = 0;
+            if (h.length != kUndefined)
+                after = h.value + h.length;
+            else if (!xfer.isEncapsulated() || h.vr != vrCode('O', 'B') || !fragments(in, h.value, &after))
+                return false;
+            return after == in.size();
+        }
+        if (h.vr == vrCode('S', 'Q')) {
+            if (!sequenceBody(in, h.value, h.length, &pos, 0))
+                return false;
+            continue;
+        }
+        if (h.length == kUndefined)
+            return false;
+        if (wanted(h.tag)) {
+            const unsigned char* v = h.length <= kLongestKept ? in.at(h.value, h.length) : nullptr;
+            Value value;
+            value.tag = h.tag;
+            value.vr[0] = char(h.vr >> 8);
+            value.vr[1] = char(h.vr & 0xFF);
+            if (!v || !keptValue(h.vr, v, h.length, &value.bytes))
+                return false;
+            m_values.push_back(std::move(value));
+        }
+        pos = h.value + h.length;
+    }
+    return pos == in.size();
+}
+
+const HeaderScan::Value* HeaderScan::find(quint32 tag) const
+{
+    const auto at = std::lower_bound(m_values.begin(), m_values.end(), tag,
+                                     [](const Value& v, quint32 t) { return v.tag < t; });
+    return at != m_values.end() && at->tag == tag ? &*at : nullptr;
+}
+
+bool HeaderScan::text(const Value& v, int pos, std::string* out)
+{
+    out->clear();
+    const quint16 vr = vrCode(v.vr);
+    if (const int size = integerSize(vr)) {
+        const int count = int(v.bytes.size()) / size;
+        if (pos >= count)
+            return false;
+        const auto* p = reinterpret_cast<const unsigned char*>(v.bytes.data());
+        char number[16];
+        const int first = pos < 0 ? 0 : pos, end = pos < 0 ? count : pos + 1;
+        for (int i = first; i < end; ++i) {
+            const unsigned char* at = p + i * size;
+            switch (vr) {
+            case vrCode('U', 'S'): std::snprintf(number, sizeof number, "%hu", u16(at)); break;
+            case vrCode('S', 'S'): std::snprintf(number, sizeof number, "%hd", qint16(u16(at))); break;
+            case vrCode('U', 'L'): std::snprintf(number, sizeof number, "%lu", (unsigned long)u32(at)); break;
+            default: std::snprintf(number, sizeof number, "%ld", (long)qint32(u32(at))); break;
+            }
+            if (i > first)
+                out->push_back('\\');
+            out->append(number);
+        }
+        return true;
+    }
+    // Text: single-valued VRs are one value; the others split at "\", each value trimmed the way
+    // DCMTK normalises that VR.
+    const bool single = vr == vrCode('L', 'T') || vr == vrCode('S', 'T') || vr == vrCode('U', 'T') || vr == vrCode('U', 'R');
+    const bool leading = vr == vrCode('A', 'E') || vr == vrCode('C', 'S') || vr == vrCode('D', 'S') ||
+                         vr == vrCode('I', 'S') || vr == vrCode('L', 'O') || vr == vrCode('S', 'H');
+    const bool trailing = leading || vr == vrCode('D', 'A') || vr == vrCode('D', 'T') || vr == vrCode('T', 'M') ||
+                          vr == vrCode('P', 'N') || vr == vrCode('U', 'C');
+    if (single) {
+        // One value: DCMTK gives it whatever the position asked for.
+        *out = v.bytes;
+        return true;
+    }
+    size_t start = 0;
+    for (int index = 0;; ++index) {
+        const size_t stop = std::min(v.bytes.find('\\', start), v.bytes.size());
+        if (pos < 0 || index == pos) {
+            size_t from = start, to = stop;
+            while (leading && from < to && v.bytes[from] == ' ')
+                ++from;
+            while (trailing && to > from && v.bytes[to - 1] == ' ')
+                --to;
+            if (pos < 0 && index > 0)
+                out->push_back('\\');
+            out->append(v.bytes, from, to - from);
+            if (index == pos)
+                return true;
+        }
+        if (stop == v.bytes.size())
+            return pos < 0 || (pos == 0 && v.bytes.empty());
+        start = stop + 1;
+    }
+}
+
+QString HeaderScan::string(quint32 tag, int pos) const
+{
+    const Value* v = find(tag);
+    std::string text;
+    if (!v || !HeaderScan::text(*v, pos, &text))
+        return QString();
+    return QString::fromLatin1(text.data(), int(text.size()));
+}
+
+} // namespace kestrel::internal

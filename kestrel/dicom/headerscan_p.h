@@ -1,0 +1,56 @@
+#pragma once
+
+#include "platform/testexport_p.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <string>
+#include <vector>
+
+// A header reader for the files most folders are made of, beside DCMTK's: explicit VR little
+// endian data sets (the encapsulated transfer syntaxes included) behind a file meta header. It walks
+// the elements once without building them and keeps the values of the attributes asked for, as
+// DCMTK would give them. Everything it does not read exactly as DCMTK does (other encodings, odd
+// lengths, elements out of order, unknown VRs, values with NUL bytes, text in binary VRs, a file
+// that ends early or goes on after the pixel data, ...) makes it decline: the caller then reads the
+// file with DCMTK, which also decides whether the file is readable at all. Importing a folder reads
+// most of its headers here, at several times DCMTK's pace.
+namespace kestrel::internal {
+
+class KESTREL_TEST_EXPORT HeaderScan
+{
+public:
+    struct Value {
+        quint32 tag = 0;  // group << 16 | element
+        char vr[2] = {0, 0};
+        std::string bytes; // as stored, trailing spaces removed (and a UID's padding)
+    };
+
+    // The attributes whose values are kept (tags as above, any order).
+    void setWanted(std::vector<quint32> tags);
+
+    // Reads the file NAME (encoded). False when it declines; values() is then empty.
+    bool scan(const QByteArray& name);
+
+    // The kept values of the last scan, by tag.
+    const std::vector<Value>& values() const { return m_values; }
+    const Value* find(quint32 tag) const;
+
+    // Value number POS of V (-1: the whole value, multiple values with their "\"), as DCMTK's
+    // getOFString / getOFStringArray give it. False when V has no value POS.
+    static bool text(const Value& v, int pos, std::string* out);
+    // Value POS of the attribute TAG as text, Latin-1 (empty when absent); dcmString's twin.
+    QString string(quint32 tag, int pos = 0) const;
+
+    class Reader; // the file, read in blocks
+
+private:
+    bool walk(Reader& in);
+    bool wanted(quint32 tag) const;
+
+    std::vector<quint32> m_wanted; // sorted
+    std::vector<Value> m_values;
+};
+
+} // namespace kestrel::internal
