@@ -165,7 +165,7 @@ MYSQL* mysqlHandle(const QSqlDatabase& db)
 struct BulkColumn {
     enum Kind { Unset, Text, Bytes, Integer, Real, Mixed };
     Kind kind = Unset;
-    std::vector<QByteArray> text;
+    std::string arena; // the text values, UTF-8, one after the other
     std::vector<const char*> pointers;
     std::vector<unsigned long> lengths;
     std::vector<long long> integers;
@@ -215,10 +215,14 @@ bool fillBulkColumn(BulkColumn& column, int index, const QVector<const QVector<Q
     else if (column.kind == BulkColumn::Real)
         column.reals.assign(n, 0.0);
     else {
-        column.text.resize(n);
         column.pointers.assign(n, "");
         column.lengths.assign(n, 0);
     }
+    // Text goes into one arena (a million values an import: one allocation each was a third of
+    // the client's time); the pointers are set once it has stopped growing.
+    std::vector<size_t> starts;
+    if (column.kind == BulkColumn::Text || column.kind == BulkColumn::Bytes)
+        starts.assign(n, 0);
     for (size_t r = 0; r < n; ++r) {
         if (column.indicators[r] == STMT_INDICATOR_NULL)
             continue;
@@ -230,12 +234,22 @@ bool fillBulkColumn(BulkColumn& column, int index, const QVector<const QVector<Q
         case BulkColumn::Real:
             column.reals[r] = value.toDouble();
             break;
+        case BulkColumn::Bytes: {
+            const QByteArray bytes = value.toByteArray();
+            starts[r] = column.arena.size();
+            column.arena.append(bytes.constData(), size_t(bytes.size()));
+            column.lengths[r] = static_cast<unsigned long>(bytes.size());
+            break;
+        }
         default:
-            column.text[r] = column.kind == BulkColumn::Bytes ? value.toByteArray() : value.toString().toUtf8();
-            column.pointers[r] = column.text[r].constData();
-            column.lengths[r] = static_cast<unsigned long>(column.text[r].size());
+            starts[r] = column.arena.size();
+            appendUtf8(column.arena, *static_cast<const QString*>(value.constData()));
+            column.lengths[r] = static_cast<unsigned long>(column.arena.size() - starts[r]);
         }
     }
+    for (size_t r = 0; r < starts.size(); ++r)
+        if (column.lengths[r])
+            column.pointers[r] = column.arena.data() + starts[r];
     return true;
 }
 

@@ -18,7 +18,8 @@ namespace {
 constexpr quint32 kUndefined = 0xFFFFFFFFu;
 constexpr quint32 kItem = 0xFFFEE000u, kItemEnd = 0xFFFEE00Du, kSequenceEnd = 0xFFFEE0DDu;
 constexpr quint32 kPixelData = 0x7FE00010u;
-constexpr size_t kBlock = 16384;
+// The first read takes a header of a few elements whole; the later ones grow for long headers.
+constexpr size_t kFirstBlock = 4096, kLargestBlock = 65536;
 // Kept values are header text: a longer one is read by DCMTK.
 constexpr quint32 kLongestKept = 1u << 20;
 // Sequences nest a few levels in real files.
@@ -123,7 +124,8 @@ public:
             return nullptr;
         if (offset >= m_start && offset + n <= m_start + m_filled)
             return m_buffer.data() + (offset - m_start);
-        const size_t want = size_t(std::min<quint64>(std::max(n, kBlock), m_size - offset));
+        const size_t want = size_t(std::min<quint64>(std::max(n, m_block), m_size - offset));
+        m_block = std::min(m_block * 2, kLargestBlock);
         if (m_buffer.size() < want)
             m_buffer.resize(want);
         size_t got = 0;
@@ -174,6 +176,7 @@ private:
     std::vector<unsigned char> m_buffer;
     quint64 m_start = 0;
     size_t m_filled = 0;
+    size_t m_block = kFirstBlock;
 };
 
 namespace {

@@ -1,9 +1,12 @@
 #pragma once
 
 #include "dicom/filestream_p.h"
+#include "dicom/headerscan_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
+
+#include "platform/testexport_p.h"
 
 #include <QFile>
 #include <QString>
@@ -33,5 +36,9 @@ inline Parsers makeParsers(int count)
         parsers.push_back(std::make_unique<DcmFileFormat>());
     return parsers;
 }
+
+// One header scan per worker, keeping what the import reads of a file: the identifying values and
+// the image tables' columns (HeaderScan; files it leaves are read by DCMTK).
+KESTREL_TEST_EXPORT std::vector<HeaderScan> makeScans(int count);
 
 } // namespace kestrel::internal::import

@@ -280,11 +280,18 @@ void QDcmFiles::importSeries(int seriesIndex, qint64 seriesPk, const QString& se
         toRead += !stored[k] && !filled[k];
     const int workers = toRead > 1 ? m_workers : 1;
     Parsers parsers = makeParsers(workers);
+    std::vector<HeaderScan> scans = makeScans(workers);
 #pragma omp parallel for schedule(static) num_threads(workers) if (toRead > 1)
     for (int i = 0; i < count; ++i) {
         if (stored[size_t(i)] || filled[size_t(i)])
             continue;
-        DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();
+        const int worker = omp_get_thread_num();
+        HeaderScan& scan = scans[size_t(worker)];
+        if (scan.scan(QFile::encodeName(fact(i).path))) {
+            readImageRecords(&formats[size_t(i)], &pixs[size_t(i)], &infos[size_t(i)], scan);
+            continue;
+        }
+        DcmFileFormat* parser = parsers[size_t(worker)].get();
         if (!loadHeader(parser, fact(i).path, kRecordReadLength))
             continue;
         readImageRecords(&formats[size_t(i)], &pixs[size_t(i)], &infos[size_t(i)], parser->getDataset());

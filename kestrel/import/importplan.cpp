@@ -3,6 +3,9 @@
 #include "catalog/identity_p.h"
 #include "dicom/dcmvalues_p.h"
 #include "dicom/headerscan_p.h"
+#include "import/headerread_p.h"
+#include "import/imagerecordfill_p.h"
+#include "import/importrecords_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -58,6 +61,17 @@ bool readFacts(const HeaderScan& scan, FileFacts& facts)
     facts.studyUID = scan.string(code(DCM_StudyInstanceUID)).trimmed();
     facts.instanceNumber = number;
     return true;
+}
+
+std::vector<HeaderScan> makeScans(int count)
+{
+    std::vector<quint32> wanted = factTags();
+    for (quint32 tag : records::columnTags(imageTables()))
+        wanted.push_back(tag);
+    std::vector<HeaderScan> scans(size_t(qMax(1, count)));
+    for (HeaderScan& scan : scans)
+        scan.setWanted(wanted);
+    return scans;
 }
 
 void readIdentity(DcmItem* item, FileFacts& facts)

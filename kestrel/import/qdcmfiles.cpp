@@ -288,12 +288,7 @@ void QDcmFiles::readingPass(const QList<QString>& files, std::vector<std::unique
     std::vector<ImageRecords> records(prefetch ? size_t(count) : 0);
     std::vector<import::FileFacts> facts(static_cast<size_t>(count));
     // Most headers are read without DCMTK (HeaderScan), the others by DCMTK as always.
-    std::vector<HeaderScan> scans(parsers.size());
-    std::vector<quint32> wanted = import::factTags();
-    for (quint32 tag : records::columnTags(imageTables()))
-        wanted.push_back(tag);
-    for (HeaderScan& scan : scans)
-        scan.setWanted(wanted);
+    std::vector<HeaderScan> scans = makeScans(int(parsers.size()));
 #pragma omp parallel for schedule(static) num_threads(int(parsers.size())) reduction(+ : unreadable)
     for (int i = 0; i < count; ++i) {
         DcmFileFormat* parser = parsers[size_t(omp_get_thread_num())].get();

@@ -5,9 +5,9 @@
 #include "testcatalog.h"
 
 #include "dicom/headerscan_p.h"
+#include "import/headerread_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/importplan_p.h"
-#include "import/importrecords_p.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -119,12 +119,7 @@ bool readByDcmtk(const QString& path, QStringList* view)
 
 HeaderScan importScan()
 {
-    HeaderScan scan;
-    std::vector<quint32> wanted = import::factTags();
-    for (quint32 tag : kestrel::internal::records::columnTags(kestrel::internal::imageTables()))
-        wanted.push_back(tag);
-    scan.setWanted(wanted);
-    return scan;
+    return import::makeScans(1).front();
 }
 
 bool readByScan(HeaderScan& scan, const QString& path, QStringList* view)

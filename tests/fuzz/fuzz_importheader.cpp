@@ -5,9 +5,9 @@
 #include "qdcmfiles.h"
 
 #include "dicom/headerscan_p.h"
+#include "import/headerread_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/importplan_p.h"
-#include "import/importrecords_p.h"
 
 #include <cstdlib>
 
@@ -24,14 +24,7 @@ public:
     void compareScan(const QString& path)
     {
         using namespace kestrel::internal;
-        static HeaderScan scan = [] {
-            HeaderScan s;
-            std::vector<quint32> wanted = import::factTags();
-            for (quint32 tag : records::columnTags(imageTables()))
-                wanted.push_back(tag);
-            s.setWanted(wanted);
-            return s;
-        }();
+        static HeaderScan scan = import::makeScans(1).front();
         import::FileFacts fast, slow;
         if (!scan.scan(QFile::encodeName(path)) || !import::readFacts(scan, fast))
             return;
