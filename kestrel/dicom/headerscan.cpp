@@ -369,13 +369,12 @@ bool HeaderScan::walk(Reader& in)
             return false;
         last = h.tag;
         if (h.tag == kPixelData) {
-            // The pixel data ends the file: what would follow is DCMTK's to judge.
-            quint64 after = 0;
+            // Skipped (fragment by fragment when compressed); what follows (padding) is walked on.
             if (h.length != kUndefined)
-                after = h.value + h.length;
-            else if (!xfer.isEncapsulated() || h.vr != vrCode('O', 'B') || !fragments(in, h.value, &after))
+                pos = h.value + h.length;
+            else if (!xfer.isEncapsulated() || h.vr != vrCode('O', 'B') || !fragments(in, h.value, &pos))
                 return false;
-            return after == in.size();
+            continue;
         }
         if (h.vr == vrCode('S', 'Q')) {
             if (!sequenceBody(in, h.value, h.length, &pos, 0))

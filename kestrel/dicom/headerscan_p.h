@@ -13,7 +13,7 @@
 // the elements once without building them and keeps the values of the attributes asked for, as
 // DCMTK would give them. Everything it does not read exactly as DCMTK does (other encodings, odd
 // lengths, elements out of order, unknown VRs, values with NUL bytes, text in binary VRs, a file
-// that ends early or goes on after the pixel data, ...) makes it decline: the caller then reads the
+// that ends early or with bytes that are no element, ...) makes it decline: the caller then reads the
 // file with DCMTK, which also decides whether the file is readable at all. Importing a folder reads
 // most of its headers here, at several times DCMTK's pace.
 namespace kestrel::internal {

@@ -280,6 +280,8 @@ private slots:
         QTest::addRow("cut in a header") << fileStart().element(0x10, 0x10, "PN", "ab").bytes.chopped(3);
         QTest::addRow("cut in the pixel data") << withPixels(fileStart()).chopped(2);
         QTest::addRow("bytes after the pixel data") << withPixels(fileStart()) + QByteArray(8, '\0');
+        QTest::addRow("element out of order after the pixel data")
+                << Raw{withPixels(fileStart())}.element(0x10, 0x10, "PN", "ab").bytes;
         QTest::addRow("sequence longer than its items")
                 << withPixels(fileStart().element(0x08, 0x1140, "SQ", QByteArray(), 16).mark(0xE000, 0));
         QTest::addRow("sequence without its end")
@@ -299,8 +301,8 @@ private slots:
         QVERIFY(!scan.scan(encoded(dir.filePath("missing.dcm"))));
     }
 
-    // Sequences nested both ways and compressed pixel data are walked, not left to DCMTK; the
-    // records are DCMTK's.
+    // Sequences nested both ways, compressed pixel data and padding after the pixel data are walked,
+    // not left to DCMTK; the records are DCMTK's.
     void structures()
     {
         QTemporaryDir dir;
@@ -326,6 +328,11 @@ private slots:
             QVERIFY(file.saveFile(encoded(path).constData(), EXS_LittleEndianExplicit, lengths).good());
             files << path;
         }
+        QFile plainFile(plain);
+        QVERIFY(plainFile.open(QIODevice::ReadOnly));
+        const QString padded = dir.filePath("padded.dcm");
+        QVERIFY(save(padded, Raw{plainFile.readAll()}.element(0xFFFC, 0xFFFC, "OB", QByteArray(16, '\0')).bytes));
+        files << padded;
         Encapsulated layout;
         layout.frames << encodeOpenJpeg(QVector<quint16>(32 * 32, 100), 32, 32, 1, false);
         layout.pieces = 3;
