@@ -2,6 +2,7 @@
 
 #include "dicom/dcmvalues_p.h"
 #include "dicom/filestream_p.h"
+#include "dicom/headerscan_p.h"
 #include "network/dcmnetwork_p.h"
 #include "platform/fileplacement_p.h"
 
@@ -343,7 +344,7 @@ OFCondition QDcmStorageSCPPrivate::storeObject(T_DIMSE_C_StoreRQ& request, T_ASC
         return cond;
     }
     DcmFileFormat received;
-    const bool readable = kestrel::internal::guardedRead([&] {
+    const bool readable = scanReceived(part, received.getDataset()) || kestrel::internal::guardedRead([&] {
         const OFCondition loaded = kestrel::internal::loadDicomFile(received, QFile::encodeName(part), 4096);
         // What the naming and the announcement read, in memory before the part file is gone.
         for (const DcmTagKey& tag : {DCM_SeriesInstanceUID, DCM_SeriesDate, DCM_SOPClassUID, DCM_SOPInstanceUID}) {
@@ -366,6 +367,48 @@ OFCondition QDcmStorageSCPPrivate::storeObject(T_DIMSE_C_StoreRQ& request, T_ASC
         notifyInstanceStored(OFString(QFile::encodeName(placed).constData()), request.AffectedSOPClassUID,
                              request.AffectedSOPInstanceUID, received.getDataset());
     return cond;
+}
+
+namespace {
+
+// What naming and announcing a received object read of it, with the VR each is read as.
+const std::pair<DcmTagKey, const char*> kReadBack[] = {{DCM_SeriesInstanceUID, "UI"}, {DCM_SeriesDate, "DA"},
+                                                       {DCM_SOPClassUID, "UI"}, {DCM_SOPInstanceUID, "UI"}};
+
+quint32 tagCode(const DcmTagKey& key)
+{
+    return (quint32(key.getGroup()) << 16) | key.getElement();
+}
+
+} // namespace
+
+bool QDcmStorageSCPPrivate::scanReceived(const QString& part, DcmDataset* dataset)
+{
+    // Most objects come as the header scan reads them: their few values go into a data set of
+    // their own instead of DCMTK parsing the whole object again. Others are parsed by DCMTK.
+    thread_local kestrel::internal::HeaderScan scan = [] {
+        kestrel::internal::HeaderScan made;
+        std::vector<quint32> tags;
+        for (const auto& [tag, vr] : kReadBack)
+            tags.push_back(tagCode(tag));
+        made.setWanted(tags);
+        return made;
+    }();
+    if (!scan.scan(QFile::encodeName(part)))
+        return false;
+    for (const auto& [tag, vr] : kReadBack) {
+        const kestrel::internal::HeaderScan::Value* value = scan.find(tagCode(tag));
+        if (value && (value->vr[0] != vr[0] || value->vr[1] != vr[1]))
+            return false;
+    }
+    std::string text;
+    for (const auto& [tag, vr] : kReadBack) {
+        const kestrel::internal::HeaderScan::Value* value = scan.find(tagCode(tag));
+        if (value && (!kestrel::internal::HeaderScan::text(*value, -1, &text) ||
+                      dataset->putAndInsertString(tag, text.c_str()).bad()))
+            return false;
+    }
+    return true;
 }
 
 Uint16 QDcmStorageSCPPrivate::placeReceived(const T_DIMSE_C_StoreRQ& request, const QString& part, DcmDataset* dataset,

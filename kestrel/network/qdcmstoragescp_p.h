@@ -96,6 +96,9 @@ private:
     // sharing a receiving folder never leave a half-written or overwritten file; another object
     // under the same name gets a name of its own.
     OFCondition storeObject(T_DIMSE_C_StoreRQ& request, T_ASC_PresentationContextID presentationContext);
+    // The values naming and announcing need, read by the header scan into DATASET; false when the
+    // scan leaves the file to DCMTK.
+    static bool scanReceived(const QString& part, DcmDataset* dataset);
     // Where the received file PART belongs (DCMTK's directory and file naming), put there; the
     // C-STORE status. PLACED gets the final name.
     Uint16 placeReceived(const T_DIMSE_C_StoreRQ& request, const QString& part, DcmDataset* dataset, QString& placed);

@@ -263,6 +263,10 @@ private slots:
         const QString uidA = saved.at(0).at(3).toString(), uidB = saved.at(nA).at(3).toString();
         QVERIFY(uidA != uidB);
         QCOMPARE(saved.at(nA + 1).at(3).toString(), uidB); // announced under the previous object's series
+        // Filed under the series date the object carries (read back from each received file).
+        const QString dated = "/data/" + QDate::fromString(base.seriesDate, "yyyyMMdd").toString("yyyy/MM/dd") + "/";
+        for (int i = nA; i < nA + 2; ++i)
+            QVERIFY2(saved.at(i).at(0).toString().contains(dated), qPrintable(saved.at(i).at(0).toString()));
         for (const QList<QVariant>& args : qAsConst(saved)) {
             QVERIFY2(QFileInfo::exists(args.at(0).toString()), qPrintable(args.at(0).toString()));
             QVERIFY(args.at(0).toString().startsWith(
