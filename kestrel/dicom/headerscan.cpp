@@ -1,6 +1,9 @@
 #include "dicom/headerscan_p.h"
 
 #include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdict.h>
+#include <dcmtk/dcmdata/dcdicent.h>
+#include <dcmtk/dcmdata/dcvr.h>
 #include <dcmtk/dcmdata/dcxfer.h>
 
 #include <algorithm>
@@ -86,6 +89,8 @@ bool textVr(quint16 vr)
     }
 }
 
+using Creators = HeaderScan::Creators;
+
 struct Header {
     quint32 tag = 0;
     quint16 vr = 0;
@@ -140,8 +145,13 @@ public:
         return got >= n ? m_buffer.data() : nullptr;
     }
 
-    // The element header at POS (explicit VR little endian); items and delimiters have no VR.
-    bool header(quint64 pos, Header* h)
+    // Implicit VR little endian: each element's VR is the dictionary's (VRS caches it).
+    bool implicit = false;
+    HeaderScan::Dictionary* vrs = nullptr;
+
+    // The element header at POS; items and delimiters have no VR. CREATORS are the private
+    // creators of the item or data set the element is in (implicit VR only).
+    bool header(quint64 pos, Header* h, Creators* creators)
     {
         const unsigned char* p = at(pos, 8);
         if (!p)
@@ -152,6 +162,25 @@ public:
             h->length = u32(p + 4);
             h->value = pos + 8;
             return true;
+        }
+        if (implicit) {
+            if (!creators)
+                return false;
+            h->length = u32(p + 4);
+            h->value = pos + 8;
+            h->vr = vrs->vr(h->tag, *creators);
+            if ((h->tag >> 16) & 1u && (h->tag & 0xFFFFu) >= 0x10u && (h->tag & 0xFFFFu) <= 0xFFu) {
+                // A private creator: the VR of its block's elements depends on it.
+                const unsigned char* v = h->length <= 256 ? at(h->value, h->length) : nullptr;
+                if (!v)
+                    return false;
+                std::string name(reinterpret_cast<const char*>(v), h->length);
+                const size_t first = name.find_first_not_of(' '), last = name.find_last_not_of(' ');
+                name = first == std::string::npos ? std::string() : name.substr(first, last - first + 1);
+                const quint32 block = (h->tag & 0xFFFF0000u) | (h->tag & 0xFFu);
+                creators->emplace_back(block, std::move(name));
+            }
+            return h->length == kUndefined || (h->length & 1u) == 0;
         }
         h->vr = vrCode(char(p[4]), char(p[5]));
         if (!knownVr(h->vr))
@@ -185,19 +214,26 @@ using Reader = HeaderScan::Reader;
 
 bool sequenceBody(Reader& in, quint64 pos, quint32 length, quint64* after, int depth);
 
+// Whether the element H holds items. An undefined length elsewhere is DCMTK's to read.
+bool isSequence(const Header& h)
+{
+    return h.vr == vrCode('S', 'Q');
+}
+
 // The elements of one item, from POS up to END (or up to the item's end mark when the length is
 // undefined).
 bool itemBody(Reader& in, quint64 pos, quint32 length, quint64* after, int depth)
 {
     const bool bounded = length != kUndefined;
     const quint64 end = bounded ? pos + length : 0;
+    Creators creators;
     for (;;) {
         if (bounded && pos == end) {
             *after = end;
             return true;
         }
         Header h;
-        if (!in.header(pos, &h))
+        if (!in.header(pos, &h, &creators))
             return false;
         if (!bounded && h.tag == kItemEnd) {
             *after = h.value;
@@ -205,7 +241,7 @@ bool itemBody(Reader& in, quint64 pos, quint32 length, quint64* after, int depth
         }
         if ((h.tag >> 16) == 0xFFFEu)
             return false;
-        if (h.vr == vrCode('S', 'Q')) {
+        if (isSequence(h)) {
             if (!sequenceBody(in, h.value, h.length, &pos, depth + 1))
                 return false;
         } else {
@@ -231,7 +267,7 @@ bool sequenceBody(Reader& in, quint64 pos, quint32 length, quint64* after, int d
             return true;
         }
         Header h;
-        if (!in.header(pos, &h))
+        if (!in.header(pos, &h, nullptr))
             return false;
         if (!bounded && h.tag == kSequenceEnd) {
             *after = h.value;
@@ -249,7 +285,7 @@ bool fragments(Reader& in, quint64 pos, quint64* after)
 {
     for (;;) {
         Header h;
-        if (!in.header(pos, &h))
+        if (!in.header(pos, &h, nullptr))
             return false;
         if (h.tag == kSequenceEnd) {
             *after = h.value;
@@ -337,7 +373,7 @@ bool HeaderScan::walk(Reader& in)
         if (u16(p) != 0x0002)
             break;
         Header h;
-        if (!in.header(pos, &h) || h.length == kUndefined || (last && h.tag <= last))
+        if (!in.header(pos, &h, nullptr) || h.length == kUndefined || (last && h.tag <= last))
             return false;
         last = h.tag;
         if (h.tag == 0x00020000u) {
@@ -357,15 +393,19 @@ bool HeaderScan::walk(Reader& in)
     if (metaEnd && metaEnd != pos)
         return false;
     const DcmXfer xfer(transferSyntax.c_str());
-    if (xfer.getXfer() == EXS_Unknown || !xfer.isExplicitVR() || !xfer.isLittleEndian() ||
+    const bool implicit = xfer.getXfer() == EXS_LittleEndianImplicit;
+    if (xfer.getXfer() == EXS_Unknown || (!xfer.isExplicitVR() && !implicit) || !xfer.isLittleEndian() ||
         xfer.getStreamCompression() != ESC_none)
         return false;
+    in.implicit = implicit;
+    in.vrs = &m_dictionary;
+    Creators creators;
 
     // The data set, in ascending tag order, each element once.
     last = 0;
     while (pos < in.size()) {
         Header h;
-        if (!in.header(pos, &h) || h.tag <= last || (h.tag >> 16) < 0x0008u || (h.tag >> 16) == 0xFFFEu)
+        if (!in.header(pos, &h, &creators) || h.tag <= last || (h.tag >> 16) < 0x0008u || (h.tag >> 16) == 0xFFFEu)
             return false;
         last = h.tag;
         if (h.tag == kPixelData) {
@@ -376,7 +416,7 @@ bool HeaderScan::walk(Reader& in)
                 return false;
             continue;
         }
-        if (h.vr == vrCode('S', 'Q')) {
+        if (isSequence(h)) {
             if (!sequenceBody(in, h.value, h.length, &pos, 0))
                 return false;
             continue;
@@ -396,6 +436,39 @@ bool HeaderScan::walk(Reader& in)
         pos = h.value + h.length;
     }
     return pos == in.size();
+}
+
+quint16 HeaderScan::Dictionary::vr(quint32 tag, const Creators& creators)
+{
+    const quint16 group = quint16(tag >> 16), element = quint16(tag & 0xFFFFu);
+    const std::string* creator = nullptr;
+    if ((group & 1u) && element >= 0x1000u) {
+        const quint32 block = (tag & 0xFFFF0000u) | (element >> 8);
+        for (const auto& [reserved, name] : creators)
+            if (reserved == block) {
+                creator = &name;
+                break;
+            }
+    }
+    quint16* known = nullptr;
+    if (creator) {
+        const auto at = m_private.find({tag, *creator});
+        if (at != m_private.end())
+            return at->second;
+        known = &m_private[{tag, *creator}];
+    } else {
+        const auto at = m_public.find(tag);
+        if (at != m_public.end())
+            return at->second;
+        known = &m_public[tag];
+    }
+    const DcmDataDictionary& dictionary = dcmDataDict.rdlock();
+    const DcmDictEntry* entry = dictionary.findEntry(DcmTagKey(group, element), creator ? creator->c_str() : nullptr);
+    const DcmEVR evr = entry ? entry->getEVR() : EVR_UN;
+    dcmDataDict.rdunlock();
+    const char* name = DcmVR(evr).getVRName();
+    *known = name && name[0] && name[1] ? vrCode(name[0], name[1]) : vrCode('U', 'N');
+    return *known;
 }
 
 const HeaderScan::Value* HeaderScan::find(quint32 tag) const

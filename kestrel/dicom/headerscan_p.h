@@ -5,11 +5,14 @@
 #include <QByteArray>
 #include <QString>
 
+#include <map>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
-// A header reader for the files most folders are made of, beside DCMTK's: explicit VR little
-// endian data sets (the encapsulated transfer syntaxes included) behind a file meta header. It walks
+// A header reader for the files most folders are made of, beside DCMTK's: little endian data sets,
+// explicit VR (the encapsulated transfer syntaxes included) or implicit, behind a file meta header. It walks
 // the elements once without building them and keeps the values of the attributes asked for, as
 // DCMTK would give them. Everything it does not read exactly as DCMTK does (other encodings, odd
 // lengths, elements out of order, unknown VRs, values with NUL bytes, text in binary VRs, a file
@@ -45,12 +48,26 @@ public:
 
     class Reader; // the file, read in blocks
 
+    // Private creators of one data set or item: (group << 16 | block, creator).
+    using Creators = std::vector<std::pair<quint32, std::string>>;
+    // VRs of DCMTK's data dictionary (private ones by creator) for implicit VR files, each looked
+    // up once: the lookups take the dictionary's lock.
+    class Dictionary
+    {
+    public:
+        quint16 vr(quint32 tag, const Creators& creators); // two characters, "UN" when unknown
+    private:
+        std::unordered_map<quint32, quint16> m_public;
+        std::map<std::pair<quint32, std::string>, quint16> m_private;
+    };
+
 private:
     bool walk(Reader& in);
     bool wanted(quint32 tag) const;
 
     std::vector<quint32> m_wanted; // sorted
     std::vector<Value> m_values;
+    Dictionary m_dictionary;
 };
 
 } // namespace kestrel::internal

@@ -267,7 +267,7 @@ private slots:
         const QByteArray pixels(64, '\7');
         auto withPixels = [&](Raw r) { return r.element(0x7FE0, 0x10, "OW", pixels).bytes; };
         QTest::addRow("no preamble") << fileStart().bytes.mid(132);
-        QTest::addRow("implicit VR") << withPixels(fileStart("1.2.840.10008.1.2"));
+        QTest::addRow("explicit VR data set under an implicit VR header") << withPixels(fileStart("1.2.840.10008.1.2"));
         QTest::addRow("big endian") << withPixels(fileStart("1.2.840.10008.1.2.2"));
         QTest::addRow("deflated") << withPixels(fileStart("1.2.840.10008.1.2.1.99"));
         QTest::addRow("odd length") << withPixels(fileStart().element(0x10, 0x10, "PN", "abc"));
@@ -301,8 +301,8 @@ private slots:
         QVERIFY(!scan.scan(encoded(dir.filePath("missing.dcm"))));
     }
 
-    // Sequences nested both ways, compressed pixel data and padding after the pixel data are walked,
-    // not left to DCMTK; the records are DCMTK's.
+    // Sequences nested both ways (a private one too) in explicit and implicit VR, compressed pixel
+    // data and padding after the pixel data are walked, not left to DCMTK; the records are DCMTK's.
     void structures()
     {
         QTemporaryDir dir;
@@ -313,6 +313,7 @@ private slots:
         const QString plain = dir.filePath("plain.dcm");
         QVERIFY(writeSyntheticImage(plain, image));
         QStringList files{plain};
+        for (const E_TransferSyntax xfer : {EXS_LittleEndianExplicit, EXS_LittleEndianImplicit})
         for (const E_EncodingType lengths : {EET_ExplicitLength, EET_UndefinedLength}) {
             DcmFileFormat file;
             QVERIFY(file.loadFile(encoded(plain).constData()).good());
@@ -324,8 +325,15 @@ private slots:
             inner->putAndInsertString(DCM_CodeMeaning, "x");
             DcmItem* empty = nullptr;
             QVERIFY(file.getDataset()->findOrCreateSequenceItem(DCM_SourceImageSequence, empty, -2).good());
-            const QString path = dir.filePath(lengths == EET_ExplicitLength ? "defined.dcm" : "undefined.dcm");
-            QVERIFY(file.saveFile(encoded(path).constData(), EXS_LittleEndianExplicit, lengths).good());
+            if (xfer == EXS_LittleEndianImplicit) {
+                // A private sequence, known to DCMTK's dictionary under its creator only.
+                file.getDataset()->putAndInsertString(DcmTagKey(0x0009, 0x0010), "DCMTK_ANONYMIZER");
+                DcmItem* map = nullptr;
+                QVERIFY(file.getDataset()->findOrCreateSequenceItem(DcmTagKey(0x0009, 0x1000), map, -2).good());
+                map->putAndInsertString(DCM_ReferencedSOPInstanceUID, "1.2.3.4.6");
+            }
+            const QString path = dir.filePath(QString("%1-%2.dcm").arg(xfer).arg(lengths));
+            QVERIFY(file.saveFile(encoded(path).constData(), xfer, lengths).good());
             files << path;
         }
         QFile plainFile(plain);
