@@ -145,10 +145,12 @@ void readMRImageInfo(MRImageInfo* record, DcmItem* item)
     record->sopInstanceUID = dcmString(item, DCM_SOPInstanceUID);
 }
 
-void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, DcmItem* item)
+namespace {
+
+// The three records from the tables' VALUES (as readColumns gives them) and the file's SOP.
+void fillImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, QVector<QVector<QVariant>> values,
+                      const QString& sop)
 {
-    QVector<QVector<QVariant>> values = records::readColumns(imageTables(), item);
-    const QString sop = dcmString(item, DCM_SOPInstanceUID);
     format->values = std::move(values[0]);
     pix->values = std::move(values[1]);
     info->values = std::move(values[2]);
@@ -157,16 +159,17 @@ void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, Dcm
     info->sopInstanceUID = sop;
 }
 
+} // namespace
+
+void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, DcmItem* item)
+{
+    fillImageRecords(format, pix, info, records::readColumns(imageTables(), item), dcmString(item, DCM_SOPInstanceUID));
+}
+
 void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, const HeaderScan& scan)
 {
-    QVector<QVector<QVariant>> values = records::readColumns(imageTables(), scan);
-    const QString sop = scan.string((quint32(DCM_SOPInstanceUID.getGroup()) << 16) | DCM_SOPInstanceUID.getElement());
-    format->values = std::move(values[0]);
-    pix->values = std::move(values[1]);
-    info->values = std::move(values[2]);
-    finishImageFormat(format, sop);
-    finishImagePix(pix, sop);
-    info->sopInstanceUID = sop;
+    const quint32 sop = (quint32(DCM_SOPInstanceUID.getGroup()) << 16) | DCM_SOPInstanceUID.getElement();
+    fillImageRecords(format, pix, info, records::readColumns(imageTables(), scan), scan.string(sop));
 }
 
 const QStringList& imageTables()
