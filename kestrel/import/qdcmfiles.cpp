@@ -2,10 +2,10 @@
 
 #include "catalog/catalogschema_p.h"
 #include "dicom/dcmvalues_p.h"
+#include "dicom/headerscan_p.h"
 #include "import/imagerecordfill_p.h"
 #include "import/importrecords_p.h"
 #include "import/importstate_p.h"
-#include "dicom/headerscan_p.h"
 #include "import/headerread_p.h"
 #include "catalog/connection_p.h"
 #include "catalog/statement_p.h"
