@@ -325,9 +325,8 @@ bool keptValue(quint16 vr, const unsigned char* p, quint32 length, std::string* 
                 return false;
         return true;
     }
-    if (out->find('\0') != std::string::npos)
-        return false;
-    // DCMTK drops the trailing spaces of every text value as it reads it.
+    // DCMTK drops the trailing spaces of every text value as it reads it (NULs stay, and stop the
+    // trimming of the values they end).
     trimTrailing(*out, false);
     return true;
 }
@@ -542,7 +541,8 @@ QString HeaderScan::string(quint32 tag, int pos) const
     std::string text;
     if (!v || !HeaderScan::text(*v, pos, &text))
         return QString();
-    return QString::fromLatin1(text.data(), int(text.size()));
+    // Up to a NUL, as dcmString reads it.
+    return QString::fromLatin1(text.data(), int(qstrnlen(text.data(), uint(text.size()))));
 }
 
 } // namespace kestrel::internal

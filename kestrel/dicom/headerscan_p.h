@@ -15,7 +15,7 @@
 // explicit VR (the encapsulated transfer syntaxes included) or implicit, behind a file meta header. It walks
 // the elements once without building them and keeps the values of the attributes asked for, as
 // DCMTK would give them. Everything it does not read exactly as DCMTK does (other encodings, odd
-// lengths, elements out of order, unknown VRs, values with NUL bytes, text in binary VRs, a file
+// lengths, elements out of order, unknown VRs, UIDs with NUL bytes inside, text in binary VRs, a file
 // that ends early or with bytes that are no element, ...) makes it decline: the caller then reads the
 // file with DCMTK, which also decides whether the file is readable at all. Importing a folder reads
 // most of its headers here, at several times DCMTK's pace.
@@ -43,7 +43,7 @@ public:
     // Value number POS of V (-1: the whole value, multiple values with their "\"), as DCMTK's
     // getOFString / getOFStringArray give it. False when V has no value POS.
     static bool text(const Value& v, int pos, std::string* out);
-    // Value POS of the attribute TAG as text, Latin-1 (empty when absent); dcmString's twin.
+    // Value POS of the attribute TAG as text up to a NUL, Latin-1 (empty when absent); dcmString's twin.
     QString string(quint32 tag, int pos = 0) const;
 
     class Reader; // the file, read in blocks

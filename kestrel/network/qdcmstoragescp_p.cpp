@@ -404,7 +404,8 @@ bool QDcmStorageSCPPrivate::scanReceived(const QString& part, DcmDataset* datase
     std::string text;
     for (const auto& [tag, vr] : kReadBack) {
         const kestrel::internal::HeaderScan::Value* value = scan.find(tagCode(tag));
-        if (value && (!kestrel::internal::HeaderScan::text(*value, -1, &text) ||
+        // A value with a NUL would not go into the data set whole: DCMTK reads that object.
+        if (value && (!kestrel::internal::HeaderScan::text(*value, -1, &text) || text.find('\0') != std::string::npos ||
                       dataset->putAndInsertString(tag, text.c_str()).bad()))
             return false;
     }

@@ -194,16 +194,20 @@ private slots:
                       {"spaces around values", " a \\  b  \\c ", true},
                       {"empty values", "\\\\x ", true},
                       {"only spaces", "    ", true},
-                      {"tab", "ab\t ", false},
-                      {"inner NUL", QByteArray("a\0b ", 4), false},
-                      {"NUL padding", QByteArray("ab\0\0", 4), false},
-                      {"space then NUL", QByteArray("ab \0", 4), false},
+                      {"tab", "ab\t ", true},
+                      {"inner NUL", QByteArray("a\0b ", 4), true},
+                      {"NUL padding", QByteArray("ab\0\0", 4), true},
+                      {"space then NUL", QByteArray("ab \0", 4), true},
+                      {"NUL then space", QByteArray("a \0\\b ", 6), true},
                       {"empty", "", true}};
         for (const auto& kind : kinds)
             for (const auto& value : values) {
                 const bool uid = qstrcmp(kind.vr, "UI") == 0;
-                // Spaces inside a UID are DCMTK's to drop (with a warning).
-                const bool clean = value.clean && !(uid && QByteArray(value.value).trimmed().contains(' '));
+                // White space and NULs inside a UID are DCMTK's to drop (with a warning).
+                QByteArray inside = value.value;
+                while (inside.endsWith(' ') || inside.endsWith('\0'))
+                    inside.chop(1);
+                const bool clean = value.clean && !(uid && (inside.contains(' ') || inside.contains('\t') || inside.contains('\0')));
                 QTest::addRow("%s %s", kind.vr, value.name) << QByteArray(kind.vr) << code(kind.tag) << value.value << clean;
             }
         QTest::addRow("UI NUL padding") << QByteArray("UI") << code(DCM_SeriesInstanceUID) << QByteArray("1.2.3\0", 6) << true;
@@ -302,7 +306,8 @@ private slots:
     }
 
     // Sequences nested both ways (a private one too) in explicit and implicit VR, compressed pixel
-    // data and padding after the pixel data are walked, not left to DCMTK; the records are DCMTK's.
+    // data, padding after the pixel data and NUL-padded text are read, not left to DCMTK; the
+    // records are DCMTK's.
     void structures()
     {
         QTemporaryDir dir;
@@ -341,6 +346,22 @@ private slots:
         const QString padded = dir.filePath("padded.dcm");
         QVERIFY(save(padded, Raw{plainFile.readAll()}.element(0xFFFC, 0xFFFC, "OB", QByteArray(16, '\0')).bytes));
         files << padded;
+        // Text padded with NULs, as some writers pad it: the records still read as DCMTK's.
+        const QString nulPadded = dir.filePath("nulpadded.dcm");
+        QVERIFY(save(nulPadded, fileStart()
+                                        .element(0x08, 0x18, "UI", QByteArray("1.2.3.4.7\0", 10))
+                                        .element(0x08, 0x60, "CS", QByteArray("MR", 2))
+                                        .element(0x08, 0x80, "LO", QByteArray("Klinik\0\0", 8))
+                                        .element(0x10, 0x10, "PN", QByteArray("A^B \0 ", 6))
+                                        .element(0x10, 0x20, "LO", QByteArray("ID7\0", 4))
+                                        .element(0x18, 0x50, "DS", QByteArray("1.5\0\0\0", 6))
+                                        .element(0x20, 0x0d, "UI", QByteArray("1.2.3.5\0", 8))
+                                        .element(0x20, 0x0e, "UI", QByteArray("1.2.3.6\0", 8))
+                                        .element(0x20, 0x13, "IS", QByteArray("3\0", 2))
+                                        .element(0x20, 0x32, "DS", QByteArray("1\\2\0\\3\0", 8))
+                                        .element(0x7FE0, 0x10, "OW", QByteArray(32, '\1'))
+                                        .bytes));
+        files << nulPadded;
         Encapsulated layout;
         layout.frames << encodeOpenJpeg(QVector<quint16>(32 * 32, 100), 32, 32, 1, false);
         layout.pieces = 3;
