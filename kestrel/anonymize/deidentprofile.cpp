@@ -1,5 +1,6 @@
 #include "anonymize/deidentprofile_p.h"
 
+#include "dicom/dcmvalues_p.h"
 #include "kestrelpaths.h"
 
 #include <QFile>
@@ -14,11 +15,6 @@
 namespace kestrel::internal {
 
 namespace {
-
-quint32 key(const DcmTagKey& tag)
-{
-    return (quint32(tag.getGroup()) << 16) | tag.getElement();
-}
 
 QString privateKey(quint16 group, const QString& creator, quint8 element)
 {
@@ -120,7 +116,7 @@ Status DeidentProfile::load(const QString& path)
             row.retain |= retainNames.value(name.trimmed());
         }
         if (const auto m = publicTag.match(fields.at(0)); m.hasMatch())
-            m_rows.insert(key(DcmTagKey(quint16(m.captured(1).toUInt(nullptr, 16)), quint16(m.captured(2).toUInt(nullptr, 16)))), row);
+            m_rows.insert(dcmTagCode(DcmTagKey(quint16(m.captured(1).toUInt(nullptr, 16)), quint16(m.captured(2).toUInt(nullptr, 16)))), row);
         else if (const auto p = privateTag.match(fields.at(0)); p.hasMatch())
             m_safePrivate.insert(privateKey(quint16(p.captured(1).toUInt(nullptr, 16)), p.captured(2), quint8(p.captured(3).toUInt(nullptr, 16))));
         else
@@ -133,7 +129,7 @@ Status DeidentProfile::load(const QString& path)
 
 DeidentAction DeidentProfile::action(const DcmTagKey& tag, DcmEVR vr, const DeidentOptions& options) const
 {
-    const auto it = m_rows.constFind(key(tag));
+    const auto it = m_rows.constFind(dcmTagCode(tag));
     if (it == m_rows.constEnd())
         return DeidentAction::Keep;
     const int retain = it->retain;
@@ -170,7 +166,7 @@ DeidentAction DeidentProfile::action(const DcmTagKey& tag, DcmEVR vr, const Deid
 
 QString DeidentProfile::basicAction(const DcmTagKey& tag) const
 {
-    return m_rows.value(key(tag)).action;
+    return m_rows.value(dcmTagCode(tag)).action;
 }
 
 bool DeidentProfile::isSafePrivate(quint16 group, const QString& creator, quint8 element) const

@@ -25,6 +25,11 @@ int valueLength(const OFString& value)
 }
 } // namespace
 
+quint32 dcmTagCode(const DcmTagKey& tag)
+{
+    return (quint32(tag.getGroup()) << 16) | tag.getElement();
+}
+
 QString dcmString(DcmItem* item, const DcmTagKey& tag, unsigned long pos, const QString& fallback)
 {
     OFString value;

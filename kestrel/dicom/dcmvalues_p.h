@@ -16,6 +16,9 @@ class OFCondition;
 // A missing attribute gives the fallback; nothing throws.
 namespace kestrel::internal {
 
+// A tag as one number, group in the high half ("(0020,000E)" is 0x0020000E).
+KESTREL_TEST_EXPORT quint32 dcmTagCode(const DcmTagKey& tag);
+
 // True when the item holds the attribute (empty or not).
 KESTREL_TEST_EXPORT bool dcmHas(DcmItem* item, const DcmTagKey& tag);
 

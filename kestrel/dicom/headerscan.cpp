@@ -7,6 +7,7 @@
 #include <dcmtk/dcmdata/dcxfer.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -34,59 +35,47 @@ quint32 u32(const unsigned char* p) { return quint32(p[0]) | (quint32(p[1]) << 8
 constexpr quint16 vrCode(char a, char b) { return quint16((quint8(a) << 8) | quint8(b)); }
 quint16 vrCode(const char* vr) { return vrCode(vr[0], vr[1]); }
 
-// The VRs of the standard. The first group has a 32-bit length after two reserved bytes.
-bool longLength(quint16 vr)
-{
-    switch (vr) {
-    case vrCode('O', 'B'): case vrCode('O', 'D'): case vrCode('O', 'F'): case vrCode('O', 'L'):
-    case vrCode('O', 'V'): case vrCode('O', 'W'): case vrCode('S', 'Q'): case vrCode('S', 'V'):
-    case vrCode('U', 'C'): case vrCode('U', 'N'): case vrCode('U', 'R'): case vrCode('U', 'T'):
-    case vrCode('U', 'V'):
-        return true;
-    default:
-        return false;
-    }
-}
+// What the scan knows of each VR of the standard: its length field, and how its values are kept.
+enum class Text {
+    No,       // not kept as text (binary, sequence)
+    Whole,    // one value, as stored (LT, ST, UT, UR)
+    Trimmed,  // values split at "\", leading and trailing spaces dropped (AE, CS, DS, IS, LO, SH)
+    Trailing, // values split at "\", trailing spaces dropped (DA, DT, TM, PN, UC)
+    Plain     // values split at "\", kept as stored (AS, UI)
+};
+struct VrKind {
+    char name[3];
+    bool longLength;  // a 32-bit length after two reserved bytes
+    int integerSize;  // binary integers kept as text: 2 or 4 bytes a value
+    Text text;        // DCMTK's normalisation of the values, as getOFString gives them
+};
+constexpr VrKind kVrs[] = {
+    {"AE", false, 0, Text::Trimmed}, {"AS", false, 0, Text::Plain},    {"AT", false, 0, Text::No},
+    {"CS", false, 0, Text::Trimmed}, {"DA", false, 0, Text::Trailing}, {"DS", false, 0, Text::Trimmed},
+    {"DT", false, 0, Text::Trailing}, {"FD", false, 0, Text::No},      {"FL", false, 0, Text::No},
+    {"IS", false, 0, Text::Trimmed}, {"LO", false, 0, Text::Trimmed},  {"LT", false, 0, Text::Whole},
+    {"OB", true, 0, Text::No},       {"OD", true, 0, Text::No},        {"OF", true, 0, Text::No},
+    {"OL", true, 0, Text::No},       {"OV", true, 0, Text::No},        {"OW", true, 0, Text::No},
+    {"PN", false, 0, Text::Trailing}, {"SH", false, 0, Text::Trimmed}, {"SL", false, 4, Text::No},
+    {"SQ", true, 0, Text::No},       {"SS", false, 2, Text::No},       {"ST", false, 0, Text::Whole},
+    {"SV", true, 0, Text::No},       {"TM", false, 0, Text::Trailing}, {"UC", true, 0, Text::Trailing},
+    {"UI", false, 0, Text::Plain},   {"UL", false, 4, Text::No},       {"UN", true, 0, Text::No},
+    {"UR", true, 0, Text::Whole},    {"US", false, 2, Text::No},       {"UT", true, 0, Text::Whole},
+    {"UV", true, 0, Text::No},
+};
 
-bool knownVr(quint16 vr)
+// The kind of VR, null for one the standard does not have (looked up for every element: an index
+// by the two letters).
+const VrKind* vrKind(quint16 vr)
 {
-    if (longLength(vr))
-        return true;
-    switch (vr) {
-    case vrCode('A', 'E'): case vrCode('A', 'S'): case vrCode('A', 'T'): case vrCode('C', 'S'):
-    case vrCode('D', 'A'): case vrCode('D', 'S'): case vrCode('D', 'T'): case vrCode('F', 'D'):
-    case vrCode('F', 'L'): case vrCode('I', 'S'): case vrCode('L', 'O'): case vrCode('L', 'T'):
-    case vrCode('P', 'N'): case vrCode('S', 'H'): case vrCode('S', 'L'): case vrCode('S', 'S'):
-    case vrCode('S', 'T'): case vrCode('T', 'M'): case vrCode('U', 'I'): case vrCode('U', 'L'):
-    case vrCode('U', 'S'):
-        return true;
-    default:
-        return false;
-    }
-}
-
-// Binary integers kept as text, with their size.
-int integerSize(quint16 vr)
-{
-    switch (vr) {
-    case vrCode('U', 'S'): case vrCode('S', 'S'): return 2;
-    case vrCode('U', 'L'): case vrCode('S', 'L'): return 4;
-    default: return 0;
-    }
-}
-
-bool textVr(quint16 vr)
-{
-    switch (vr) {
-    case vrCode('A', 'E'): case vrCode('A', 'S'): case vrCode('C', 'S'): case vrCode('D', 'A'):
-    case vrCode('D', 'S'): case vrCode('D', 'T'): case vrCode('I', 'S'): case vrCode('L', 'O'):
-    case vrCode('L', 'T'): case vrCode('P', 'N'): case vrCode('S', 'H'): case vrCode('S', 'T'):
-    case vrCode('T', 'M'): case vrCode('U', 'C'): case vrCode('U', 'I'): case vrCode('U', 'R'):
-    case vrCode('U', 'T'):
-        return true;
-    default:
-        return false;
-    }
+    static const std::array<const VrKind*, 26 * 26> byLetters = [] {
+        std::array<const VrKind*, 26 * 26> index{};
+        for (const VrKind& kind : kVrs)
+            index[size_t((kind.name[0] - 'A') * 26 + (kind.name[1] - 'A'))] = &kind;
+        return index;
+    }();
+    const int a = (vr >> 8) - 'A', b = (vr & 0xFF) - 'A';
+    return a >= 0 && a < 26 && b >= 0 && b < 26 ? byLetters[size_t(a * 26 + b)] : nullptr;
 }
 
 using Creators = HeaderScan::Creators;
@@ -105,7 +94,8 @@ struct Header {
 class HeaderScan::Reader
 {
 public:
-    explicit Reader(const QByteArray& name)
+    // BUFFER is kept from file to file by the scanner (one allocation, not one a file).
+    Reader(const QByteArray& name, std::vector<unsigned char>& buffer) : m_buffer(buffer)
     {
         m_fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC);
         struct stat info;
@@ -183,9 +173,10 @@ public:
             return h->length == kUndefined || (h->length & 1u) == 0;
         }
         h->vr = vrCode(char(p[4]), char(p[5]));
-        if (!knownVr(h->vr))
+        const VrKind* kind = vrKind(h->vr);
+        if (!kind)
             return false;
-        if (!longLength(h->vr)) {
+        if (!kind->longLength) {
             h->length = u16(p + 6);
             h->value = pos + 8;
         } else {
@@ -202,7 +193,7 @@ public:
 private:
     int m_fd = -1;
     quint64 m_size = 0;
-    std::vector<unsigned char> m_buffer;
+    std::vector<unsigned char>& m_buffer;
     quint64 m_start = 0;
     size_t m_filled = 0;
     size_t m_block = kFirstBlock;
@@ -308,13 +299,14 @@ void trimTrailing(std::string& s, bool nulToo)
 // A value as DCMTK holds it after reading, or false where DCMTK would read it otherwise.
 bool keptValue(quint16 vr, const unsigned char* p, quint32 length, std::string* out)
 {
-    if (const int size = integerSize(vr)) {
-        if (length % quint32(size) != 0)
+    const VrKind* kind = vrKind(vr);
+    if (kind && kind->integerSize) {
+        if (length % quint32(kind->integerSize) != 0)
             return false;
         out->assign(reinterpret_cast<const char*>(p), length);
         return true;
     }
-    if (!textVr(vr))
+    if (!kind || kind->text == Text::No)
         return false;
     out->assign(reinterpret_cast<const char*>(p), length);
     if (vr == vrCode('U', 'I')) {
@@ -348,7 +340,7 @@ bool HeaderScan::wanted(quint32 tag) const
 bool HeaderScan::scan(const QByteArray& name)
 {
     m_values.clear();
-    Reader in(name);
+    Reader in(name, m_buffer);
     if (walk(in))
         return true;
     m_values.clear();
@@ -481,7 +473,10 @@ bool HeaderScan::text(const Value& v, int pos, std::string* out)
 {
     out->clear();
     const quint16 vr = vrCode(v.vr);
-    if (const int size = integerSize(vr)) {
+    const VrKind* kind = vrKind(vr);
+    if (!kind)
+        return false;
+    if (const int size = kind->integerSize) {
         const int count = int(v.bytes.size()) / size;
         if (pos >= count)
             return false;
@@ -502,18 +497,14 @@ bool HeaderScan::text(const Value& v, int pos, std::string* out)
         }
         return true;
     }
-    // Text: single-valued VRs are one value; the others split at "\", each value trimmed the way
-    // DCMTK normalises that VR.
-    const bool single = vr == vrCode('L', 'T') || vr == vrCode('S', 'T') || vr == vrCode('U', 'T') || vr == vrCode('U', 'R');
-    const bool leading = vr == vrCode('A', 'E') || vr == vrCode('C', 'S') || vr == vrCode('D', 'S') ||
-                         vr == vrCode('I', 'S') || vr == vrCode('L', 'O') || vr == vrCode('S', 'H');
-    const bool trailing = leading || vr == vrCode('D', 'A') || vr == vrCode('D', 'T') || vr == vrCode('T', 'M') ||
-                          vr == vrCode('P', 'N') || vr == vrCode('U', 'C');
-    if (single) {
+    if (kind->text == Text::Whole) {
         // One value: DCMTK gives it whatever the position asked for.
         *out = v.bytes;
         return true;
     }
+    // The others split at "\", each value trimmed the way DCMTK normalises the VR.
+    const bool leading = kind->text == Text::Trimmed;
+    const bool trailing = leading || kind->text == Text::Trailing;
     size_t start = 0;
     for (int index = 0;; ++index) {
         const size_t stop = std::min(v.bytes.find('\\', start), v.bytes.size());

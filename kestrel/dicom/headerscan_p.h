@@ -68,6 +68,7 @@ private:
     std::vector<quint32> m_wanted; // sorted
     std::vector<Value> m_values;
     Dictionary m_dictionary;
+    std::vector<unsigned char> m_buffer; // the reader's window
 };
 
 } // namespace kestrel::internal

@@ -27,25 +27,16 @@ void readFacts(DcmItem* item, FileFacts& facts)
     facts.instanceNumber = dcmInt(item, DCM_InstanceNumber);
 }
 
-namespace {
-
-quint32 code(const DcmTagKey& key)
-{
-    return (quint32(key.getGroup()) << 16) | key.getElement();
-}
-
-} // namespace
-
 std::vector<quint32> factTags()
 {
-    return {code(DCM_SOPInstanceUID), code(DCM_SeriesInstanceUID), code(DCM_StudyInstanceUID), code(DCM_InstanceNumber)};
+    return {dcmTagCode(DCM_SOPInstanceUID), dcmTagCode(DCM_SeriesInstanceUID), dcmTagCode(DCM_StudyInstanceUID), dcmTagCode(DCM_InstanceNumber)};
 }
 
 bool readFacts(const HeaderScan& scan, FileFacts& facts)
 {
     // The instance number as DCMTK converts it, for the plain integers it is written as.
     int number = 0;
-    if (const HeaderScan::Value* value = scan.find(code(DCM_InstanceNumber))) {
+    if (const HeaderScan::Value* value = scan.find(dcmTagCode(DCM_InstanceNumber))) {
         if (value->vr[0] != 'I' || value->vr[1] != 'S')
             return false;
         const QString text = scan.string(value->tag);
@@ -56,9 +47,9 @@ bool readFacts(const HeaderScan& scan, FileFacts& facts)
                 return false;
         }
     }
-    facts.sopInstanceUID = scan.string(code(DCM_SOPInstanceUID)).trimmed();
-    facts.seriesUID = scan.string(code(DCM_SeriesInstanceUID));
-    facts.studyUID = scan.string(code(DCM_StudyInstanceUID)).trimmed();
+    facts.sopInstanceUID = scan.string(dcmTagCode(DCM_SOPInstanceUID)).trimmed();
+    facts.seriesUID = scan.string(dcmTagCode(DCM_SeriesInstanceUID));
+    facts.studyUID = scan.string(dcmTagCode(DCM_StudyInstanceUID)).trimmed();
     facts.instanceNumber = number;
     return true;
 }

@@ -41,11 +41,6 @@ struct TablePlan {
     QHash<quint32, QVector<int>> byTag;
 };
 
-quint32 tagCode(const DcmTagKey& key)
-{
-    return (quint32(key.getGroup()) << 16) | key.getElement();
-}
-
 // Every keyword of DCMTK's dictionary with its tag (one walk; findTagFromName scans the whole
 // dictionary on each call).
 QHash<QString, DcmTagKey> dictionaryKeywords()
@@ -128,7 +123,7 @@ std::unique_ptr<TablePlan> buildPlan(const QHash<QString, DcmTagKey>& keywords, 
         }
         plan->sources.append(source);
         if (source.hasTag)
-            plan->byTag[tagCode(source.tag)].append(i);
+            plan->byTag[dcmTagCode(source.tag)].append(i);
     }
     return plan;
 }
@@ -278,7 +273,7 @@ QVector<QVector<QVariant>> readColumns(const QStringList& tables, DcmItem* item)
         auto* element = static_cast<DcmElement*>(object);
         if (element->ident() == EVR_SQ)
             continue;
-        fill.put(tagCode(element->getTag()), [&](QString* text) {
+        fill.put(dcmTagCode(element->getTag()), [&](QString* text) {
             OFString raw;
             // A UID has one value: stored as the lookups read it, the first one.
             if ((element->ident() == EVR_UI ? element->getOFString(raw, 0) : element->getOFStringArray(raw)).bad())
@@ -294,7 +289,7 @@ QVector<QVector<QVariant>> readColumns(const QStringList& tables, const HeaderSc
 {
     ColumnFill fill(tables);
     QString charset;
-    if (const HeaderScan::Value* value = scan.find(tagCode(DCM_SpecificCharacterSet))) {
+    if (const HeaderScan::Value* value = scan.find(dcmTagCode(DCM_SpecificCharacterSet))) {
         QStringList sets = scan.string(value->tag, -1).split(QLatin1Char('\\'));
         for (QString& set : sets)
             set = set.trimmed();
@@ -316,7 +311,7 @@ QVector<QVector<QVariant>> readColumns(const QStringList& tables, const HeaderSc
 
 std::vector<quint32> columnTags(const QStringList& tables)
 {
-    std::vector<quint32> tags{tagCode(DCM_SpecificCharacterSet)};
+    std::vector<quint32> tags{dcmTagCode(DCM_SpecificCharacterSet)};
     for (const QString& table : tables) {
         const TablePlan& plan = planFor(table);
         for (auto it = plan.byTag.cbegin(); it != plan.byTag.cend(); ++it)

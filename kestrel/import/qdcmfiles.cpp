@@ -102,8 +102,15 @@ namespace {
 // Only one maker's series hold several phases under one UID (told apart by a private attribute).
 bool phasedSeries(const QString& seriesUID)
 {
-    const QStringList parts = seriesUID.split('.');
-    return parts.size() > 3 && parts.at(3) == QLatin1String("30917");
+    // The fourth component is "30917" (asked of every file read: no split).
+    int start = 0;
+    for (int dots = 0; dots < 3; ++dots) {
+        start = seriesUID.indexOf(QLatin1Char('.'), start) + 1;
+        if (start == 0)
+            return false;
+    }
+    const int end = seriesUID.indexOf(QLatin1Char('.'), start);
+    return QStringView(seriesUID).mid(start, (end < 0 ? seriesUID.size() : end) - start) == QLatin1String("30917");
 }
 
 } // namespace

@@ -168,8 +168,8 @@ void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, Dcm
 
 void readImageRecords(ImageFormat* format, ImagePix* pix, MRImageInfo* info, const HeaderScan& scan)
 {
-    const quint32 sop = (quint32(DCM_SOPInstanceUID.getGroup()) << 16) | DCM_SOPInstanceUID.getElement();
-    fillImageRecords(format, pix, info, records::readColumns(imageTables(), scan), scan.string(sop));
+    fillImageRecords(format, pix, info, records::readColumns(imageTables(), scan),
+                     scan.string(dcmTagCode(DCM_SOPInstanceUID)));
 }
 
 const QStringList& imageTables()

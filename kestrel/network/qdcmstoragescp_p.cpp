@@ -375,11 +375,6 @@ namespace {
 const std::pair<DcmTagKey, const char*> kReadBack[] = {{DCM_SeriesInstanceUID, "UI"}, {DCM_SeriesDate, "DA"},
                                                        {DCM_SOPClassUID, "UI"}, {DCM_SOPInstanceUID, "UI"}};
 
-quint32 tagCode(const DcmTagKey& key)
-{
-    return (quint32(key.getGroup()) << 16) | key.getElement();
-}
-
 } // namespace
 
 bool QDcmStorageSCPPrivate::scanReceived(const QString& part, DcmDataset* dataset)
@@ -390,20 +385,20 @@ bool QDcmStorageSCPPrivate::scanReceived(const QString& part, DcmDataset* datase
         kestrel::internal::HeaderScan made;
         std::vector<quint32> tags;
         for (const auto& [tag, vr] : kReadBack)
-            tags.push_back(tagCode(tag));
+            tags.push_back(kestrel::internal::dcmTagCode(tag));
         made.setWanted(tags);
         return made;
     }();
     if (!scan.scan(QFile::encodeName(part)))
         return false;
     for (const auto& [tag, vr] : kReadBack) {
-        const kestrel::internal::HeaderScan::Value* value = scan.find(tagCode(tag));
+        const kestrel::internal::HeaderScan::Value* value = scan.find(kestrel::internal::dcmTagCode(tag));
         if (value && (value->vr[0] != vr[0] || value->vr[1] != vr[1]))
             return false;
     }
     std::string text;
     for (const auto& [tag, vr] : kReadBack) {
-        const kestrel::internal::HeaderScan::Value* value = scan.find(tagCode(tag));
+        const kestrel::internal::HeaderScan::Value* value = scan.find(kestrel::internal::dcmTagCode(tag));
         // A value with a NUL would not go into the data set whole: DCMTK reads that object.
         if (value && (!kestrel::internal::HeaderScan::text(*value, -1, &text) || text.find('\0') != std::string::npos ||
                       dataset->putAndInsertString(tag, text.c_str()).bad()))

@@ -4,6 +4,7 @@
 #include "syntheticdicom.h"
 #include "testcatalog.h"
 
+#include "dicom/dcmvalues_p.h"
 #include "dicom/headerscan_p.h"
 #include "import/headerread_p.h"
 #include "import/imagerecordfill_p.h"
@@ -21,14 +22,10 @@
 #include <QtTest>
 
 using kestrel::internal::HeaderScan;
+using kestrel::internal::dcmTagCode;
 namespace import = kestrel::internal::import;
 
 namespace {
-
-quint32 code(const DcmTagKey& key)
-{
-    return (quint32(key.getGroup()) << 16) | key.getElement();
-}
 
 // Raw explicit VR little endian bytes, for files DCMTK's writer would not make.
 struct Raw {
@@ -208,22 +205,22 @@ private slots:
                 while (inside.endsWith(' ') || inside.endsWith('\0'))
                     inside.chop(1);
                 const bool clean = value.clean && !(uid && (inside.contains(' ') || inside.contains('\t') || inside.contains('\0')));
-                QTest::addRow("%s %s", kind.vr, value.name) << QByteArray(kind.vr) << code(kind.tag) << value.value << clean;
+                QTest::addRow("%s %s", kind.vr, value.name) << QByteArray(kind.vr) << dcmTagCode(kind.tag) << value.value << clean;
             }
-        QTest::addRow("UI NUL padding") << QByteArray("UI") << code(DCM_SeriesInstanceUID) << QByteArray("1.2.3\0", 6) << true;
+        QTest::addRow("UI NUL padding") << QByteArray("UI") << dcmTagCode(DCM_SeriesInstanceUID) << QByteArray("1.2.3\0", 6) << true;
         const auto le16 = [](std::initializer_list<int> values) {
             QByteArray out;
             for (int v : values)
                 out.append(char(v & 0xFF)).append(char((v >> 8) & 0xFF));
             return out;
         };
-        QTest::addRow("US") << QByteArray("US") << code(DCM_Rows) << le16({512, 65535}) << true;
-        QTest::addRow("SS") << QByteArray("SS") << code(DCM_SmallestImagePixelValue) << le16({-1, -32768}) << true;
-        QTest::addRow("UL") << QByteArray("UL") << code(DCM_SimpleFrameList) << le16({0xFFFF, 0xFFFF, 7, 0}) << true;
-        QTest::addRow("SL") << QByteArray("SL") << code(DCM_ReferencePixelX0) << le16({0xFFFE, 0xFFFF}) << true;
-        QTest::addRow("US odd length") << QByteArray("US") << code(DCM_Rows) << QByteArray("\1\2\3", 3) << false;
-        QTest::addRow("FD (left to DCMTK)") << QByteArray("FD") << code(DCM_ImagingFrequency) << QByteArray(8, '\1') << false;
-        QTest::addRow("text as OB") << QByteArray("OB") << code(DCM_InstitutionName) << QByteArray("ab") << false;
+        QTest::addRow("US") << QByteArray("US") << dcmTagCode(DCM_Rows) << le16({512, 65535}) << true;
+        QTest::addRow("SS") << QByteArray("SS") << dcmTagCode(DCM_SmallestImagePixelValue) << le16({-1, -32768}) << true;
+        QTest::addRow("UL") << QByteArray("UL") << dcmTagCode(DCM_SimpleFrameList) << le16({0xFFFF, 0xFFFF, 7, 0}) << true;
+        QTest::addRow("SL") << QByteArray("SL") << dcmTagCode(DCM_ReferencePixelX0) << le16({0xFFFE, 0xFFFF}) << true;
+        QTest::addRow("US odd length") << QByteArray("US") << dcmTagCode(DCM_Rows) << QByteArray("\1\2\3", 3) << false;
+        QTest::addRow("FD (left to DCMTK)") << QByteArray("FD") << dcmTagCode(DCM_ImagingFrequency) << QByteArray(8, '\1') << false;
+        QTest::addRow("text as OB") << QByteArray("OB") << dcmTagCode(DCM_InstitutionName) << QByteArray("ab") << false;
     }
     void valuesAsDcmtk()
     {
